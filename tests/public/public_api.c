@@ -1,0 +1,59 @@
+/* Compiled as strict C99 against the installed header and shared library only. */
+#include <Brackvista40Lib1.h>
+
+#include <stdio.h>
+#include <string.h>
+
+static int failures = 0;
+#define CHECK(c)                                                     \
+    do {                                                             \
+        if (!(c)) {                                                  \
+            fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #c); \
+            ++failures;                                              \
+        }                                                            \
+    } while (0)
+
+typedef struct {
+    int32_t index, threaded, first, end;
+    int32_t *rows_seen;
+} Rec;
+
+static void *mark_rows(void *p) {
+    Rec *r = (Rec *)p;
+    int y;
+    for (y = r->first; y < r->end; ++y) r->rows_seen[y] += 1;
+    return NULL;
+}
+
+static void stop_cb(int32_t *cancel, float fraction) {
+    (void)fraction;
+    *cancel = 1;
+}
+
+int main(void) {
+    int32_t seen[37];
+    Rec templ;
+    int y, x0, y0, x1, y1;
+
+    /* Record sizes are part of the ABI. */
+    CHECK(sizeof(TmParam) == 240);
+    CHECK(sizeof(DimParam) == 40);
+    CHECK(sizeof(optimParam) == 72);
+    CHECK(sizeof(LogLumStats) == 24);
+
+    CHECK(progress(NULL, 0.5f) == 1);
+    CHECK(progress(stop_cb, 0.5f) == 0);
+
+    memset(seen, 0, sizeof seen);
+    memset(&templ, 0, sizeof templ);
+    templ.rows_seen = seen;
+    CHECK(DivideWork(0, 37, 3, mark_rows, &templ, sizeof templ) == 0);
+    for (y = 0; y < 37; ++y) CHECK(seen[y] == 1);
+
+    get_tile_coordinates(100, 80, 40, 40, 3, 2, 8, 1, 1, &x0, &y0, &x1, &y1);
+    CHECK(x0 == 32 && x1 == 88 && y0 == 32 && y1 == 80);
+
+    if (failures) return 1;
+    printf("public C API: all checks passed\n");
+    return 0;
+}
