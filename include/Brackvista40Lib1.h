@@ -104,6 +104,15 @@ typedef struct exifInfo {
     int32_t fpResUnit;                  /* focal-plane resolution unit */
 } exifInfo;
 
+/* Dimensions found in a Radiance file header, filled by rgbe_dim. */
+typedef struct RgbeDims {
+    int32_t width;
+    int32_t height;
+    int64_t fileSize;        /* bytes */
+    int32_t primariesCount;  /* set to 32 when a PRIMARIES= line was read;
+                                the caller initialises it, normally to 0 */
+} RgbeDims;
+
 /* ===================================================================== */
 /*  Buffers and pixel helpers                                            */
 /* ===================================================================== */
