@@ -180,6 +180,91 @@ BV_API int getDenoiseTileInfo(int width, int height, size_t memBudget, int *cols
 /*  HDR generation: exposures, response curve, merge                     */
 /* ===================================================================== */
 /* @section hdrgen */
+/* Codes of this family. -1 from calc_courbe means no usable sample. */
+enum {
+    BV_HDR_ENOPOS = -1,     /* calc_courbe: no sample position qualifies */
+    BV_HDR_EDEPTH = -2,     /* calc_courbe: bits per sample other than 8/16 */
+    BV_HDR_EINVAL = -3,     /* NULL buffer, negative size, bad channel count,
+                               merge with n < 1 or a non-positive exposure */
+    BV_HDR_ENOMEM = -4,     /* working memory could not be allocated */
+    BV_HDR_CANCELLED = -5   /* bv_hdr_merge: the progress callback asked to stop */
+};
+
+/* Brightness statistic per bracket (stats[n], caller-allocated). n images of
+ * rowStride samples per row (image k at sample k * rowStride * height),
+ * channels 1..4, 8 or 16 bits (other depths: empty histogram). Statistic:
+ * median luma bin * 256; nearly black images their 95th-percentile bin
+ * (0..256); nearly white ones 65536 + 17th-percentile bin. Returns
+ * trunc(0.5 * width * height) (n < 1: writes nothing); BV_HDR_EINVAL. */
+BV_API int mediane_images(int n, int width, int height, int rowStride, int channels,
+                          int bitsPerSample, const void *data, int32_t *stats);
+
+/* Exposure factors from mediane_images statistics. evStep > 0: brackets are
+ * evStep stops apart; otherwise estimated (stats below 1 are raised to 1 in
+ * place). wholeStops = 0: result[image] = linear factor, the middle image of
+ * the brightest-first order gets 1. wholeStops != 0 (estimation only):
+ * result[i] = rounded EV of the i-th brightest, stats[i] = its index.
+ * Returns n, 0 when n < 1, BV_HDR_EINVAL, BV_HDR_ENOMEM. */
+BV_API int guess_ev(int wholeStops, int n, int32_t *stats, float *result, float evStep);
+
+/* Exposure factors from camera data: records holds n records of 7 int32
+ * (time num, time den, f-number num, f-number den, EV in 1/1000 stop used
+ * when the time is 0/0, ISO, unused). The first n floats of records are
+ * overwritten with the factors. Returns 1; BV_HDR_EINVAL for NULL. */
+BV_API int get_ev(int n, int32_t *records);
+
+/* order[n] receives image indices by ascending value (ties: higher index
+ * first). Returns n, 0 when n < 1, BV_HDR_EINVAL, BV_HDR_ENOMEM. */
+BV_API int fClassementCroissant(int n, const float *values, int32_t *order);
+
+/* Mean of R+G+B (samples 0..2; 16-bit: high bytes) on the 8-bit scale over a
+ * grid of about 50 x 50 pixels. rowStride and pixelStep in samples. Returns
+ * the level, 0 for other depths, NULL data or an empty image. */
+BV_API int moy_image(int width, int height, int rowStride, int pixelStep, int bitsPerSample,
+                     const void *data);
+
+/* Index of the middle image when the n values (levels 1..254, e.g. from
+ * moy_image) are taken from the largest down; BV_HDR_EINVAL for n < 1. */
+BV_API int mid_im(int n, const int32_t *values);
+
+/* Gamma of an ICC profile (file form, big-endian) of expectedSize bytes:
+ * the first r/g/bTRC tag with a one-entry curve gives its 8.8 gamma, any
+ * other curve, a missing tag or a tag pointing outside the profile 2.2.
+ * Returns the scan position after the tag signature, size - 12 when not
+ * found, 0 for a tiny profile; a size field differing from expectedSize
+ * (or NULL arguments, expectedSize < 4) returns a negative value and leaves
+ * *gamma untouched. */
+BV_API int trc_from_profile(const unsigned char *profile, int expectedSize, float *gamma);
+
+/* table[i] = scale * i^(gammaThousandths / 1000) for i = 1..255,
+ * table[0] = table[1]. Returns 256; BV_HDR_EINVAL for NULL. */
+BV_API int gen_courbe(int gammaThousandths, float scale, float table[256]);
+
+/* Estimates the response gamma from n brackets (layout as mediane_images
+ * with rows of width * channels samples, 8 or 16 bits) and their exposure
+ * factors. result[3] = 200^gamma, 1, rejected sample pairs of the last pair
+ * examined. Returns trunc(gamma * 1000), 2200 when no pair gives a plausible
+ * estimate; BV_HDR_ENOPOS, BV_HDR_EDEPTH, BV_HDR_EINVAL, BV_HDR_ENOMEM. */
+BV_API int calc_courbe(int n, int width, int height, int channels, int bitsPerSample,
+                       const void *data, const float *exposures, float result[3]);
+
+/* Merges n aligned brackets (image k at sample k * width * height * channels,
+ * 8 or 16 bits) into an RGBE scanline image output[4 * width * height].
+ * evStep > 0: brackets evStep stops apart; -0.5 < evStep <= 0: exposures
+ * estimated from the pixels; evStep <= -0.5: exposures[] given by the caller
+ * (NULL: every bracket weighs the same). exposures[n] receives the factors
+ * otherwise. lut[2^bits] receives the linearisation (lut[0] is the gamma to
+ * use when gammaGiven == 1, else 2.2). stats[3] (may be NULL) = minimum,
+ * maximum and mean luminance * 256. mode 2 keeps the marker pixels (all 255:
+ * no usable bracket, all 0: black); otherwise they become greys of the
+ * brightest / darkest luminance. Single-threaded; progress on the calling
+ * thread for images taller than 800 rows. Returns height; 0 for height 0;
+ * BV_HDR_EINVAL, BV_HDR_ENOMEM, BV_HDR_CANCELLED (output incomplete). Other
+ * bit depths are not refused: nothing is read and every pixel is black. */
+BV_API int bv_hdr_merge(bv_progress_cb progressContext, int mode, int n, int width, int height,
+                        int channels, float evStep, int bitsPerSample, int gammaGiven, float *lut,
+                        float *exposures, const void *data, float stats[3],
+                        unsigned char *output);
 /* @end hdrgen */
 
 /* ===================================================================== */
