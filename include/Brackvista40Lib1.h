@@ -174,6 +174,90 @@ BV_API int getDenoiseTileInfo(int width, int height, size_t memBudget, int *cols
 /*  Radiance HDR files                                                   */
 /* ===================================================================== */
 /* @section radiance */
+/* File layout: text header lines ("#?RADIANCE", KEY=value lines), a blank
+ * line, the resolution line "-Y <height> +X <width>", then height scanlines,
+ * either flat (R, G, B, E per pixel) or run-length coded (2, 2, width >> 8,
+ * width & 255, then each component as packets). Only "-Y +X" orientation is
+ * read. A flat file whose first pixel is 2, 2, b < 128 is taken for a
+ * run-length file, so it cannot be read back; only flat rows (widths above
+ * 32767) can produce one. All readers fill caller-allocated RGBE scanline
+ * images and never read outside them or the file; single-threaded. */
+enum {
+    BV_RAD_ERR_IO = -1,          /* cannot open, read or write; header or data ends early */
+    BV_RAD_ERR_FLAT_WRITE = -2,  /* writers: a flat row could not be written */
+    BV_RAD_ERR_NO_RESOLUTION = -2, /* rgbe_dim: no resolution line before the end */
+    BV_RAD_ERR_ZERO_SIZE = -3,   /* rgbe_dim: width or height is 0 or negative */
+    BV_RAD_ERR_MEMORY = -4,      /* out of memory */
+    BV_RAD_ERR_SCANLINE_WIDTH = -4, /* readers: a run-length scanline of another width */
+    BV_RAD_ERR_DIMENSIONS = -200, /* the file's size differs from the expected one */
+    BV_RAD_ERR_SCANLINE_HEADER = -201, /* scanline header with the width's high bit set */
+    BV_RAD_ERR_PACKET = -202,    /* packet code 0, or a packet past the component's end */
+    BV_RAD_ERR_ARGUMENTS = -203  /* NULL buffer, negative or zero sizes */
+};
+
+/* 1 when a header line of at most n bytes ends the header: it is empty, or
+ * holds only spaces, tabs and line feeds after a leading space or tab (a lone
+ * carriage return does not end it); else 0. NULL line: 0. */
+BV_API int rgbe_end_of_header(const char *line, int n);
+
+/* Probes a Radiance file: dims gets width, height and file size; primaries
+ * (may be NULL) gets the eight PRIMARIES= values (red, green, blue, white x y),
+ * defaults when the file has none, or zeros when dims->primariesCount (which
+ * the caller initialises, normally to 0, and which becomes 32 when the file
+ * has a PRIMARIES= line) is below 1. Returns the number of header lines
+ * before the resolution line; -1 NULL path or dims, open or seek failure;
+ * -2 no resolution line before the end of the file; -3 width or height not
+ * positive; -4 out of memory. */
+BV_API int rgbe_dim(const char *path, float primaries[8], RgbeDims *dims);
+
+/* Reads the header keys CAMERA=, CAPDATE=, ICC_PROFILE=, SHUTTER=,
+ * APERTURE=, ISO= and FOCAL_LENGTH= into exif (profile is first set to -1;
+ * absent keys leave their fields alone; SHUTTER=0.5 becomes 100/200,
+ * APERTURE=8 becomes 800/100). Returns the number of lines read before the
+ * resolution line; -1 NULL argument, open failure or no resolution line;
+ * -4 out of memory. */
+BV_API int extract_rgbe_exif(const char *path, exifInfo *exif);
+
+/* Reads a whole Radiance file of width x height pixels into out
+ * (4 x width x height bytes, caller-allocated, RGBE scanline image). Returns
+ * height; -1 open failure (with the message "bv_io_read_rgbe - could not open
+ * input Radiance file"), header end or short read; -4 out of memory or a
+ * run-length scanline of another width; -200 other dimensions in the file
+ * (message on standard error); -201, -202 bad run-length data; -203 NULL out,
+ * negative width or height. On failure out keeps the rows already read. */
+BV_API int bv_io_read_rgbe(int width, int height, const char *path, unsigned char *out);
+
+/* Other names of bv_io_read_rgbe(width, height, path, out). */
+BV_API int decomp2(const char *path, int width, int height, unsigned char *out);
+BV_API int decomp_rle(const char *path, int width, int height, unsigned char *out);
+
+/* Subsampled read: preview row k is file row trunc(k * height / ph), column j
+ * file column trunc(j * width / pw) (steps as floats); out holds 4 x pw x ph
+ * bytes. Returns height + 1 when all ph rows were filled (the reader stops
+ * there), height when the file rows ran out first, 0 for a file without rows;
+ * codes as bv_io_read_rgbe without messages; -203 also for pw or ph below 1,
+ * or width 0 with rows. */
+BV_API int bv_io_read_preview_rgbe(int width, int height, int pw, int ph, const char *path,
+                                   unsigned char *out);
+
+/* Writes an RGBE scanline image of width x height as a Radiance file, with
+ * the metadata of exif (may be NULL) and the colour profile name (at most
+ * 32 characters, may be NULL) in the header. Rows are run-length coded up to
+ * width 32767 and flat above. Returns height; -1 NULL path, open or write
+ * failure; -2 a flat row could not be written (message on standard output);
+ * -4 out of memory; -203 NULL rgbe, width or height below 1. `ignored` is
+ * not read. */
+BV_API int bv_io_rgbe_write(const char *path, int width, int height, const exifInfo *exif,
+                            int ignored, const char profile[32], const unsigned char *rgbe);
+
+/* Writes strip k (from 0) of an image of width x totalHeight made of strips
+ * of stripHeight rows: strip 0 creates the file with a plain header, later
+ * strips are appended; call in order 0, 1, 2, ... from one thread. rgbe holds
+ * the strip's rows (the last strip may be shorter). Returns the rows written
+ * (0 for a strip past the end); codes as bv_io_rgbe_write, -203 also for a
+ * negative k or stripHeight below 1. */
+BV_API int bv_write_strip_rgbe(const char *path, int k, int stripHeight, int width,
+                               int totalHeight, int ignored, const unsigned char *rgbe);
 /* @end radiance */
 
 /* ===================================================================== */
