@@ -395,12 +395,181 @@ BV_API uint16_t floatToHalf(float f);
 /*  Radiance HDR files                                                   */
 /* ===================================================================== */
 /* @section radiance */
+/* File layout: text header lines ("#?RADIANCE", KEY=value lines), a blank
+ * line, the resolution line "-Y <height> +X <width>", then height scanlines,
+ * either flat (R, G, B, E per pixel) or run-length coded (2, 2, width >> 8,
+ * width & 255, then each component as packets). Only "-Y +X" orientation is
+ * read. A flat file whose first pixel is 2, 2, b < 128 is taken for a
+ * run-length file, so it cannot be read back; only flat rows (widths above
+ * 32767) can produce one. All readers fill caller-allocated RGBE scanline
+ * images and never read outside them or the file; single-threaded. */
+enum {
+    BV_RAD_ERR_IO = -1,          /* cannot open, read or write; header or data ends early */
+    BV_RAD_ERR_FLAT_WRITE = -2,  /* writers: a flat row could not be written */
+    BV_RAD_ERR_NO_RESOLUTION = -2, /* rgbe_dim: no resolution line before the end */
+    BV_RAD_ERR_ZERO_SIZE = -3,   /* rgbe_dim: width or height is 0 or negative */
+    BV_RAD_ERR_MEMORY = -4,      /* out of memory */
+    BV_RAD_ERR_SCANLINE_WIDTH = -4, /* readers: a run-length scanline of another width */
+    BV_RAD_ERR_DIMENSIONS = -200, /* the file's size differs from the expected one */
+    BV_RAD_ERR_SCANLINE_HEADER = -201, /* scanline header with the width's high bit set */
+    BV_RAD_ERR_PACKET = -202,    /* packet code 0, or a packet past the component's end */
+    BV_RAD_ERR_ARGUMENTS = -203  /* NULL buffer, negative or zero sizes */
+};
+
+/* 1 when a header line of at most n bytes ends the header: it is empty, or
+ * holds only spaces, tabs and line feeds after a leading space or tab (a lone
+ * carriage return does not end it); else 0. NULL line: 0. */
+BV_API int rgbe_end_of_header(const char *line, int n);
+
+/* Probes a Radiance file: dims gets width, height and file size; primaries
+ * (may be NULL) gets the eight PRIMARIES= values (red, green, blue, white x y),
+ * defaults when the file has none, or zeros when dims->primariesCount (which
+ * the caller initialises, normally to 0, and which becomes 32 when the file
+ * has a PRIMARIES= line) is below 1. Returns the number of header lines
+ * before the resolution line; -1 NULL path or dims, open or seek failure;
+ * -2 no resolution line before the end of the file; -3 width or height not
+ * positive; -4 out of memory. */
+BV_API int rgbe_dim(const char *path, float primaries[8], RgbeDims *dims);
+
+/* Reads the header keys CAMERA=, CAPDATE=, ICC_PROFILE=, SHUTTER=,
+ * APERTURE=, ISO= and FOCAL_LENGTH= into exif (profile is first set to -1;
+ * absent keys leave their fields alone; SHUTTER=0.5 becomes 100/200,
+ * APERTURE=8 becomes 800/100). Returns the number of lines read before the
+ * resolution line; -1 NULL argument, open failure or no resolution line;
+ * -4 out of memory. */
+BV_API int extract_rgbe_exif(const char *path, exifInfo *exif);
+
+/* Reads a whole Radiance file of width x height pixels into out
+ * (4 x width x height bytes, caller-allocated, RGBE scanline image). Returns
+ * height; -1 open failure (with the message "bv_io_read_rgbe - could not open
+ * input Radiance file"), header end or short read; -4 out of memory or a
+ * run-length scanline of another width; -200 other dimensions in the file
+ * (message on standard error); -201, -202 bad run-length data; -203 NULL out,
+ * negative width or height. On failure out keeps the rows already read. */
+BV_API int bv_io_read_rgbe(int width, int height, const char *path, unsigned char *out);
+
+/* Other names of bv_io_read_rgbe(width, height, path, out). */
+BV_API int decomp2(const char *path, int width, int height, unsigned char *out);
+BV_API int decomp_rle(const char *path, int width, int height, unsigned char *out);
+
+/* Subsampled read: preview row k is file row trunc(k * height / ph), column j
+ * file column trunc(j * width / pw) (steps as floats); out holds 4 x pw x ph
+ * bytes. Returns height + 1 when all ph rows were filled (the reader stops
+ * there), height when the file rows ran out first, 0 for a file without rows;
+ * codes as bv_io_read_rgbe without messages; -203 also for pw or ph below 1,
+ * or width 0 with rows. */
+BV_API int bv_io_read_preview_rgbe(int width, int height, int pw, int ph, const char *path,
+                                   unsigned char *out);
+
+/* Writes an RGBE scanline image of width x height as a Radiance file, with
+ * the metadata of exif (may be NULL) and the colour profile name (at most
+ * 32 characters, may be NULL) in the header. Rows are run-length coded up to
+ * width 32767 and flat above. Returns height; -1 NULL path, open or write
+ * failure; -2 a flat row could not be written (message on standard output);
+ * -4 out of memory; -203 NULL rgbe, width or height below 1. `ignored` is
+ * not read. */
+BV_API int bv_io_rgbe_write(const char *path, int width, int height, const exifInfo *exif,
+                            int ignored, const char profile[32], const unsigned char *rgbe);
+
+/* Writes strip k (from 0) of an image of width x totalHeight made of strips
+ * of stripHeight rows: strip 0 creates the file with a plain header, later
+ * strips are appended; call in order 0, 1, 2, ... from one thread. rgbe holds
+ * the strip's rows (the last strip may be shorter). Returns the rows written
+ * (0 for a strip past the end); codes as bv_io_rgbe_write, -203 also for a
+ * negative k or stripHeight below 1. */
+BV_API int bv_write_strip_rgbe(const char *path, int k, int stripHeight, int width,
+                               int totalHeight, int ignored, const unsigned char *rgbe);
 /* @end radiance */
 
 /* ===================================================================== */
 /*  HDR generation: exposures, response curve, merge                     */
 /* ===================================================================== */
 /* @section hdrgen */
+/* Codes of this family. -1 from calc_courbe means no usable sample. */
+enum {
+    BV_HDR_ENOPOS = -1,     /* calc_courbe: no sample position qualifies */
+    BV_HDR_EDEPTH = -2,     /* calc_courbe: bits per sample other than 8/16 */
+    BV_HDR_EINVAL = -3,     /* NULL buffer, negative size, bad channel count,
+                               merge with n < 1 or a non-positive exposure */
+    BV_HDR_ENOMEM = -4,     /* working memory could not be allocated */
+    BV_HDR_CANCELLED = -5   /* bv_hdr_merge: the progress callback asked to stop */
+};
+
+/* Brightness statistic per bracket (stats[n], caller-allocated). n images of
+ * rowStride samples per row (image k at sample k * rowStride * height),
+ * channels 1..4, 8 or 16 bits (other depths: empty histogram). Statistic:
+ * median luma bin * 256; nearly black images their 95th-percentile bin
+ * (0..256); nearly white ones 65536 + 17th-percentile bin. Returns
+ * trunc(0.5 * width * height) (n < 1: writes nothing); BV_HDR_EINVAL. */
+BV_API int mediane_images(int n, int width, int height, int rowStride, int channels,
+                          int bitsPerSample, const void *data, int32_t *stats);
+
+/* Exposure factors from mediane_images statistics. evStep > 0: brackets are
+ * evStep stops apart; otherwise estimated (stats below 1 are raised to 1 in
+ * place). wholeStops = 0: result[image] = linear factor, the middle image of
+ * the brightest-first order gets 1. wholeStops != 0 (estimation only):
+ * result[i] = rounded EV of the i-th brightest, stats[i] = its index.
+ * Returns n, 0 when n < 1, BV_HDR_EINVAL, BV_HDR_ENOMEM. */
+BV_API int guess_ev(int wholeStops, int n, int32_t *stats, float *result, float evStep);
+
+/* Exposure factors from camera data: records holds n records of 7 int32
+ * (time num, time den, f-number num, f-number den, EV in 1/1000 stop used
+ * when the time is 0/0, ISO, unused). The first n floats of records are
+ * overwritten with the factors. Returns 1; BV_HDR_EINVAL for NULL. */
+BV_API int get_ev(int n, int32_t *records);
+
+/* order[n] receives image indices by ascending value (ties: higher index
+ * first). Returns n, 0 when n < 1, BV_HDR_EINVAL, BV_HDR_ENOMEM. */
+BV_API int fClassementCroissant(int n, const float *values, int32_t *order);
+
+/* Mean of R+G+B (samples 0..2; 16-bit: high bytes) on the 8-bit scale over a
+ * grid of about 50 x 50 pixels. rowStride and pixelStep in samples. Returns
+ * the level, 0 for other depths, NULL data or an empty image. */
+BV_API int moy_image(int width, int height, int rowStride, int pixelStep, int bitsPerSample,
+                     const void *data);
+
+/* Index of the middle image when the n values (levels 1..254, e.g. from
+ * moy_image) are taken from the largest down; BV_HDR_EINVAL for n < 1. */
+BV_API int mid_im(int n, const int32_t *values);
+
+/* Gamma of an ICC profile (file form, big-endian) of expectedSize bytes:
+ * the first r/g/bTRC tag with a one-entry curve gives its 8.8 gamma, any
+ * other curve, a missing tag or a tag pointing outside the profile 2.2.
+ * Returns the scan position after the tag signature, size - 12 when not
+ * found, 0 for a tiny profile; a size field differing from expectedSize
+ * (or NULL arguments, expectedSize < 4) returns a negative value and leaves
+ * *gamma untouched. */
+BV_API int trc_from_profile(const unsigned char *profile, int expectedSize, float *gamma);
+
+/* table[i] = scale * i^(gammaThousandths / 1000) for i = 1..255,
+ * table[0] = table[1]. Returns 256; BV_HDR_EINVAL for NULL. */
+BV_API int gen_courbe(int gammaThousandths, float scale, float table[256]);
+
+/* Estimates the response gamma from n brackets (layout as mediane_images
+ * with rows of width * channels samples, 8 or 16 bits) and their exposure
+ * factors. result[3] = 200^gamma, 1, rejected sample pairs of the last pair
+ * examined. Returns trunc(gamma * 1000), 2200 when no pair gives a plausible
+ * estimate; BV_HDR_ENOPOS, BV_HDR_EDEPTH, BV_HDR_EINVAL, BV_HDR_ENOMEM. */
+BV_API int calc_courbe(int n, int width, int height, int channels, int bitsPerSample,
+                       const void *data, const float *exposures, float result[3]);
+
+/* Merges n aligned brackets (image k at sample k * width * height * channels,
+ * 8 or 16 bits) into an RGBE scanline image output[4 * width * height].
+ * evStep > 0: brackets evStep stops apart; -0.5 < evStep <= 0: exposures
+ * estimated from the pixels; evStep <= -0.5: exposures[] given by the caller
+ * (NULL: every bracket weighs the same). exposures[n] receives the factors
+ * otherwise. lut[2^bits] receives the linearisation (lut[0] is the gamma to
+ * use when gammaGiven == 1, else 2.2). stats[3] (may be NULL) = minimum,
+ * maximum and mean luminance * 256. mode 2 keeps the marker pixels (all 255:
+ * no usable bracket, all 0: black); otherwise they become greys of the
+ * brightest / darkest luminance. Single-threaded; progress on the calling
+ * thread for images taller than 800 rows. Returns height; 0 for height 0;
+ * BV_HDR_EINVAL, BV_HDR_ENOMEM, BV_HDR_CANCELLED (output incomplete). Other
+ * bit depths are not refused: nothing is read and every pixel is black. */
+BV_API int bv_hdr_merge(bv_progress_cb progressContext, int mode, int n, int width, int height,
+                        int channels, float evStep, int bitsPerSample, int gammaGiven, float *lut,
+                        float *exposures, const void *data, float stats[3],
+                        unsigned char *output);
 /* @end hdrgen */
 
 /* ===================================================================== */
