@@ -111,6 +111,7 @@ void merge(int n, int width, int height, int bits, const void *data, float ev_st
     int rc = bv_hdr_merge(&Progress::library_callback, 0, n, width, height, 3, ev_step, bits, 1,
                           lut.data(), exposures.data(), data, stats, rgbe.data());
     check_interrupted();
+    if (rc == BV_HDR_CANCELLED) throw Failure(kCancelled, "cancelled");
     if (rc == -4) fail("not enough memory to merge " + std::to_string(n) + " brackets");
     if (rc != height) fail("merging failed (" + code_text(rc) + ")");
 #else
