@@ -231,8 +231,6 @@ int run_demo(int argc, char **argv) {
         d.folder = args.positional()[0];
         if (!is_directory(d.folder)) fail("'" + d.folder + "' is not a folder of brackets");
     }
-    if (!lib::can_merge() || !lib::can_estimate() || !lib::can_tonemap())
-        fail("the demo needs merging and tone mapping, which this build of the library lacks");
     make_dir(d.out_dir);
     for (const auto &s : steps()) {
         check_interrupted();

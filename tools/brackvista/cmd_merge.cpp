@@ -56,7 +56,6 @@ int run_merge(int argc, char **argv) {
     choice.estimate = args.has("estimate");
     choice.gamma = args.number("gamma", 0, 0.2, 5);
     if (inputs.empty()) usage_error("no brackets given (see brackvista merge --help)");
-    if (!lib::can_merge()) fail("merging brackets is not available in this build of the library");
 
     const std::string out_path = args.str("output");
     check_hdr_extension(out_path);

@@ -35,7 +35,6 @@ int run_tonemap(int argc, char **argv) {
     const std::string out_path = args.str("output");
     check_picture_extension(out_path, bits);
     TmParam param = tonemap_param_from(args);
-    if (!lib::can_tonemap()) fail("tone mapping is not available in this build of the library");
 
     OutputFile out(out_path);
     HdrImage hdr = load_hdr(args.positional()[0]);

@@ -7,102 +7,43 @@
 #include "cli.hpp"
 #include "progress.hpp"
 
-// Each family of the library may be missing from a given build; the tool
-// then reports the capability as unavailable instead of failing to link.
-#if !defined(BV_CLI_HAVE_get_ev) || !defined(BV_CLI_HAVE_bv_hdr_merge)
-#define BV_CLI_NO_MERGE 1
-#endif
-#if !defined(BV_CLI_HAVE_tm_simple) || !defined(BV_CLI_HAVE_tmparam_default) || \
-    !defined(BV_CLI_HAVE_logMinMaxMoy) || !defined(BV_CLI_HAVE_exp_lut_old) ||    \
-    !defined(BV_CLI_HAVE_init_dim_param)
-#define BV_CLI_NO_TONEMAP 1
-#endif
-
-// Method number whose defaults the simple tone mapper reads.
-#ifndef BV_CLI_SIMPLE_METHOD
-#define BV_CLI_SIMPLE_METHOD 0
-#endif
-
 namespace bvcli {
 namespace lib {
 namespace {
 
-[[noreturn]] void unavailable(const std::string &what) {
-    fail(what + " is not available in this build of the library");
-}
-
-[[maybe_unused]] std::string code_text(int code) { return "library code " + std::to_string(code); }
+std::string code_text(int code) { return "library code " + std::to_string(code); }
 
 }  // namespace
 
-bool can_merge() {
-#ifdef BV_CLI_NO_MERGE
-    return false;
-#else
-    return true;
-#endif
-}
-
-bool can_tonemap() {
-#ifdef BV_CLI_NO_TONEMAP
-    return false;
-#else
-    return true;
-#endif
-}
-
 std::vector<float> exposures_from_camera(std::vector<std::array<int32_t, 7>> records) {
-#ifdef BV_CLI_HAVE_get_ev
     const int n = static_cast<int>(records.size());
     get_ev(n, records.data()->data());
     // The library overwrites the start of the records with n floats.
     std::vector<float> factors(records.size());
     std::memcpy(factors.data(), records.data(), factors.size() * sizeof(float));
     return factors;
-#else
-    (void)records;
-    unavailable("exposures from camera data");
-#endif
-}
-
-bool can_estimate() {
-#if defined(BV_CLI_HAVE_mediane_images) && defined(BV_CLI_HAVE_guess_ev)
-    return true;
-#else
-    return false;
-#endif
 }
 
 std::vector<float> estimate_exposures(int n, int width, int height, int bits, const void *data) {
-#if defined(BV_CLI_HAVE_mediane_images) && defined(BV_CLI_HAVE_guess_ev)
     std::vector<int32_t> stats(static_cast<size_t>(n));
     std::vector<float> factors(static_cast<size_t>(n), 1.0f);
     mediane_images(n, width, height, width * 3, 3, bits, data, stats.data());
     if (guess_ev(0, n, stats.data(), factors.data(), 0.0f) != n) fail("exposure estimation failed");
     return factors;
-#else
-    (void)n, (void)width, (void)height, (void)bits, (void)data;
-    unavailable("estimating exposures");
-#endif
 }
 
 float gamma_from_profile(const std::vector<uint8_t> &icc) {
     float gamma = 2.2f;
-#ifdef BV_CLI_HAVE_trc_from_profile
     if (icc.size() >= 16) {
         const int size = static_cast<int>(icc.size());
         if (trc_from_profile(icc.data(), size, &gamma) < 0) gamma = 2.2f;
     }
-#else
-    (void)icc;
-#endif
     if (!(gamma > 0.1f && gamma < 10.0f)) gamma = 2.2f;
     return gamma;
 }
 
 void merge(int n, int width, int height, int bits, const void *data, float ev_step, float gamma,
            std::vector<float> &exposures, std::vector<uint8_t> &rgbe, float stats[3]) {
-#ifndef BV_CLI_NO_MERGE
     std::vector<float> lut(static_cast<size_t>(1) << bits);
     lut[0] = gamma;
     exposures.resize(static_cast<size_t>(n), 1.0f);
@@ -114,43 +55,27 @@ void merge(int n, int width, int height, int bits, const void *data, float ev_st
     if (rc == BV_HDR_CANCELLED) throw Failure(kCancelled, "cancelled");
     if (rc == -4) fail("not enough memory to merge " + std::to_string(n) + " brackets");
     if (rc != height) fail("merging failed (" + code_text(rc) + ")");
-#else
-    (void)n, (void)width, (void)height, (void)bits, (void)data, (void)ev_step, (void)gamma;
-    (void)exposures, (void)rgbe, (void)stats;
-    unavailable("merging brackets");
-#endif
 }
 
 void write_radiance(const std::string &path, const std::string &shown, int width, int height,
                     const exifInfo &exif, const std::string &profile,
                     const std::vector<uint8_t> &rgbe) {
-#ifdef BV_CLI_HAVE_bv_io_rgbe_write
     char name[32] = {};
     std::strncpy(name, profile.c_str(), sizeof name - 1);
     int rc = bv_io_rgbe_write(path.c_str(), width, height, &exif, 0, name, rgbe.data());
     if (rc != height) fail("cannot write '" + shown + "' (" + code_text(rc) + ")");
-#else
-    (void)path, (void)width, (void)height, (void)exif, (void)profile, (void)rgbe;
-    unavailable("writing Radiance files (" + shown + ")");
-#endif
 }
 
 void write_float_tiff(const std::string &path, const std::string &shown, int width, int height,
                       const std::vector<uint8_t> &rgbe) {
-#ifdef BV_CLI_HAVE_fp_save
     if (width > 65535 || height > 65535)
         fail("'" + shown + "': float TIFF output is limited to 65535 pixels a side");
     int rc = fp_save(path.c_str(), width, height, 0, rgbe.data());
     if (rc != height) fail("cannot write '" + shown + "' (" + code_text(rc) + ")");
-#else
-    (void)path, (void)width, (void)height, (void)rgbe;
-    unavailable("writing float TIFF files (" + shown + ")");
-#endif
 }
 
 RadianceHeader read_radiance_header(const std::string &path) {
     RadianceHeader h;
-#if defined(BV_CLI_HAVE_rgbe_dim) && defined(BV_CLI_HAVE_extract_rgbe_exif)
     RgbeDims dims{};
     int rc = rgbe_dim(path.c_str(), h.primaries, &dims);
     if (rc == -1) fail("cannot open '" + path + "'");
@@ -165,14 +90,10 @@ RadianceHeader read_radiance_header(const std::string &path) {
     h.has_primaries = dims.primariesCount > 0;
     h.exif.profile = -1;
     if (extract_rgbe_exif(path.c_str(), &h.exif) < 0) fail("cannot read the header of '" + path + "'");
-#else
-    unavailable("reading Radiance files (" + path + ")");
-#endif
     return h;
 }
 
 std::vector<uint8_t> read_radiance(const std::string &path, int width, int height) {
-#ifdef BV_CLI_HAVE_bv_io_read_rgbe
     const size_t bytes = static_cast<size_t>(width) * height * 4;
     if (bytes / 4 / width != static_cast<size_t>(height) || bytes > (size_t(1) << 34))
         fail("'" + path + "' is too large (" + std::to_string(width) + "x" + std::to_string(height) + ")");
@@ -181,13 +102,8 @@ std::vector<uint8_t> read_radiance(const std::string &path, int width, int heigh
     if (rc == height) return rgbe;
     if (rc == -1) fail("'" + path + "' is truncated or unreadable");
     fail("'" + path + "' has damaged pixel data (" + code_text(rc) + ")");
-#else
-    (void)width, (void)height;
-    unavailable("reading Radiance files (" + path + ")");
-#endif
 }
 
-#ifndef BV_CLI_NO_TONEMAP
 namespace {
 LogLumStats run_stats(int width, int height, const void *data, bool is_float) {
     float table[256];
@@ -200,37 +116,23 @@ LogLumStats run_stats(int width, int height, const void *data, bool is_float) {
     return s;
 }
 }  // namespace
-#endif
 
 LogLumStats stats_rgbe(int width, int height, const std::vector<uint8_t> &rgbe) {
-#ifndef BV_CLI_NO_TONEMAP
     return run_stats(width, height, rgbe.data(), false);
-#else
-    (void)width, (void)height, (void)rgbe;
-    unavailable("luminance statistics");
-#endif
 }
 
 LogLumStats stats_float(int width, int height, const std::vector<float> &rgb) {
-#ifndef BV_CLI_NO_TONEMAP
     return run_stats(width, height, rgb.data(), true);
-#else
-    (void)width, (void)height, (void)rgb;
-    unavailable("luminance statistics");
-#endif
 }
 
 TmParam tonemap_defaults() {
     TmParam p{};
-#ifndef BV_CLI_NO_TONEMAP
-    tmparam_default(BV_CLI_SIMPLE_METHOD, 0, &p);
-#endif
+    tmparam_default(0, 0, &p);  // method 0: the simple mapper's neutral record
     return p;
 }
 
 void tonemap_rows(const TmParam &param, const LogLumStats &stats, int width, int row0, int rows,
                   bool is_float, const void *input, int bits, void *out, int threads) {
-#ifndef BV_CLI_NO_TONEMAP
     float table[256];
     exp_lut_old(table);
     TmParam p = param;
@@ -254,11 +156,6 @@ void tonemap_rows(const TmParam &param, const LogLumStats &stats, int width, int
     if (rc == -5) fail("the image has a single luminance level; nothing to tone-map");
     if (rc == -4) fail("not enough memory to tone-map");
     if (rc < 0) fail("tone mapping failed (" + code_text(rc) + ")");
-#else
-    (void)param, (void)stats, (void)width, (void)row0, (void)rows, (void)is_float, (void)input;
-    (void)bits, (void)out, (void)threads;
-    unavailable("tone mapping");
-#endif
 }
 
 }  // namespace lib

@@ -18,7 +18,6 @@ std::vector<float> exposures_from_camera(std::vector<std::array<int32_t, 7>> rec
 // Relative exposures estimated from the pixels alone (the image in the middle
 // of the brightness order gets 1), as the merge would estimate them.
 std::vector<float> estimate_exposures(int n, int width, int height, int bits, const void *data);
-bool can_estimate();
 
 // Gamma of the tone curve in an ICC profile (2.2 when it has a sampled curve).
 float gamma_from_profile(const std::vector<uint8_t> &icc);
@@ -55,10 +54,6 @@ TmParam tonemap_defaults();
 // per pixel of `bits`); input is RGBE rows or float RGB.
 void tonemap_rows(const TmParam &param, const LogLumStats &stats, int width, int row0, int rows,
                   bool is_float, const void *input, int bits, void *out, int threads);
-
-// Whether this build of the library has each capability, for clear errors.
-bool can_merge();
-bool can_tonemap();
 
 }  // namespace lib
 }  // namespace bvcli

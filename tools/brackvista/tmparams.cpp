@@ -11,15 +11,37 @@
 namespace bvcli {
 
 const std::vector<TmOption> &tonemap_options() {
-    static const std::vector<TmOption> table = {
-        {"exposure", 0, -10, 10, false, "exposure, brighter when positive"},
-        {"brightness", 1, -10, 10, false, "brightness: bends the contrast curve"},
-        {"adaptation", 2, -10, 10, false, "adaptation: local level (-10) to global (10)"},
-        {"white-clip", 3, 0, 30, false, "white point clip, in steps of 3 % of the range"},
-        {"black-clip", 4, 0, 40, false, "black point clip, in steps of 2 % of the range"},
-        {"temperature", 12, -15, 15, true, "colour temperature, -260 K of white per step"},
-        {"saturation", 13, -10, 10, true, "saturation, 10 % per step (-10 = grey)"},
-    };
+    static const std::vector<TmOption> table = [] {
+        std::vector<TmOption> t = {
+            {"exposure", 0, -10, 10, false, "exposure, brighter when positive"},
+            {"brightness", 1, -10, 10, false, "brightness: bends the contrast curve"},
+            {"adaptation", 2, -10, 10, false, "adaptation: to the whole image (-10) or each pixel (10)"},
+            {"white-clip", 3, 0, 30, false, "white point clip, in steps of 3 % of the range"},
+            {"black-clip", 4, 0, 40, false, "black point clip, in steps of 2 % of the range"},
+            {"temperature", 12, -15, 15, true, "colour temperature, -260 K of white per step"},
+            {"saturation", 13, -10, 10, true, "saturation, 10 % per step (-10 = grey)"},
+        };
+        // Colour adjustments per hue band, three slots each from slot 20,
+        // then the master values that add to every band.
+        static const char *kBands[] = {"reds",   "oranges", "yellows", "greens",
+                                       "aquas",  "blues",   "purples", "magentas"};
+        static std::deque<std::string> names, helps;
+        auto add = [&](const std::string &name, int slot, const std::string &help) {
+            names.push_back(name);
+            helps.push_back(help);
+            t.push_back({names.back().c_str(), slot, -100, 100, false, helps.back().c_str()});
+        };
+        for (int b = 0; b < 8; ++b) {
+            std::string band = kBands[b];
+            add(band + "-hue", BV_CA_SLOT_BANDS + 3 * b, band + ": hue shift, 0.3 degrees per unit");
+            add(band + "-sat", BV_CA_SLOT_BANDS + 3 * b + 1, band + ": saturation (-100 grey)");
+            add(band + "-light", BV_CA_SLOT_BANDS + 3 * b + 2, band + ": lightness (-100 black)");
+        }
+        add("hue", BV_CA_SLOT_MASTER_HUE, "all hues: hue shift, added to every band");
+        add("sat", BV_CA_SLOT_MASTER_SAT, "all hues: saturation, added to every band");
+        add("light", BV_CA_SLOT_MASTER_LIGHT, "all hues: lightness, added to every band");
+        return t;
+    }();
     return table;
 }
 
