@@ -117,6 +117,138 @@ typedef struct RgbeDims {
 /*  Buffers and pixel helpers                                            */
 /* ===================================================================== */
 /* @section buffers */
+
+/* Codes of the buffer and pixel helpers. */
+enum {
+    BV_BUF_ERR_FILE = -1,        /* file cannot be opened, read or written;
+                                    copyAndConvertImageRows: unsupported swap */
+    BV_BUF_ERR_ARG = -3,         /* NULL buffer or negative size */
+    BV_STRIP_ERR_SEEK = -20,     /* write_strip/read_strip: seek failed */
+    BV_STRIP_ERR_READ = -21,     /* read_strip: short read */
+    BV_STRIP_ERR_WRITE = -22     /* write_strip: short write */
+};
+
+/* --- Rounding and clamping (pure) ------------------------------------ */
+
+/* Nearest integer, exact halves going down; truncates toward zero first, so
+ * arrondi(2.5) = 2, arrondi(-2.7) = -2. */
+BV_API int      arrondi(float value);
+/* The smaller of a and b. */
+BV_API int      plafond(int a, int b);
+/* b truncated toward zero when (float)a > b, else a. */
+BV_API int      coupeh(int a, float b);
+/* Clamp to 0..255. */
+BV_API int      lim8(int value);
+BV_API int      lim8int(int value);
+/* Clamp to 0..65535. */
+BV_API int64_t  lim16(int64_t value);
+/* 255 when value >= 255, the truncated value when above 0, else 0 (NaN: 0). */
+BV_API uint8_t  lim8f(float value);
+/* v = (p * 0.01)^g * 1000, rounded like arrondi (exact halves down). */
+BV_API int      clipvar(int p, double g);
+BV_API int      fclipvar(float p, double g);
+/* a + (b - a) * t in single precision. */
+BV_API float    lerp(float a, float b, float t);
+/* memcpy of n bytes from src to dst; returns 1 (also for n = 0). */
+BV_API int      copie_mem(const void *src, size_t n, void *dst);
+
+/* --- Byte-order readers ----------------------------------------------- */
+/* Bytes past the end of the file (or a NULL file) read as 0. */
+
+/* Big-endian unsigned 32 and 64 bits. */
+BV_API uint32_t fget4m(FILE *f);
+BV_API uint64_t fget8m(FILE *f);
+/* Big-endian 16 and 32 bits. */
+BV_API uint16_t fgetm2(FILE *f);
+BV_API uint32_t fgetm4(FILE *f);
+/* Little-endian when order is 0x4949 ("II"), big-endian for any other order. */
+BV_API uint16_t fgetmi2(FILE *f, uint16_t order);
+BV_API uint32_t fgetmi4(FILE *f, uint16_t order);
+
+/* --- Row copy and depth conversion ------------------------------------ */
+
+/* Copies bytesPerRow bytes of each of `rows` rows (strides in bytes).
+ * Returns rows, 0 when rows < 1; -3 on NULL buffers. */
+BV_API int copyImageRows(int rows, size_t bytesPerRow, size_t srcStride, size_t dstStride,
+                         const void *src, void *dst);
+/* Strides in samples. swap != 0: copies width pixels per row exchanging the
+ * first and third samples (RGB <-> BGR); only 3 samples per pixel and 8 or
+ * 16 bits are accepted, else -1 with nothing written; returns height.
+ * swap == 0: copies min(srcStride, dstStride) samples per row and returns 0
+ * (not the row count). -3 on NULL buffers or negative sizes. */
+BV_API int copyAndConvertImageRows(int width, int height, int srcStride, int dstStride,
+                                   int samplesPerPixel, int bitsPerSample, int swap,
+                                   const void *src, void *dst);
+/* Widens rows of width * bitsPerPixel / 8 bytes to paddedWidth * bitsPerPixel
+ * / 8 bytes, zeroing the added bytes. src and dst may be the same buffer.
+ * Returns 1 at once when paddedWidth <= width, else height; -3 on NULL. */
+BV_API int fillRowStride(int height, int bitsPerPixel, int width, int paddedWidth,
+                         const void *src, void *dst);
+/* In place, exchanges the first and third sample of every pixel (8- or
+ * 16-bit samples). rowStride in bytes. Returns height; -1 for other bit
+ * depths or fewer than 3 samples per pixel; -3 on NULL. */
+BV_API int bgr2rgb(int width, int height, int rowStride, int samplesPerPixel,
+                   int bitsPerSample, void *buffer);
+/* In place, keeps the high byte of each 16-bit sample: every row of rowBytes
+ * bytes becomes (rowBytes + 1) / 2 bytes, rows packed. width and
+ * samplesPerPixel are not read. Returns height; -3 on NULL. */
+BV_API int from16to8(int width, int height, int samplesPerPixel, int rowBytes,
+                     void *buffer);
+/* The same into a separate destination. */
+BV_API int from16to8copy(int width, int height, int samplesPerPixel, int rowBytes,
+                         const void *src, void *dst);
+/* RGB16 to RGB8 by high byte (no rounding, no dithering); srcStride in
+ * samples, dstStride in bytes. Returns height; -3 on NULL. */
+BV_API int generateOriginalFrom16Bit(int width, int height, int srcStride, int dstStride,
+                                     int samplesPerPixel, const uint16_t *src, uint8_t *dst);
+
+/* --- HDR to 8-bit display renderings ----------------------------------- */
+/* From an RGBE scanline image through the caller's exponent table (see
+ * exp_lut_old). Output is B, G, R; each channel is
+ * pow(mantissa * k * table[E], gamma) * 256 clamped to 0..255 and truncated;
+ * E = 0 gives black. Return height; -3 on NULL. */
+
+/* k = 0.6004653, gamma 0.45; each output row is width * 3 bytes followed by
+ * extraBytes bytes that are left unwritten. */
+BV_API int applyGammaToHDR(int width, int height, const float *table, int extraBytes,
+                           const uint8_t *rgbe, uint8_t *dst);
+/* k = scale, gamma 1/2.2 in single precision; contiguous rows. */
+BV_API int getTonemappedRep(int width, int height, const float *table, const uint8_t *rgbe,
+                            uint8_t *dst, float scale);
+/* k = scale and the given gamma; dstStride in bytes. */
+BV_API int generateOriginalFromHDR(int width, int height, int dstStride, const float *table,
+                                   const uint8_t *rgbe, uint8_t *dst, float gamma,
+                                   float scale);
+
+/* --- Raw buffers and strip files --------------------------------------- */
+
+/* Writes size bytes to path ("wb"). Returns size; -1 when the file cannot be
+ * opened or fewer bytes were written; -3 on NULL or negative size. */
+BV_API int64_t save_buffer(const char *path, const void *buffer, int64_t size);
+/* Reads exactly size bytes from path ("rb"); stores size in *outSize.
+ * Returns 1; -1 when the file cannot be opened or is shorter; -3 on NULL. */
+BV_API int load_buffer(const char *path, void *buffer, int64_t size, int64_t *outSize);
+/* Seeks to offset * 4 bytes, then writes / reads count floats. Return 4;
+ * -20 when the seek fails (also NULL file or negative offset/count); -22 short
+ * write, -21 short read, each with a message on stderr. count = 0 returns 4. */
+BV_API int write_strip(FILE *f, int64_t offset, int64_t count, const float *data);
+BV_API int read_strip(FILE *f, int64_t offset, int64_t count, float *data);
+
+/* --- Mersenne twister -------------------------------------------------- */
+
+/* Generator state: position in bytes (0..2496), then 624 words. */
+typedef struct MtRandom {
+    uint32_t pos;
+    uint32_t mt[624];
+} MtRandom;
+
+/* Word i = i and position 2496 (exhausted); there is no seed. */
+BV_API void     mt_init(MtRandom *state);
+/* Next raw state word (no tempering); regenerates all words when exhausted.
+ * A position that is not a multiple of 4 below 2496 counts as exhausted.
+ * NULL state: returns 0. */
+BV_API uint32_t mt_random(MtRandom *state);
+
 /* @end buffers */
 
 /* ===================================================================== */
@@ -168,6 +300,95 @@ BV_API int getDenoiseTileInfo(int width, int height, size_t memBudget, int *cols
 /*  RGBE pixels, float TIFF and log-luminance statistics                 */
 /* ===================================================================== */
 /* @section rgbe */
+
+/* Codes of the RGBE, float TIFF and statistics functions. */
+enum {
+    BV_RGBE_ERR_OPEN = -1,    /* fp2rgbe: file cannot be opened;
+                                 log_histo: empty range (lo >= hi) */
+    BV_RGBE_ERR_WRITE = -2,   /* fp_save: open or write failed */
+    BV_RGBE_ERR_ARG = -3,     /* NULL buffer, negative size, or a size the
+                                 format cannot hold */
+    BV_RGBE_ERR_NOMEM = -4    /* scratch memory could not be allocated */
+};
+
+/* Fills table[e] = 2^(e - 136) for e = 1..255; table[0] holds the bit
+ * pattern 0x00002000 (never used: E = 0 is black). Returns 256; -3 on NULL. */
+BV_API int exp_lut_old(float table[256]);
+
+/* Decodes pixel x of an RGBE scanline row whose G, B and E planes start at
+ * gOff, bOff and eOff bytes: out = mantissa * table[E], or 0 when E = 0.
+ * Returns E; -3 on NULL. */
+BV_API int rgbe2float(const unsigned char *row, const float *table, int gOff, int bOff,
+                      int eOff, int x, float out[3]);
+
+/* RGBE scanline image to float RGB (half = 0) or to three IEEE half floats
+ * per pixel (half != 0, out is uint16_t). rowStride: output row length in
+ * elements (0: width * 3). normalise != 0 maps the log-luminance minimum to 0
+ * and scales by scale / (99.5th percentile - minimum), clamping at 0;
+ * normalise == 0 ignores scale. Returns height (0 when height < 1);
+ * -3 on NULL buffers, negative width or rowStride < width * 3; -4 no memory. */
+BV_API int rgbe2fp(int width, int height, int rowStride, int normalise, int half,
+                   const unsigned char *rgbe, void *out, float scale);
+
+/* 8- or 16-bit image to RGBE scanline rows (out: height * width * 4 bytes)
+ * through the response table (256 or 65536 floats, indexed by sample).
+ * R, G, B are samples 0, (pixelStep - 1) / 2 and pixelStep - 1 of each pixel
+ * (bgr != 0 exchanges R and B); rowStep in samples. Very dark pixels (and
+ * saturated 8-bit ones) become grey at the smallest (largest) luminance
+ * found. Other bit depths give an all-black image. Returns height (0 when
+ * height < 1); -3 on NULL buffers, negative width or pixelStep < 1. */
+BV_API int convert_to_rgbe(int bits, int width, int height, int pixelStep, int rowStep,
+                           int bgr, const float *table, const void *src, unsigned char *out);
+
+/* Reads one 32-bit float in the given byte order (0x4949: little-endian,
+ * else big-endian) with exponent bias 128: every value read is half its IEEE
+ * value; all-zero bytes give 0. A short read or NULL file gives 0. */
+BV_API float readfloat(uint16_t order, FILE *f);
+
+/* Reads the float pixel data of a TIFF (samples per pixel s; with s = 2 or 4
+ * the last sample is alpha and skipped) starting at dataOffset bytes into
+ * RGBE scanline rows. Stores 256 * the smallest positive, 256 * the largest
+ * and 256 * the mean luminance (0.3 R + 0.6 G + 0.1 B). An unknown byte-order
+ * mark stores min 25599999475712 and max 0 and is not an error. Missing data
+ * reads as 0. Returns 1; -1 when the file cannot be opened; -3 on NULL or
+ * bad sizes. */
+BV_API int fp2rgbe(const char *path, int width, int height, int samplesPerPixel,
+                   int64_t dataOffset, float *minOut, float *maxOut, float *meanOut,
+                   unsigned char *rgbe);
+
+/* Writes an RGBE scanline image as an uncompressed little-endian 32-bit
+ * float RGB TIFF (normalise as in rgbe2fp with scale 1). Returns height;
+ * -2 when the file cannot be opened or a write fails (the file is closed);
+ * -3 on NULL rgbe, sizes below 1, above 65535 or over 4 GiB of pixel data;
+ * -4 no memory. */
+BV_API int fp_save(const char *path, int width, int height, int normalise,
+                   const unsigned char *rgbe);
+
+/* Natural-log luminance statistics (see LogLumStats). On input stats->v[0]
+ * is the bits per sample of data (32: float RGB image with stats->v[1]
+ * samples per pixel; anything else: RGBE scanline image through table).
+ * Returns height (0 when height < 1, with min 1e11, max = mean = 0);
+ * -3 on NULL; -4 when the sample buffer cannot be allocated. */
+BV_API int logMinMaxMoy(int width, int height, const float *table, const void *data,
+                        LogLumStats *stats);
+
+/* Adds each of count values to bin trunc((v - lo) * (nbins - 1) / (hi - lo))
+ * of hist, clamped to 0..nbins-1; hist is not cleared first. Returns 1
+ * (also for count 0); -1 when lo >= hi, nbins is 0 or a needed pointer is
+ * NULL, leaving hist untouched. */
+BV_API int log_histo(uint64_t count, uint32_t nbins, const float *values, int32_t *hist,
+                     float lo, float hi);
+
+/* Bin of the given fraction of count: with target = trunc(count * fraction),
+ * 0 when target < hist[0], else the smallest k >= 1 whose cumulative count
+ * over bins 0..k exceeds target, or nbins when none does. 0 when nbins < 1
+ * or hist is NULL. */
+BV_API int percentile(uint64_t count, uint32_t nbins, const int32_t *hist, float fraction);
+
+/* IEEE half float nearest to f (ties to even), with subnormals, infinities
+ * and NaN (kept quiet, sign preserved). */
+BV_API uint16_t floatToHalf(float f);
+
 /* @end rgbe */
 
 /* ===================================================================== */
@@ -264,6 +485,91 @@ BV_API int bv_write_strip_rgbe(const char *path, int k, int stripHeight, int wid
 /*  HDR generation: exposures, response curve, merge                     */
 /* ===================================================================== */
 /* @section hdrgen */
+/* Codes of this family. -1 from calc_courbe means no usable sample. */
+enum {
+    BV_HDR_ENOPOS = -1,     /* calc_courbe: no sample position qualifies */
+    BV_HDR_EDEPTH = -2,     /* calc_courbe: bits per sample other than 8/16 */
+    BV_HDR_EINVAL = -3,     /* NULL buffer, negative size, bad channel count,
+                               merge with n < 1 or a non-positive exposure */
+    BV_HDR_ENOMEM = -4,     /* working memory could not be allocated */
+    BV_HDR_CANCELLED = -5   /* bv_hdr_merge: the progress callback asked to stop */
+};
+
+/* Brightness statistic per bracket (stats[n], caller-allocated). n images of
+ * rowStride samples per row (image k at sample k * rowStride * height),
+ * channels 1..4, 8 or 16 bits (other depths: empty histogram). Statistic:
+ * median luma bin * 256; nearly black images their 95th-percentile bin
+ * (0..256); nearly white ones 65536 + 17th-percentile bin. Returns
+ * trunc(0.5 * width * height) (n < 1: writes nothing); BV_HDR_EINVAL. */
+BV_API int mediane_images(int n, int width, int height, int rowStride, int channels,
+                          int bitsPerSample, const void *data, int32_t *stats);
+
+/* Exposure factors from mediane_images statistics. evStep > 0: brackets are
+ * evStep stops apart; otherwise estimated (stats below 1 are raised to 1 in
+ * place). wholeStops = 0: result[image] = linear factor, the middle image of
+ * the brightest-first order gets 1. wholeStops != 0 (estimation only):
+ * result[i] = rounded EV of the i-th brightest, stats[i] = its index.
+ * Returns n, 0 when n < 1, BV_HDR_EINVAL, BV_HDR_ENOMEM. */
+BV_API int guess_ev(int wholeStops, int n, int32_t *stats, float *result, float evStep);
+
+/* Exposure factors from camera data: records holds n records of 7 int32
+ * (time num, time den, f-number num, f-number den, EV in 1/1000 stop used
+ * when the time is 0/0, ISO, unused). The first n floats of records are
+ * overwritten with the factors. Returns 1; BV_HDR_EINVAL for NULL. */
+BV_API int get_ev(int n, int32_t *records);
+
+/* order[n] receives image indices by ascending value (ties: higher index
+ * first). Returns n, 0 when n < 1, BV_HDR_EINVAL, BV_HDR_ENOMEM. */
+BV_API int fClassementCroissant(int n, const float *values, int32_t *order);
+
+/* Mean of R+G+B (samples 0..2; 16-bit: high bytes) on the 8-bit scale over a
+ * grid of about 50 x 50 pixels. rowStride and pixelStep in samples. Returns
+ * the level, 0 for other depths, NULL data or an empty image. */
+BV_API int moy_image(int width, int height, int rowStride, int pixelStep, int bitsPerSample,
+                     const void *data);
+
+/* Index of the middle image when the n values (levels 1..254, e.g. from
+ * moy_image) are taken from the largest down; BV_HDR_EINVAL for n < 1. */
+BV_API int mid_im(int n, const int32_t *values);
+
+/* Gamma of an ICC profile (file form, big-endian) of expectedSize bytes:
+ * the first r/g/bTRC tag with a one-entry curve gives its 8.8 gamma, any
+ * other curve, a missing tag or a tag pointing outside the profile 2.2.
+ * Returns the scan position after the tag signature, size - 12 when not
+ * found, 0 for a tiny profile; a size field differing from expectedSize
+ * (or NULL arguments, expectedSize < 4) returns a negative value and leaves
+ * *gamma untouched. */
+BV_API int trc_from_profile(const unsigned char *profile, int expectedSize, float *gamma);
+
+/* table[i] = scale * i^(gammaThousandths / 1000) for i = 1..255,
+ * table[0] = table[1]. Returns 256; BV_HDR_EINVAL for NULL. */
+BV_API int gen_courbe(int gammaThousandths, float scale, float table[256]);
+
+/* Estimates the response gamma from n brackets (layout as mediane_images
+ * with rows of width * channels samples, 8 or 16 bits) and their exposure
+ * factors. result[3] = 200^gamma, 1, rejected sample pairs of the last pair
+ * examined. Returns trunc(gamma * 1000), 2200 when no pair gives a plausible
+ * estimate; BV_HDR_ENOPOS, BV_HDR_EDEPTH, BV_HDR_EINVAL, BV_HDR_ENOMEM. */
+BV_API int calc_courbe(int n, int width, int height, int channels, int bitsPerSample,
+                       const void *data, const float *exposures, float result[3]);
+
+/* Merges n aligned brackets (image k at sample k * width * height * channels,
+ * 8 or 16 bits) into an RGBE scanline image output[4 * width * height].
+ * evStep > 0: brackets evStep stops apart; -0.5 < evStep <= 0: exposures
+ * estimated from the pixels; evStep <= -0.5: exposures[] given by the caller
+ * (NULL: every bracket weighs the same). exposures[n] receives the factors
+ * otherwise. lut[2^bits] receives the linearisation (lut[0] is the gamma to
+ * use when gammaGiven == 1, else 2.2). stats[3] (may be NULL) = minimum,
+ * maximum and mean luminance * 256. mode 2 keeps the marker pixels (all 255:
+ * no usable bracket, all 0: black); otherwise they become greys of the
+ * brightest / darkest luminance. Single-threaded; progress on the calling
+ * thread for images taller than 800 rows. Returns height; 0 for height 0;
+ * BV_HDR_EINVAL, BV_HDR_ENOMEM, BV_HDR_CANCELLED (output incomplete). Other
+ * bit depths are not refused: nothing is read and every pixel is black. */
+BV_API int bv_hdr_merge(bv_progress_cb progressContext, int mode, int n, int width, int height,
+                        int channels, float evStep, int bitsPerSample, int gammaGiven, float *lut,
+                        float *exposures, const void *data, float stats[3],
+                        unsigned char *output);
 /* @end hdrgen */
 
 /* ===================================================================== */

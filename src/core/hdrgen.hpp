@@ -1,0 +1,46 @@
+// HDR generation internals: bracket statistics, exposure estimation, response curve, merge.
+#pragma once
+
+#include <Brackvista40Lib1.h>
+
+#include <cstddef>
+#include <cstdint>
+
+namespace bv::hdrgen {
+
+constexpr int kCorrectionSize = 65536;
+
+// Piecewise-linear correction of EV steps over the 16-bit level (guess_ev).
+void fill_correction_table(float *table);
+
+// Samples of one pixel used for luma: R, G, B offsets inside the pixel.
+struct Taps {
+    int r, g, b;
+};
+// Offsets read by the brightness statistic (4 channels: B is sample 2).
+Taps stat_taps(int channels) noexcept;
+// Offsets read by the merge (4 channels: B is the last sample).
+Taps merge_taps(int channels) noexcept;
+
+int median_stats(int n, int width, int height, int rowStride, int channels, int bits,
+                 const void *data, int32_t *stats);
+// Brightest-first order of images with statistic >= 0; the others are
+// appended in ascending index order. `work` is scratch of n ints; -4 when
+// its own scratch cannot be had, else 0.
+int order_brightest_first(int n, const int32_t *stats, int32_t *work, int32_t *order);
+int estimate_ev(int wholeStops, int n, int32_t *stats, float *result, float evStep,
+                float *table, int32_t *order, int32_t *work, float *L, float *ev);
+int ascending_order(int n, const float *values, float *work, int32_t *order);
+
+// ICC profile gamma; profile holds at least 4 bytes.
+int profile_gamma(const unsigned char *profile, int expectedSize, float *gamma);
+// Response gamma estimated from the brackets; arguments already checked.
+int response_gamma(int n, int width, int height, int channels, int bits, const void *data,
+                   const float *exposures, float result[3]);
+
+// Merge; the arguments are checked by the exported adapter.
+int merge(bv_progress_cb cb, int mode, int n, int width, int height, int channels,
+          float evStep, int bits, int gammaGiven, float *lut, float *exposures,
+          const void *data, float stats[3], unsigned char *output);
+
+}  // namespace bv::hdrgen
