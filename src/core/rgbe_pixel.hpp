@@ -34,9 +34,18 @@ inline void decode(uint8_t r, uint8_t g, uint8_t b, uint8_t e, const float *tabl
     out[2] = b * s;
 }
 
+// Truncated mantissa of an already scaled channel. A channel never exceeds the
+// largest one, so finite inputs land in [0, 256); negatives and NaN (which
+// only arise from bad input) become 0 instead of wrapping.
+inline uint8_t mantissa(double v) noexcept {
+    if (!(v > 0.0)) return 0;
+    return v < 255.0 ? static_cast<uint8_t>(static_cast<int>(v)) : 255;
+}
+
 // Encodes one pixel with truncated mantissas. `threshold`: the largest
-// channel must exceed it, else the pixel is black.
-inline void encode(float r, float g, float b, float threshold, uint8_t out[4]) noexcept {
+// channel must exceed it, else the pixel is black. The exponent byte keeps
+// only the low 8 bits of e + 128, as the file format has always done.
+inline void encode(float r, float g, float b, double threshold, uint8_t out[4]) noexcept {
     float m = r;
     if (g > m) m = g;
     if (b > m) m = b;
@@ -44,12 +53,33 @@ inline void encode(float r, float g, float b, float threshold, uint8_t out[4]) n
         out[0] = out[1] = out[2] = out[3] = 0;
         return;
     }
+    if (std::isinf(m)) {  // saturate rather than produce NaN mantissas
+        out[0] = std::isinf(r) ? 255 : 0;
+        out[1] = std::isinf(g) ? 255 : 0;
+        out[2] = std::isinf(b) ? 255 : 0;
+        out[3] = 255;
+        return;
+    }
     int e;
-    const float s = static_cast<float>(std::frexp(static_cast<double>(m), &e) * 256.0 / m);
-    out[0] = static_cast<uint8_t>(static_cast<int>(r * s));
-    out[1] = static_cast<uint8_t>(static_cast<int>(g * s));
-    out[2] = static_cast<uint8_t>(static_cast<int>(b * s));
-    out[3] = static_cast<uint8_t>(e + 128);
+    // f * 256 / m is a power of two, so this is exact in double whatever m is
+    // (a float scale would overflow for m below about 2^-120).
+    const double s = std::frexp(static_cast<double>(m), &e) * 256.0 / m;
+    out[0] = mantissa(r * s);
+    out[1] = mantissa(g * s);
+    out[2] = mantissa(b * s);
+    out[3] = static_cast<uint8_t>((e + 128) & 0xff);
 }
+
+// Pointers to the four planes of RGBE scanline row y of a width-wide image.
+struct Row {
+    const uint8_t *r, *g, *b, *e;
+    Row(const uint8_t *image, int width, int y) noexcept {
+        const size_t w = static_cast<size_t>(width);
+        r = image + static_cast<size_t>(y) * 4 * w;
+        g = r + w;
+        b = g + w;
+        e = b + w;
+    }
+};
 
 }  // namespace bv::rgbe
