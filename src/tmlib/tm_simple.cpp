@@ -1,0 +1,324 @@
+// Simple global tone mapping of float RGB or RGBE rows to 8/16-bit output, with region sets.
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+#include "Threading/bands.hpp"
+#include "Utils/colour_adjust.hpp"
+#include "core/bv_internal.hpp"
+#include "tmlib/tmlib.hpp"
+
+namespace bv::tm {
+
+namespace {
+
+// Region indices are one byte and 255 means "none", so at most 255 region
+// sets can ever be addressed.
+constexpr int kMaxRegionSets = 255;
+
+// Curve and colour constants of one parameter set.
+struct CurveSet {
+    float a;     // scale that maps the median to exp(k)
+    float c;     // adaptation blend
+    float a0;    // base adaptation
+    float f;     // exposure factor
+    float m;     // contrast exponent
+    float lo;    // black end, after the black clip
+    float inv;   // 1 / (white end after the clip - black end)
+    bool temperature;
+    utils::WhiteGains gains;
+    bool saturation;
+    float sat_factor;
+    bool tables;
+    bool use_value;
+    const float *hue;
+    const float *value;
+};
+
+struct Job {
+    const CurveSet *sets;  // base set, then region sets
+    int regions;           // region sets after the base
+    const unsigned char *region_map;
+    const float *exp_table;
+    const unsigned char *input;
+    void *output;
+    DimParam dim;
+    bool rgbe;
+    bool planar;
+    float range;      // 255 or 65535
+    size_t out_row;   // interleaved row length in samples
+    int first_row, end_row;  // optional row window of the base set
+};
+
+struct BandRecord {
+    const Job *job;
+    int index, count;
+    int first, end;
+    int result;
+};
+
+CurveSet make_curve(const TmParam &p, const LogLumStats &st, float range) {
+    const float *s = p.slot;
+    const double mn = st.v[0], mx = st.v[1], med = st.v[3], high = st.v[4];
+    CurveSet cs{};
+    const double r = high - med;
+    const double k = (r <= 4.0) ? -1.5 : ((med - high) + 1.0) * 0.5;
+    const double a = std::exp(k - med);
+    const double s1 = s[1], s2 = s[2];
+    double c;
+    if (s2 <= 0.0 || s1 <= 0.0) {
+        c = (s2 + 10.0) * 0.05;
+    } else {
+        const double t = s1 * 0.1 + 1.0;
+        c = ((s2 + 10.0 * t) * 0.05) / t;
+    }
+    const double a0 = (1.0 - c) * a * std::exp(med);
+    float m = 0.3f;
+    if (mn < mx) m = static_cast<float>(std::pow(r / (mx - mn), 1.4) * 0.6 + 0.3);
+    if (!(m == m)) m = 0.3f;  // a percentile below the median would give NaN
+    if (s1 < 0.0)
+        m = static_cast<float>((s1 + 10.0) * 0.1 * (m - 0.01) + 0.01);
+    else if (s1 > 0.0)
+        m = static_cast<float>((10.0 - s1) * 0.1 * (m - 0.9) + 0.9);
+    const double s0 = s[0];
+    double x;
+    if (s0 > 0.0)
+        x = s0 * (0.4 - 0.01 * s0);
+    else if (s0 > -6.0)
+        x = s0 * 0.5;
+    else
+        x = s0 * ((-6.0 - s0) * 0.1 + 0.5);
+    const double f = std::exp(-x);
+
+    const double H = a * std::exp(mx), L = a * std::exp(mn);
+    const double hi = range * H / (std::pow(f * (c * H + a0), m) + H + 1e-20);
+    const double lo = range * L / (std::pow(f * (c * L + a0), m) + L + 1e-20);
+    const double d = hi - lo;
+    const double lo_clip = lo + s[4] * 0.02 * d;
+    cs.a = static_cast<float>(a);
+    cs.c = static_cast<float>(c);
+    cs.a0 = static_cast<float>(a0);
+    cs.f = static_cast<float>(f);
+    cs.m = m;
+    cs.lo = static_cast<float>(lo_clip);
+    cs.inv = static_cast<float>(1.0 / ((hi - s[3] * 0.03 * d) - lo_clip));
+    cs.temperature = static_cast<int>(s[12]) != 0;
+    if (cs.temperature) cs.gains = utils::temperature_gains(s[12]);
+    cs.saturation = static_cast<int>(s[13]) != 0;
+    cs.sat_factor = s[13] * 0.1f + 1.0f;
+    return cs;
+}
+
+// One pixel through one set: out is near 0..1 before the final scaling.
+// e_scale is the RGBE exponent scale (1 for float input).
+inline void render(const CurveSet &s, float range, float r, float g, float b, float e_scale,
+                   float out[3]) {
+    const float scale = s.a * e_scale;
+    const float y = 0.2126f * r + 0.7152f * g + 0.0722f * b;
+    const float lambda = y * scale * s.c + s.a0;
+    if (s.temperature) utils::apply_temperature(r, g, b, y, s.gains);
+    const float sigma = std::pow(s.f * lambda, s.m) + 1e-20f;
+    const float in[3] = {r, g, b};
+    for (int ch = 0; ch < 3; ++ch) {
+        const float cp = in[ch] * scale;
+        out[ch] = (range * cp / (cp + sigma) - s.lo) * s.inv;
+    }
+    if (s.saturation) utils::apply_saturation(out, s.sat_factor);
+    if (s.tables) utils::apply_luts(out, s.hue, s.value, s.use_value);
+}
+
+template <class T>
+inline T to_sample(float v, float range) {
+    v *= range;
+    if (!(v > 0.0f)) return 0;  // NaN too
+    if (v >= range) return static_cast<T>(range);
+    return static_cast<T>(static_cast<int>(v));
+}
+
+template <class T>
+void map_rows(const Job &j, int first, int end) {
+    const DimParam &d = j.dim;
+    const int w = d.width;
+    const int ch = d.channels;
+    const size_t plane = static_cast<size_t>(w) * static_cast<size_t>(d.height);
+    // Sample offsets of R, G, B (first and last exchanged for BGR).
+    const int off_r = d.bgr ? ch - 1 : 0, off_g = (ch - 1) / 2, off_b = d.bgr ? 0 : ch - 1;
+    const int in_g = (ch - 1) / 2, in_b = ch - 1;
+    T *out = static_cast<T *>(j.output);
+    const CurveSet &base = j.sets[0];
+    for (int y = first; y < end; ++y) {
+        const unsigned char *row = j.input + (j.rgbe ? static_cast<size_t>(y) * w * 4
+                                                     : static_cast<size_t>(y) * w * ch * 4);
+        const float *frow = reinterpret_cast<const float *>(row);
+        const unsigned char *map =
+            j.region_map ? j.region_map + static_cast<size_t>(y) * w * 2 : nullptr;
+        for (int x = 0; x < w; ++x) {
+            float r, g, b, e_scale = 1.0f;
+            bool black = false;
+            if (j.rgbe) {
+                const unsigned e = row[3 * w + x];
+                black = e == 0;
+                r = row[x], g = row[w + x], b = row[2 * w + x];
+                e_scale = j.exp_table[e];
+            } else {
+                const float *px = frow + static_cast<size_t>(x) * ch;
+                r = px[0], g = px[in_g], b = px[in_b];
+            }
+            float o[3] = {0.0f, 0.0f, 0.0f};
+            if (!black) {
+                int set = -1;
+                int weight = 0;
+                if (map && j.regions > 0) {
+                    weight = map[2 * x];
+                    const int idx = map[2 * x + 1];
+                    if (idx != 255 && weight != 0) set = idx < j.regions ? idx : j.regions - 1;
+                }
+                if (set < 0) {
+                    render(base, j.range, r, g, b, e_scale, o);
+                } else {
+                    render(j.sets[set + 1], j.range, r, g, b, e_scale, o);
+                    const int t = 256 - (weight + 1);
+                    if (t != 0) {
+                        float bo[3];
+                        render(base, j.range, r, g, b, e_scale, bo);
+                        const float keep = 1.0f - t / 256.0f, mix = t / 256.0f;
+                        for (int c = 0; c < 3; ++c) o[c] = o[c] * keep + bo[c] * mix;
+                    }
+                }
+            }
+            const T sr = to_sample<T>(o[0], j.range), sg = to_sample<T>(o[1], j.range),
+                    sb = to_sample<T>(o[2], j.range);
+            if (j.planar) {
+                const size_t p = static_cast<size_t>(y) * w + x;
+                out[(d.bgr ? 2 : 0) * plane + p] = sr;
+                out[plane + p] = sg;
+                out[(d.bgr ? 0 : 2) * plane + p] = sb;
+            } else {
+                T *px = out + static_cast<size_t>(y) * j.out_row + static_cast<size_t>(x) * ch;
+                px[off_r] = sr;
+                px[off_g] = sg;
+                px[off_b] = sb;
+            }
+        }
+    }
+}
+
+}  // namespace
+
+// One band of rows [first, end), clipped to the base set's row window.
+// Returns end, so the last band reports the image height.
+int tm_simple_orig(const Job &j, int first, int end) {
+    const int lo = first > j.first_row ? first : j.first_row;
+    const int hi = end < j.end_row ? end : j.end_row;
+    if (lo < hi) {
+        if (j.range > 255.0f)
+            map_rows<uint16_t>(j, lo, hi);
+        else
+            map_rows<uint8_t>(j, lo, hi);
+    }
+    return end;
+}
+
+void *tm_simple_threaded(void *arg) {
+    auto *rec = static_cast<BandRecord *>(arg);
+    rec->result = tm_simple_orig(*rec->job, rec->first, rec->end);
+    return nullptr;
+}
+
+namespace {
+
+int tm_simple_impl(const TmParam *params, const unsigned char *region_map,
+                   const LogLumStats &stats, const float *exp_table, const void *input,
+                   void *output, const DimParam &dim, int threads) {
+    const bool rgbe = dim.sourceKind != 10;
+    const bool planar = dim.layout == 3;
+    if ((rgbe && !exp_table) || dim.width < 0 || dim.height < 0 || dim.channels < 1 ||
+        (planar && dim.channels < 3))
+        return BV_TM_EBADARG;
+    if (dim.width == 0 || dim.height == 0) return 0;
+    if (!input || !output) return BV_TM_EBADARG;
+    size_t packed;
+    if (!checked_mul(static_cast<size_t>(dim.width), static_cast<size_t>(dim.channels), &packed) ||
+        dim.rowOut < 0 || (dim.rowOut > 0 && static_cast<size_t>(dim.rowOut) < packed))
+        return BV_TM_EBADARG;
+
+    const TmParam &base = params[0];
+    int regions = 0;
+    if (region_map) {
+        const float v = base.slot[55];
+        if (v > 0.0f) regions = v >= kMaxRegionSets ? kMaxRegionSets : static_cast<int>(v);
+    }
+    const size_t sets = static_cast<size_t>(regions) + 1;
+    const size_t lut = static_cast<size_t>(utils::kLutEntries);
+    Scratch<float> hue_tables, value_tables;
+    if (!hue_tables.alloc(sets * lut * 3) || !value_tables.alloc(sets * lut)) return BV_TM_ENOMEM;
+    // Also rejects NaN statistics.
+    if (!(stats.v[0] < stats.v[1])) return BV_TM_ESTATS;
+
+    const float range = dim.bitsOut == 16 ? 65535.0f : 255.0f;
+    std::vector<CurveSet> curves(sets);
+    for (size_t k = 0; k < sets; ++k) {
+        TmParam colour;
+        std::memcpy(&colour, &params[k], sizeof colour);
+        curves[k] = make_curve(colour, stats, range);
+        if (!utils::has_table_params(colour) && colour.slot[13] == 0.0f) continue;
+        float *hue = hue_tables.get() + k * lut * 3;
+        float *value = value_tables.get() + k * lut;
+        const int rc = getColorAdjustmentLUTs(BV_CA_MODE_TABLES, &colour, utils::kLutEntries, 8,
+                                              hue, value);
+        if (rc < 0) continue;  // that set simply goes without tables
+        curves[k].tables = true;
+        curves[k].use_value = rc != 0;
+        curves[k].hue = hue;
+        curves[k].value = value;
+    }
+
+    Job j{};
+    j.sets = curves.data();
+    j.regions = regions;
+    j.region_map = region_map;
+    j.exp_table = exp_table;
+    j.input = static_cast<const unsigned char *>(input);
+    j.output = output;
+    j.dim = dim;
+    j.rgbe = rgbe;
+    j.planar = planar;
+    j.range = range;
+    j.out_row = dim.rowOut > 0 ? static_cast<size_t>(dim.rowOut) : packed;
+    j.first_row = 0;
+    j.end_row = dim.height;
+    const float first = base.slot[56], end = base.slot[57];
+    if (first > 0.0f && first < dim.height - 1) j.first_row = static_cast<int>(first);
+    if (end > 0.0f && end < dim.height) j.end_row = static_cast<int>(end);
+
+    if (threads <= 1) return tm_simple_orig(j, 0, dim.height);
+    std::vector<BandRecord> records(static_cast<size_t>(threads));
+    const int rc = threading::run_bands(
+        0, dim.height, threads,
+        [&](const threading::Band &b) {
+            BandRecord &r = records[static_cast<size_t>(b.index)];
+            r = BandRecord{&j, b.index, threads, b.first, b.end, 0};
+            tm_simple_threaded(&r);
+        },
+        threading::OnSpawnFailure::Fail);
+    if (rc < 0) return BV_TM_ETHREAD;
+    return records.back().result;
+}
+
+}  // namespace
+}  // namespace bv::tm
+
+extern "C" {
+
+BV_API int tm_simple(TmParam *params, const unsigned char *regionMap, const LogLumStats *stats,
+                     const float *expTable, void *input, uint16_t *output, DimParam dim,
+                     int threads) {
+    if (!params || !stats) return BV_TM_EBADARG;
+    return bv::c_boundary(BV_TM_ENOMEM, BV_TM_ENOMEM, [&] {
+        return bv::tm::tm_simple_impl(params, regionMap, *stats, expTable, input, output, dim,
+                                      threads);
+    });
+}
+
+}  // extern "C"
