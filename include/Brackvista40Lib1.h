@@ -487,8 +487,8 @@ BV_API int rgbe_dim(const char *path, float primaries[8], RgbeDims *dims);
  * APERTURE=, ISO= and FOCAL_LENGTH= into exif (profile is first set to -1;
  * absent keys leave their fields alone; SHUTTER=0.5 becomes 100/200,
  * APERTURE=8 becomes 800/100). Returns the number of lines read before the
- * resolution line; -1 NULL argument, open failure or no resolution line;
- * -4 out of memory. */
+ * resolution line; -1 NULL argument, open failure, or no resolution line
+ * with a positive width and height after the header; -4 out of memory. */
 BV_API int extract_rgbe_exif(const char *path, exifInfo *exif);
 
 /* Reads a whole Radiance file of width x height pixels into out

@@ -500,6 +500,9 @@ BV_API int extract_rgbe_exif(const char *path, exifInfo *exif) {
         exif->profile = -1;
         Header h;
         if (read_header(in, &h, visit_exif, exif) < 0) return -1;
+        // A header that "ends" inside binary data is followed by garbage, not
+        // by a resolution line: such a file has none.
+        if (h.width <= 0 || h.height <= 0) return -1;
         return h.lines;
     });
 }
