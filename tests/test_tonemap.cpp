@@ -2,7 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <algorithm>
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include <Brackvista40Lib1.h>
@@ -620,5 +622,71 @@ TEST(TmSimple, BadInputGetsDocumentedCodes) {
 }
 
 // ---------------------------------------------------------------- real data
+
+TEST(TmSimpleRealData, AtriumWithDefaultsUsesTheRange) {
+    const std::string dir = bvtest::shared_data_dir();
+    BV_REQUIRE_SHARED_DATA(dir);
+    const std::string path = dir + "/hdr/mpi_atrium_3.hdr";
+    RgbeDims dims{};
+    ASSERT_GE(rgbe_dim(path.c_str(), nullptr, &dims), 0);
+    const int w = dims.width, h = dims.height;
+    ASSERT_EQ(w, 1024);
+    ASSERT_EQ(h, 676);
+    std::vector<unsigned char> rgbe(static_cast<size_t>(w) * h * 4);
+    ASSERT_EQ(bv_io_read_rgbe(w, h, path.c_str(), rgbe.data()), h);
+    float table[256];
+    ASSERT_EQ(exp_lut_old(table), 256);
+    LogLumStats st{};
+    st.v[0] = 8;  // RGBE input
+    ASSERT_EQ(logMinMaxMoy(w, h, table, rgbe.data(), &st), h);
+    ASSERT_LT(st.v[0], st.v[1]);
+
+    TmParam p;
+    tmparam_default(0, 0, &p);
+    DimParam d;
+    init_dim_param(&d);
+    d.width = w;
+    d.height = h;
+    const size_t samples = static_cast<size_t>(w) * h * 3;
+    std::vector<uint8_t> one(samples, 0xCD);
+    ASSERT_EQ(tm_simple(&p, nullptr, &st, table, rgbe.data(), reinterpret_cast<uint16_t *>(one.data()),
+                        d, 1),
+              h);
+    size_t low = 0, high = 0;
+    double sum = 0;
+    for (uint8_t v : one) {
+        low += v == 0;
+        high += v == 255;
+        sum += v;
+    }
+    std::printf("atrium: %.3f %% samples at 0, %.3f %% at 255, mean %.1f\n", 100.0 * low / samples,
+                100.0 * high / samples, sum / samples);
+    EXPECT_LE(low, samples / 100);
+    EXPECT_LE(high, samples / 100);
+    EXPECT_LT(*std::min_element(one.begin(), one.end()), 16);
+    EXPECT_GT(*std::max_element(one.begin(), one.end()), 240);
+    for (int threads : {2, 3}) {
+        std::vector<uint8_t> many(samples, 0x11);
+        ASSERT_EQ(tm_simple(&p, nullptr, &st, table, rgbe.data(),
+                            reinterpret_cast<uint16_t *>(many.data()), d, threads),
+                  h);
+        ASSERT_EQ(many, one) << threads << " threads";
+    }
+
+    // The same picture from the decoded floats, with 16-bit output: finite,
+    // and within a step of the 8-bit result.
+    std::vector<float> fl(samples);
+    ASSERT_EQ(rgbe2fp(w, h, w * 3, 0, 0, rgbe.data(), fl.data(), 1.0f), h);
+    for (float v : fl) ASSERT_TRUE(std::isfinite(v));
+    DimParam d16 = d;
+    d16.sourceKind = 10;
+    d16.bitsIn = 32;
+    d16.bitsOut = 16;
+    std::vector<uint16_t> out16(samples);
+    ASSERT_EQ(tm_simple(&p, nullptr, &st, nullptr, fl.data(), out16.data(), d16, 2), h);
+    int worst = 0;
+    for (size_t i = 0; i < samples; ++i) worst = std::max(worst, std::abs(out16[i] / 257 - one[i]));
+    EXPECT_LE(worst, 1);
+}
 
 }  // namespace

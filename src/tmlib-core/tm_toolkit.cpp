@@ -43,17 +43,6 @@ int log_lum_pass(int width, int height, int step, size_t row, const Sample *data
     return counted;
 }
 
-// First bin whose cumulative count exceeds target (0 below bin 0, nbins when none does).
-int first_bin_above(const int32_t *hist, int nbins, uint64_t target) {
-    if (nbins < 1 || target < static_cast<uint64_t>(static_cast<int64_t>(hist[0]))) return 0;
-    int64_t cum = hist[0];
-    for (int k = 1; k < nbins; ++k) {
-        cum += hist[k];
-        if (cum > 0 && static_cast<uint64_t>(cum) > target) return k;
-    }
-    return nbins;
-}
-
 }  // namespace
 
 int get_log_lum(int kind, int width, int height, int pixelStep, int rowStep, float out[3],
@@ -110,13 +99,11 @@ int verifPercentile(const uint32_t (*hist)[256], uint32_t channel, int count) {
 }
 
 float adjust_percentile(uint64_t count, int nbins, const int32_t *hist, float factor) {
-    if (!hist || nbins < 1 || !(factor > 0.0f)) return factor;
+    if (!hist || nbins < 1) return factor;
     const int hi = static_cast<int>(0.9 * nbins);
     const int lo = static_cast<int>(0.25 * nbins);
     for (;;) {
-        const double t = static_cast<double>(count) * factor;
-        const uint64_t target = t < 1.8e19 ? static_cast<uint64_t>(t) : UINT64_MAX;
-        const int k = first_bin_above(hist, nbins, target);
+        const int k = percentile(count, static_cast<uint32_t>(nbins), hist, factor);
         if (GlobalCntAdjust > 39) return factor;
         ++GlobalCntAdjust;
         if (k > hi) {
