@@ -539,6 +539,49 @@ TEST(TmSimple, RegionSetsBlendOverTheBase) {
     EXPECT_EQ(run<uint8_t>(none, map.data(), st, img, d, 1), base);
 }
 
+// Plain settings take a chunked fast path; a region map of weight 0 forces
+// the general per-pixel path. Both must agree bit for bit.
+TEST(TmSimple, FastAndGeneralPathsAgree) {
+    const int w = 263, h = 5;  // a chunk and a ragged tail per row
+    auto img = make_image(w, h, 12);
+    img[7] = NAN;
+    img[11] = INFINITY;
+    img[20] = -2.0f;
+    float table[256];
+    bv::rgbe::fill_exp_table(table);
+    std::vector<unsigned char> rgbe(static_cast<size_t>(w) * h * 4);
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            uint8_t e[4];
+            const float *px = &img[(static_cast<size_t>(y) * w + x) * 3];
+            bv::rgbe::encode(std::fabs(px[0]), 1.0f, px[2], 0.0f, e);
+            if (x % 17 == 0) e[3] = 0;
+            for (int c = 0; c < 4; ++c) rgbe[static_cast<size_t>(y) * w * 4 + c * w + x] = e[c];
+        }
+    const LogLumStats st = make_stats(-5, 3, -1, 2);
+    std::vector<TmParam> p(2);
+    tmparam_default(0, 0, &p[0]);
+    p[0].slot[0] = -1.5f;
+    p[0].slot[3] = 1;
+    p[1] = p[0];
+    p[1].slot[0] = 2;
+    std::vector<unsigned char> map(static_cast<size_t>(w) * h * 2, 0);
+    for (bool use_rgbe : {false, true})
+        for (int bits : {8, 16})
+            for (int layout : {0, 3}) {
+                DimParam d = float_dim(w, h, bits);
+                d.layout = layout;
+                if (use_rgbe) d.sourceKind = 0;
+                void *in = use_rgbe ? static_cast<void *>(rgbe.data()) : img.data();
+                std::vector<uint16_t> fast(static_cast<size_t>(w) * h * 3, 1), general = fast;
+                p[0].slot[55] = 0;
+                ASSERT_EQ(tm_simple(p.data(), nullptr, &st, table, in, fast.data(), d, 2), h);
+                p[0].slot[55] = 1;
+                ASSERT_EQ(tm_simple(p.data(), map.data(), &st, table, in, general.data(), d, 3), h);
+                ASSERT_EQ(fast, general) << use_rgbe << " " << bits << " " << layout;
+            }
+}
+
 TEST(TmSimple, TemperatureSaturationAndColourTables) {
     // A grey row and a saturated row.
     std::vector<float> img = {0.5f, 0.5f, 0.5f, 0.9f, 0.2f, 0.1f};
