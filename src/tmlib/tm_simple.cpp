@@ -23,13 +23,13 @@ constexpr int kMaxRegionSets = 255;
 
 // Curve and colour constants of one parameter set.
 struct CurveSet {
-    float a;     // scale that maps the median to exp(k)
-    float c;     // adaptation blend
-    float a0;    // base adaptation
-    float f;     // exposure factor
-    float m;     // contrast exponent
-    float lo;    // black end, after the black clip
-    float inv;   // 1 / (white end after the clip - black end)
+    float a;    // scale that maps the median to exp(k)
+    float c;    // adaptation blend
+    float a0;   // base adaptation
+    float f;    // exposure factor
+    float m;    // contrast exponent
+    float lo;   // black end, after the black clip
+    float inv;  // 1 / (white end after the clip - black end)
     bool temperature;
     utils::WhiteGains gains;
     bool saturation;
@@ -50,8 +50,8 @@ struct Job {
     DimParam dim;
     bool rgbe;
     bool planar;
-    float range;      // 255 or 65535
-    size_t out_row;   // interleaved row length in samples
+    float range;             // 255 or 65535
+    size_t out_row;          // interleaved row length in samples
     int first_row, end_row;  // optional row window of the base set
 };
 
@@ -262,8 +262,9 @@ void map_rows_plain(const Job &j, int first, int end) {
                 for (; i + 4 <= n; i += 4) {
                     const __m128 v = _mm_load_ps(&cp[c][i]);
                     const __m128 o = _mm_mul_ps(
-                        _mm_sub_ps(_mm_div_ps(_mm_mul_ps(range, v), _mm_add_ps(v, _mm_load_ps(&sig[i]))),
-                                   lo),
+                        _mm_sub_ps(
+                            _mm_div_ps(_mm_mul_ps(range, v), _mm_add_ps(v, _mm_load_ps(&sig[i]))),
+                            lo),
                         inv);
                     // max(x, 0) yields 0 for NaN, as to_sample does.
                     const __m128 t = _mm_min_ps(_mm_max_ps(_mm_mul_ps(o, range), zero), range);
@@ -272,7 +273,8 @@ void map_rows_plain(const Job &j, int first, int end) {
 #endif
                 for (; i < n; ++i) {
                     const float v = cp[c][i];
-                    q[c][i] = to_sample<int32_t>((j.range * v / (v + sig[i]) - s.lo) * s.inv, j.range);
+                    q[c][i] =
+                        to_sample<int32_t>((j.range * v / (v + sig[i]) - s.lo) * s.inv, j.range);
                 }
             }
             for (int i = 0; i < n; ++i) {
@@ -305,8 +307,8 @@ int tm_simple_orig(const Job &j, int first, int end) {
     const int hi = end < j.end_row ? end : j.end_row;
     if (lo < hi) {
         const CurveSet &b = j.sets[0];
-        const bool plain = !(j.region_map && j.regions > 0) && !b.temperature && !b.saturation &&
-                           !b.tables;
+        const bool plain =
+            !(j.region_map && j.regions > 0) && !b.temperature && !b.saturation && !b.tables;
         if (j.range > 255.0f)
             plain ? map_rows_plain<uint16_t>(j, lo, hi) : map_rows<uint16_t>(j, lo, hi);
         else
@@ -323,9 +325,9 @@ void *tm_simple_threaded(void *arg) {
 
 namespace {
 
-int tm_simple_impl(const TmParam *params, const unsigned char *region_map,
-                   const LogLumStats &stats, const float *exp_table, const void *input,
-                   void *output, const DimParam &dim, int threads) {
+int tm_simple_impl(const TmParam *params, const unsigned char *region_map, const LogLumStats &stats,
+                   const float *exp_table, const void *input, void *output, const DimParam &dim,
+                   int threads) {
     const bool rgbe = dim.sourceKind != 10;
     const bool planar = dim.layout == 3;
     if ((rgbe && !exp_table) || dim.width < 0 || dim.height < 0 || dim.channels < 1 ||
@@ -360,8 +362,8 @@ int tm_simple_impl(const TmParam *params, const unsigned char *region_map,
         if (!utils::has_table_params(colour) && colour.slot[13] == 0.0f) continue;
         float *hue = hue_tables.get() + k * lut * 3;
         float *value = value_tables.get() + k * lut;
-        const int rc = getColorAdjustmentLUTs(BV_CA_MODE_TABLES, &colour, utils::kLutEntries, 8,
-                                              hue, value);
+        const int rc =
+            getColorAdjustmentLUTs(BV_CA_MODE_TABLES, &colour, utils::kLutEntries, 8, hue, value);
         if (rc < 0) continue;  // that set simply goes without tables
         curves[k].tables = true;
         curves[k].use_value = rc != 0;
