@@ -8,6 +8,8 @@
 
 namespace bv::tm {
 
+// The module counter of adjust_percentile (see tmlib.hpp): the only mutable
+// state of the tone-mapping modules, reset by the callers that use it.
 int GlobalCntAdjust = 0;
 
 namespace {
