@@ -1,11 +1,10 @@
 // Simple tone mapping of a 24-megapixel float RGB and RGBE image, in megapixels per second.
+#include <Brackvista40Lib1.h>
 #include <benchmark/benchmark.h>
 
 #include <cmath>
 #include <cstdio>
 #include <vector>
-
-#include <Brackvista40Lib1.h>
 
 namespace {
 
@@ -86,9 +85,9 @@ void run_tm(benchmark::State &state, bool rgbe, bool with_stats) {
         if (rc != d.height) state.SkipWithError("tm_simple failed");
         benchmark::DoNotOptimize(out.data());
     }
-    state.counters["MP/s"] = benchmark::Counter(
-        static_cast<double>(d.width) * d.height * 1e-6 * state.iterations(),
-        benchmark::Counter::kIsRate);
+    state.counters["MP/s"] =
+        benchmark::Counter(static_cast<double>(d.width) * d.height * 1e-6 * state.iterations(),
+                           benchmark::Counter::kIsRate);
     state.SetLabel(img.real ? "atrium tiled to 6000x4000" : "synthetic 6000x4000");
 }
 
