@@ -1,11 +1,10 @@
 // Colour adjustment: slot detection, per-hue tables, in-place adjustment of images.
+#include <Brackvista40Lib1.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstring>
 #include <vector>
-
-#include <Brackvista40Lib1.h>
 
 #include "test_support.hpp"
 
@@ -95,8 +94,7 @@ TEST(ColourTables, NeutralRecordGivesPureHues) {
     EXPECT_EQ(getColorAdjustmentLUTs(2, &p, 4096, 12, hue.data(), value.data()), BV_CA_EBADARG);
     EXPECT_EQ(getColorAdjustmentLUTs(0, &p, 4096, 8, hue.data(), value.data()), BV_CA_EBADARG);
     EXPECT_EQ(getColorAdjustmentLUTs(2, &p, 4096, 8, nullptr, value.data()), BV_CA_EBADARG);
-    EXPECT_EQ(getColorAdjustmentLUTs(2, nullptr, 4096, 8, hue.data(), value.data()),
-              BV_CA_EBADARG);
+    EXPECT_EQ(getColorAdjustmentLUTs(2, nullptr, 4096, 8, hue.data(), value.data()), BV_CA_EBADARG);
 }
 
 TEST(AdjustColors, ZeroSlotsChangeNothing) {
@@ -136,11 +134,12 @@ TEST(AdjustColors, DesaturatingEveryBandGivesGrey) {
 TEST(AdjustColors, HueShiftMovesRedByTheDocumentedAmount) {
     for (float shift : {100.0f, -100.0f, 50.0f}) {
         TmParam p = zero_record();
-        p.slot[BV_CA_SLOT_BANDS] = shift;  // reds
+        p.slot[BV_CA_SLOT_BANDS] = shift;        // reds
         uint8_t px[6] = {255, 0, 0, 0, 0, 255};  // pure red, pure blue
         ASSERT_EQ(adjust(p, px, dim_of(2, 1)), 1);
         const float want = std::fmod(360.0f + shift * 0.3f, 360.0f);
-        EXPECT_NEAR(hue_degrees(px[0] / 255.0f, px[1] / 255.0f, px[2] / 255.0f), want, 0.5f) << shift;
+        EXPECT_NEAR(hue_degrees(px[0] / 255.0f, px[1] / 255.0f, px[2] / 255.0f), want, 0.5f)
+            << shift;
         // Blues are three band centres away and keep their hue.
         EXPECT_EQ(px[3], 0);
         EXPECT_EQ(px[4], 0);
@@ -170,7 +169,7 @@ TEST(AdjustColors, LightnessActsOnColoursNotGreys) {
 
 TEST(AdjustColors, TemperatureSaturationAndLayout) {
     TmParam p = zero_record();
-    p.slot[12] = 6;  // warmer
+    p.slot[12] = 6;                                          // warmer
     uint8_t px[8] = {128, 128, 128, 77, 128, 128, 128, 77};  // two pixels, four samples
     DimParam d = dim_of(2, 1, 4);
     adjust(p, px, d);
@@ -207,7 +206,7 @@ TEST(AdjustColors, IdenticalForAnyThreadCount) {
     TmParam p = zero_record();
     p.slot[12] = -3;
     p.slot[13] = 2;
-    p.slot[26] = 40;  // yellows' hue
+    p.slot[26] = 40;   // yellows' hue
     p.slot[31] = -60;  // greens' lightness
     p.slot[40] = 25;   // purples' lightness
     for (int h : {1, 2, 11, 23}) {

@@ -1,10 +1,9 @@
 // Colour-space helpers: exact conversions, round trips, published white points.
+#include <Brackvista40Lib1.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstring>
-
-#include <Brackvista40Lib1.h>
 
 #include "test_support.hpp"
 
@@ -22,11 +21,11 @@ TEST(Colour, HslOfKnownColours) {
         float hsl[3];
     } cases[] = {
         {{1, 0, 0}, {0, 1, 0.5f}},
-        {{0.2f, 0.4f, 0.6f}, {3.5f / 6, 0.5f, 0.4f}},       // blue is the largest
+        {{0.2f, 0.4f, 0.6f}, {3.5f / 6, 0.5f, 0.4f}},            // blue is the largest
         {{0.2f, 0.8f, 0.4f}, {(2 + 1.0f / 3) / 6, 0.6f, 0.5f}},  // green is the largest
-        {{1, 0, 0.5f}, {1 - 0.5f / 6, 1, 0.5f}},              // negative hue wraps
-        {{1, 0.8f, 0.8f}, {0, 1, 0.9f}},                      // L above 0.5
-        {{0.3f, 0.3f, 0.3f}, {0, 0, 0.3f}},                   // grey
+        {{1, 0, 0.5f}, {1 - 0.5f / 6, 1, 0.5f}},                 // negative hue wraps
+        {{1, 0.8f, 0.8f}, {0, 1, 0.9f}},                         // L above 0.5
+        {{0.3f, 0.3f, 0.3f}, {0, 0, 0.3f}},                      // grey
     };
     for (const Case &c : cases) {
         float out[3];
@@ -211,8 +210,8 @@ TEST(Colour, KelvinGivesDaylightWhites) {
 
 TEST(Colour, RgbXyzMatrices) {
     // Each space's rows sum to its white; the two matrices invert.
-    const float whites[3][3] = {{0.95047f, 1, 1.08883f}, {0.95047f, 1, 1.08883f},
-                                {0.96422f, 1, 0.82521f}};
+    const float whites[3][3] = {
+        {0.95047f, 1, 1.08883f}, {0.95047f, 1, 1.08883f}, {0.96422f, 1, 0.82521f}};
     for (int space = 0; space < 3; ++space) {
         float to[9], from[9];
         ASSERT_EQ(getRGB_to_from_XYZ(space, to, from), 1);

@@ -1,11 +1,12 @@
 // Tone-mapping records, slider mapping, statistics toolkit and the simple tone mapper.
+#include <Brackvista40Lib1.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <string>
 #include <vector>
-
-#include <Brackvista40Lib1.h>
 
 #include "Threading/bands.hpp"
 #include "core/rgbe_pixel.hpp"
@@ -70,11 +71,11 @@ TEST(TmParams, SliderMappingRoundsHalvesDown) {
         EXPECT_EQ(param2slider(200000.0f, e), 100) << e;
         EXPECT_EQ(slider2param(0, e), 0);
     }
-    EXPECT_EQ(param2slider(5000.0f, 1.0), 2);   // 2.5 exactly: down
-    EXPECT_EQ(param2slider(1000.0f, 1.0), 0);   // 0.5 exactly: down
-    EXPECT_EQ(param2slider(125.0f, 0.5), 2);    // 2.5 exactly: down
-    EXPECT_EQ(param2slider(3000.0f, 1.0), 2);   // just above 1.5: up
-    EXPECT_EQ(param2slider(3400.0f, 1.0), 2);   // 1.7
+    EXPECT_EQ(param2slider(5000.0f, 1.0), 2);  // 2.5 exactly: down
+    EXPECT_EQ(param2slider(1000.0f, 1.0), 0);  // 0.5 exactly: down
+    EXPECT_EQ(param2slider(125.0f, 0.5), 2);   // 2.5 exactly: down
+    EXPECT_EQ(param2slider(3000.0f, 1.0), 2);  // just above 1.5: up
+    EXPECT_EQ(param2slider(3400.0f, 1.0), 2);  // 1.7
     EXPECT_EQ(slider2param(50, 1.0), 100000);
     EXPECT_EQ(slider2param(50, 2.0), 50000);
     // Reciprocal exponents invert each other (up to rounding).
@@ -229,7 +230,8 @@ std::vector<float> make_image(int w, int h, uint64_t seed) {
     std::vector<float> img(static_cast<size_t>(w) * h * 3);
     for (size_t i = 0; i < img.size(); i += 3) {
         const float l = std::exp(static_cast<float>(rng.uniform()) * 8.0f - 5.0f);
-        for (int c = 0; c < 3; ++c) img[i + c] = l * (0.2f + 0.8f * static_cast<float>(rng.uniform()));
+        for (int c = 0; c < 3; ++c)
+            img[i + c] = l * (0.2f + 0.8f * static_cast<float>(rng.uniform()));
         if (rng.next() % 5 == 0) img[i + 1] = img[i + 2] = img[i];
     }
     return img;
@@ -279,8 +281,8 @@ int reference_grey(float v, const TmParam &p, const LogLumStats &s, double range
     double m = std::pow(r / (s.v[1] - s.v[0]), 1.4) * 0.6 + 0.3;
     if (s1 < 0) m = (s1 + 10) * 0.1 * (m - 0.01) + 0.01;
     if (s1 > 0) m = (10 - s1) * 0.1 * (m - 0.9) + 0.9;
-    const double x = s0 > 0 ? s0 * (0.4 - 0.01 * s0)
-                            : (s0 > -6 ? s0 * 0.5 : s0 * ((-6 - s0) * 0.1 + 0.5));
+    const double x =
+        s0 > 0 ? s0 * (0.4 - 0.01 * s0) : (s0 > -6 ? s0 * 0.5 : s0 * ((-6 - s0) * 0.1 + 0.5));
     const double f = std::exp(-x);
     auto curve = [&](double l) { return range * l / (std::pow(f * (c * l + a0), m) + l); };
     const double hi = curve(a * std::exp(s.v[1])), lo = curve(a * std::exp(s.v[0]));
@@ -297,8 +299,8 @@ TEST(TmSimple, CurveMatchesItsDefinition) {
     for (float g : greys) img.insert(img.end(), {g, g, g});
     const LogLumStats stats[2] = {make_stats(-7, 3, -0.5f, 2.5f), make_stats(-7, 3.2f, -2, 2.8f)};
     // Exposure -6 sits on the border of two rules that agree there (f = e^3).
-    const float settings[][5] = {{0, 0, 0, 0, 0},   {-6, 0, 0, 0, 0},  {-8.5f, 0, 0, 0, 0},
-                                 {4, 0, 0, 0, 0},   {0, 5, 3, 0, 0},   {0, -4, -2, 0, 0},
+    const float settings[][5] = {{0, 0, 0, 0, 0}, {-6, 0, 0, 0, 0}, {-8.5f, 0, 0, 0, 0},
+                                 {4, 0, 0, 0, 0}, {0, 5, 3, 0, 0},  {0, -4, -2, 0, 0},
                                  {-2, 0, 0, 2, 3}};
     for (const LogLumStats &st : stats) {
         for (const auto &set : settings) {
@@ -329,11 +331,12 @@ TEST(TmSimple, CurveMatchesItsDefinition) {
 TEST(TmSimple, MinEqualMaxStatsFailBeforeWriting) {
     auto img = make_image(4, 3, 1);
     int rc = 0;
-    auto out = run<uint8_t>(base_params(), nullptr, make_stats(1, 1, 1, 1), img, float_dim(4, 3), 1,
-                            &rc);
+    auto out =
+        run<uint8_t>(base_params(), nullptr, make_stats(1, 1, 1, 1), img, float_dim(4, 3), 1, &rc);
     EXPECT_EQ(rc, BV_TM_ESTATS);
     for (uint8_t v : out) ASSERT_EQ(v, 0xCD);
-    out = run<uint8_t>(base_params(), nullptr, make_stats(2, 1, 1, 1), img, float_dim(4, 3), 3, &rc);
+    out =
+        run<uint8_t>(base_params(), nullptr, make_stats(2, 1, 1, 1), img, float_dim(4, 3), 3, &rc);
     EXPECT_EQ(rc, BV_TM_ESTATS);
     out = run<uint8_t>(base_params(), nullptr, make_stats(NAN, 1, 0, 0), img, float_dim(4, 3), 1,
                        &rc);
@@ -386,7 +389,8 @@ TEST(TmSimple, RgbeInputMatchesItsDecodedFloats) {
             bv::rgbe::encode(px[0], px[1], px[2], 0.0f, e);
             if (x == 3) e[3] = 0;  // exponent 0 is black whatever the mantissas
             for (int c = 0; c < 4; ++c) row[c * w + x] = e[c];
-            bv::rgbe::decode(e[0], e[1], e[2], e[3], table, &decoded[(static_cast<size_t>(y) * w + x) * 3]);
+            bv::rgbe::decode(e[0], e[1], e[2], e[3], table,
+                             &decoded[(static_cast<size_t>(y) * w + x) * 3]);
         }
     }
     const LogLumStats st = make_stats(-6, 3, -1, 2);
@@ -404,7 +408,8 @@ TEST(TmSimple, RgbeInputMatchesItsDecodedFloats) {
                             reinterpret_cast<uint16_t *>(out.data()), rd, threads),
                   h);
         int worst = 0;
-        for (size_t i = 0; i < out.size(); ++i) worst = std::max(worst, std::abs(out[i] - from_float[i]));
+        for (size_t i = 0; i < out.size(); ++i)
+            worst = std::max(worst, std::abs(out[i] - from_float[i]));
         EXPECT_LE(worst, 1);
         for (int y = 0; y < h; ++y)
             for (int c = 0; c < 3; ++c) EXPECT_EQ(out[(static_cast<size_t>(y) * w + 3) * 3 + c], 0);
@@ -499,8 +504,8 @@ TEST(TmSimple, RegionSetsBlendOverTheBase) {
     tmparam_default(0, 0, &p[1]);
     tmparam_default(0, 0, &p[2]);
     p[0].slot[55] = 2;
-    p[1].slot[0] = 3;      // region 0: brighter
-    p[2].slot[13] = -10;   // region 1: no saturation at all
+    p[1].slot[0] = 3;     // region 0: brighter
+    p[2].slot[13] = -10;  // region 1: no saturation at all
     p[2].slot[12] = -4;
     const DimParam d = float_dim(w, h);
     auto base = run<uint8_t>({p[0]}, nullptr, st, img, d, 1);
@@ -535,6 +540,49 @@ TEST(TmSimple, RegionSetsBlendOverTheBase) {
     EXPECT_EQ(run<uint8_t>(none, map.data(), st, img, d, 2), base);
     none[0].slot[55] = -3;
     EXPECT_EQ(run<uint8_t>(none, map.data(), st, img, d, 1), base);
+}
+
+// Plain settings take a chunked fast path; a region map of weight 0 forces
+// the general per-pixel path. Both must agree bit for bit.
+TEST(TmSimple, FastAndGeneralPathsAgree) {
+    const int w = 263, h = 5;  // a chunk and a ragged tail per row
+    auto img = make_image(w, h, 12);
+    img[7] = NAN;
+    img[11] = INFINITY;
+    img[20] = -2.0f;
+    float table[256];
+    bv::rgbe::fill_exp_table(table);
+    std::vector<unsigned char> rgbe(static_cast<size_t>(w) * h * 4);
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            uint8_t e[4];
+            const float *px = &img[(static_cast<size_t>(y) * w + x) * 3];
+            bv::rgbe::encode(std::fabs(px[0]), 1.0f, px[2], 0.0f, e);
+            if (x % 17 == 0) e[3] = 0;
+            for (int c = 0; c < 4; ++c) rgbe[static_cast<size_t>(y) * w * 4 + c * w + x] = e[c];
+        }
+    const LogLumStats st = make_stats(-5, 3, -1, 2);
+    std::vector<TmParam> p(2);
+    tmparam_default(0, 0, &p[0]);
+    p[0].slot[0] = -1.5f;
+    p[0].slot[3] = 1;
+    p[1] = p[0];
+    p[1].slot[0] = 2;
+    std::vector<unsigned char> map(static_cast<size_t>(w) * h * 2, 0);
+    for (bool use_rgbe : {false, true})
+        for (int bits : {8, 16})
+            for (int layout : {0, 3}) {
+                DimParam d = float_dim(w, h, bits);
+                d.layout = layout;
+                if (use_rgbe) d.sourceKind = 0;
+                void *in = use_rgbe ? static_cast<void *>(rgbe.data()) : img.data();
+                std::vector<uint16_t> fast(static_cast<size_t>(w) * h * 3, 1), general = fast;
+                p[0].slot[55] = 0;
+                ASSERT_EQ(tm_simple(p.data(), nullptr, &st, table, in, fast.data(), d, 2), h);
+                p[0].slot[55] = 1;
+                ASSERT_EQ(tm_simple(p.data(), map.data(), &st, table, in, general.data(), d, 3), h);
+                ASSERT_EQ(fast, general) << use_rgbe << " " << bits << " " << layout;
+            }
 }
 
 TEST(TmSimple, TemperatureSaturationAndColourTables) {
@@ -620,5 +668,71 @@ TEST(TmSimple, BadInputGetsDocumentedCodes) {
 }
 
 // ---------------------------------------------------------------- real data
+
+TEST(TmSimpleRealData, AtriumWithDefaultsUsesTheRange) {
+    const std::string dir = bvtest::shared_data_dir();
+    BV_REQUIRE_SHARED_DATA(dir);
+    const std::string path = dir + "/hdr/mpi_atrium_3.hdr";
+    RgbeDims dims{};
+    ASSERT_GE(rgbe_dim(path.c_str(), nullptr, &dims), 0);
+    const int w = dims.width, h = dims.height;
+    ASSERT_EQ(w, 1024);
+    ASSERT_EQ(h, 676);
+    std::vector<unsigned char> rgbe(static_cast<size_t>(w) * h * 4);
+    ASSERT_EQ(bv_io_read_rgbe(w, h, path.c_str(), rgbe.data()), h);
+    float table[256];
+    ASSERT_EQ(exp_lut_old(table), 256);
+    LogLumStats st{};
+    st.v[0] = 8;  // RGBE input
+    ASSERT_EQ(logMinMaxMoy(w, h, table, rgbe.data(), &st), h);
+    ASSERT_LT(st.v[0], st.v[1]);
+
+    TmParam p;
+    tmparam_default(0, 0, &p);
+    DimParam d;
+    init_dim_param(&d);
+    d.width = w;
+    d.height = h;
+    const size_t samples = static_cast<size_t>(w) * h * 3;
+    std::vector<uint8_t> one(samples, 0xCD);
+    ASSERT_EQ(tm_simple(&p, nullptr, &st, table, rgbe.data(),
+                        reinterpret_cast<uint16_t *>(one.data()), d, 1),
+              h);
+    size_t low = 0, high = 0;
+    double sum = 0;
+    for (uint8_t v : one) {
+        low += v == 0;
+        high += v == 255;
+        sum += v;
+    }
+    std::printf("atrium: %.3f %% samples at 0, %.3f %% at 255, mean %.1f\n", 100.0 * low / samples,
+                100.0 * high / samples, sum / samples);
+    EXPECT_LE(low, samples / 100);
+    EXPECT_LE(high, samples / 100);
+    EXPECT_LT(*std::min_element(one.begin(), one.end()), 16);
+    EXPECT_GT(*std::max_element(one.begin(), one.end()), 240);
+    for (int threads : {2, 3}) {
+        std::vector<uint8_t> many(samples, 0x11);
+        ASSERT_EQ(tm_simple(&p, nullptr, &st, table, rgbe.data(),
+                            reinterpret_cast<uint16_t *>(many.data()), d, threads),
+                  h);
+        ASSERT_EQ(many, one) << threads << " threads";
+    }
+
+    // The same picture from the decoded floats, with 16-bit output: finite,
+    // and within a step of the 8-bit result.
+    std::vector<float> fl(samples);
+    ASSERT_EQ(rgbe2fp(w, h, w * 3, 0, 0, rgbe.data(), fl.data(), 1.0f), h);
+    for (float v : fl) ASSERT_TRUE(std::isfinite(v));
+    DimParam d16 = d;
+    d16.sourceKind = 10;
+    d16.bitsIn = 32;
+    d16.bitsOut = 16;
+    std::vector<uint16_t> out16(samples);
+    ASSERT_EQ(tm_simple(&p, nullptr, &st, nullptr, fl.data(), out16.data(), d16, 2), h);
+    int worst = 0;
+    for (size_t i = 0; i < samples; ++i) worst = std::max(worst, std::abs(out16[i] / 257 - one[i]));
+    EXPECT_LE(worst, 1);
+}
 
 }  // namespace

@@ -22,12 +22,24 @@ void pure_hue(double h, double rgb[3]) {
     const int i = static_cast<int>(h6) % 6;
     const double f = h6 - std::floor(h6);
     switch (i) {
-        case 0: rgb[0] = 1, rgb[1] = f, rgb[2] = 0; break;
-        case 1: rgb[0] = 1 - f, rgb[1] = 1, rgb[2] = 0; break;
-        case 2: rgb[0] = 0, rgb[1] = 1, rgb[2] = f; break;
-        case 3: rgb[0] = 0, rgb[1] = 1 - f, rgb[2] = 1; break;
-        case 4: rgb[0] = f, rgb[1] = 0, rgb[2] = 1; break;
-        default: rgb[0] = 1, rgb[1] = 0, rgb[2] = 1 - f; break;
+        case 0:
+            rgb[0] = 1, rgb[1] = f, rgb[2] = 0;
+            break;
+        case 1:
+            rgb[0] = 1 - f, rgb[1] = 1, rgb[2] = 0;
+            break;
+        case 2:
+            rgb[0] = 0, rgb[1] = 1, rgb[2] = f;
+            break;
+        case 3:
+            rgb[0] = 0, rgb[1] = 1 - f, rgb[2] = 1;
+            break;
+        case 4:
+            rgb[0] = f, rgb[1] = 0, rgb[2] = 1;
+            break;
+        default:
+            rgb[0] = 1, rgb[1] = 0, rgb[2] = 1 - f;
+            break;
     }
 }
 
@@ -91,7 +103,7 @@ struct AdjustJob {
     unsigned char *image;
     int width;
     int channels;
-    int bits;  // 8, 16 or 32
+    int bits;    // 8, 16 or 32
     size_t row;  // row length in samples
     bool bgr;
     bool temperature;
@@ -229,9 +241,8 @@ BV_API int getColorAdjustmentLUTs(int mode, const TmParam *rec, int entries, int
     return bv::utils::build_colour_luts(*rec, entries, hueTable, valueTable);
 }
 
-BV_API int bv_adjust_colors(int threads, bv_progress_cb progressCb, int code,
-                            const TmParam *params, const TmParam *colour, void *image,
-                            DimParam dim) {
+BV_API int bv_adjust_colors(int threads, bv_progress_cb progressCb, int code, const TmParam *params,
+                            const TmParam *colour, void *image, DimParam dim) {
     (void)code;
     (void)params;
     if (!colour || !image) return BV_CA_EBADARG;

@@ -1,4 +1,5 @@
-// Colour adjustments shared by the tone mapper and bv_adjust_colors: slots, tables, per-pixel stages.
+// Colour adjustments shared by the tone mapper and bv_adjust_colors: slots, tables, per-pixel
+// stages.
 #pragma once
 
 #include <Brackvista40Lib1.h>
@@ -68,7 +69,8 @@ inline float clamp01(float v) noexcept {
 // Re-colours a 0..1 pixel from its hue's table entries: the hue table gives
 // the shape between the pixel's low and high channel, the value table
 // (0.5 = unchanged) scales coloured pixels by their saturation.
-inline void apply_luts(float rgb[3], const float *hue, const float *value, bool use_value) noexcept {
+inline void apply_luts(float rgb[3], const float *hue, const float *value,
+                       bool use_value) noexcept {
     float hsv[3];
     rgb_to_hsv(rgb, hsv);
     const float v = hsv[2];

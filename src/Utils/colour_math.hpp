@@ -101,13 +101,26 @@ inline void hsv_to_rgb(const float hsv[3], float rgb[3]) noexcept {
     const float q = v - f;
     const float t = f + p;
     switch (i) {
-        case 0: rgb[0] = v, rgb[1] = t, rgb[2] = p; break;
-        case 1: rgb[0] = q, rgb[1] = v, rgb[2] = p; break;
-        case 2: rgb[0] = p, rgb[1] = v, rgb[2] = t; break;
-        case 3: rgb[0] = p, rgb[1] = q, rgb[2] = v; break;
-        case 4: rgb[0] = t, rgb[1] = p, rgb[2] = v; break;
-        case 5: rgb[0] = v, rgb[1] = p, rgb[2] = q; break;
-        default: break;
+        case 0:
+            rgb[0] = v, rgb[1] = t, rgb[2] = p;
+            break;
+        case 1:
+            rgb[0] = q, rgb[1] = v, rgb[2] = p;
+            break;
+        case 2:
+            rgb[0] = p, rgb[1] = v, rgb[2] = t;
+            break;
+        case 3:
+            rgb[0] = p, rgb[1] = q, rgb[2] = v;
+            break;
+        case 4:
+            rgb[0] = t, rgb[1] = p, rgb[2] = v;
+            break;
+        case 5:
+            rgb[0] = v, rgb[1] = p, rgb[2] = q;
+            break;
+        default:
+            break;
     }
 }
 

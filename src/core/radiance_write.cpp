@@ -123,19 +123,22 @@ std::string strip_header(int width, int total_height) {
 // The file is closed by the caller; returns rows or the writers' code.
 class RowWriter {
 public:
-    RowWriter(int width) : w_(size_t(width)), flat_(width > kMaxRleWidth) {}
+    explicit RowWriter(int width) : w_(size_t(width)), flat_(width > kMaxRleWidth) {}
 
-    bool alloc(OutSink *sink) {
-        // Run-length rows need 2 x width per component; flat rows go out
-        // one row at a time from their own buffer.
-        if (flat_) return sink->alloc(4096) && row_.alloc(4 * w_);
-        const size_t need = 2 * w_ + 4;
-        return sink->alloc(need > (size_t(1) << 20) ? need : (size_t(1) << 20));
+    // Room for the header (a few hundred bytes) plus, for run-length rows,
+    // 2 x width per component: 1 MiB, or less when the whole file is smaller.
+    bool alloc(OutSink *sink, int rows) {
+        constexpr size_t kHeaderRoom = 1024, kMax = size_t(1) << 20;
+        if (flat_) return sink->alloc(kHeaderRoom) && row_.alloc(4 * w_);
+        const size_t worst = kHeaderRoom + size_t(rows) * (4 + 8 * w_);
+        size_t cap = worst < kMax ? worst : kMax;
+        if (cap < kHeaderRoom + 2 * w_) cap = kHeaderRoom + 2 * w_;
+        return sink->alloc(cap);
     }
 
     int write(FILE *f, OutSink *sink, const std::string &header, const uint8_t *rgbe, int rows) {
         // Headers are a few hundred bytes, below every sink capacity.
-        uint8_t *h = sink->reserve(header.size());
+        uint8_t *h = header.size() <= 1024 ? sink->reserve(header.size()) : nullptr;
         if (!h) return -1;
         std::memcpy(h, header.data(), header.size());
         sink->commit(header.size());
@@ -189,7 +192,7 @@ int write_file(const char *path, const char *mode, int width, const std::string 
                const uint8_t *rgbe, int rows) {
     RowWriter writer(width);
     OutSink sink;
-    if (!writer.alloc(&sink)) return -4;
+    if (!writer.alloc(&sink, rows)) return -4;
     File f(path, mode);
     if (!f) return -1;
     sink.set_file(f.get());

@@ -60,10 +60,22 @@ inline void encode(float r, float g, float b, double threshold, uint8_t out[4]) 
         out[3] = 255;
         return;
     }
+    // (f, e) = frexp(m) and s = f * 256 / m = 2^(8 - e): a power of two, so
+    // scaling is exact in double whatever m is (a float scale would overflow
+    // for m below about 2^-120). For normal floats e comes straight from the
+    // exponent bits, which is the same value without the library call.
+    uint32_t bits;
+    std::memcpy(&bits, &m, sizeof bits);
+    const int biased = static_cast<int>(bits >> 23);  // m > 0, so no sign bit
     int e;
-    // f * 256 / m is a power of two, so this is exact in double whatever m is
-    // (a float scale would overflow for m below about 2^-120).
-    const double s = std::frexp(static_cast<double>(m), &e) * 256.0 / m;
+    double s;
+    if (biased != 0) {
+        e = biased - 126;
+        const uint64_t sbits = static_cast<uint64_t>(1023 + 8 - e) << 52;
+        std::memcpy(&s, &sbits, sizeof s);
+    } else {
+        s = std::frexp(static_cast<double>(m), &e) * 256.0 / m;
+    }
     out[0] = mantissa(r * s);
     out[1] = mantissa(g * s);
     out[2] = mantissa(b * s);

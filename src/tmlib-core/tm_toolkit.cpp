@@ -8,6 +8,8 @@
 
 namespace bv::tm {
 
+// The module counter of adjust_percentile (see tmlib.hpp): the only mutable
+// state of the tone-mapping modules, reset by the callers that use it.
 int GlobalCntAdjust = 0;
 
 namespace {
@@ -43,17 +45,6 @@ int log_lum_pass(int width, int height, int step, size_t row, const Sample *data
     return counted;
 }
 
-// First bin whose cumulative count exceeds target (0 below bin 0, nbins when none does).
-int first_bin_above(const int32_t *hist, int nbins, uint64_t target) {
-    if (nbins < 1 || target < static_cast<uint64_t>(static_cast<int64_t>(hist[0]))) return 0;
-    int64_t cum = hist[0];
-    for (int k = 1; k < nbins; ++k) {
-        cum += hist[k];
-        if (cum > 0 && static_cast<uint64_t>(cum) > target) return k;
-    }
-    return nbins;
-}
-
 }  // namespace
 
 int get_log_lum(int kind, int width, int height, int pixelStep, int rowStep, float out[3],
@@ -66,8 +57,8 @@ int get_log_lum(int kind, int width, int height, int pixelStep, int rowStep, flo
     float mn = 1e9f, mx = -1e9f;
     int counted;
     if (kind == 0) {
-        counted = log_lum_pass(width, height, pixelStep, row, static_cast<const float *>(data),
-                               lut, (pixelStep - 1) / 2, logMap, &sum, &mn, &mx);
+        counted = log_lum_pass(width, height, pixelStep, row, static_cast<const float *>(data), lut,
+                               (pixelStep - 1) / 2, logMap, &sum, &mn, &mx);
     } else if (kind == 1) {
         // The green offset is taken from an even count, as for byte offsets.
         counted = log_lum_pass(width, height, pixelStep, row, static_cast<const uint16_t *>(data),
@@ -102,7 +93,7 @@ int verifPercentile(const uint32_t (*hist)[256], uint32_t channel, int count) {
         }
         if (bin > 14 && bin < 236) return count;
         const int next = (bin >= 0 && bin <= 14) ? static_cast<int>(count * 1.05)
-                                                  : static_cast<int>(count * 0.95);
+                                                 : static_cast<int>(count * 0.95);
         if (next == count) return count;
         count = next;
     }
@@ -110,13 +101,11 @@ int verifPercentile(const uint32_t (*hist)[256], uint32_t channel, int count) {
 }
 
 float adjust_percentile(uint64_t count, int nbins, const int32_t *hist, float factor) {
-    if (!hist || nbins < 1 || !(factor > 0.0f)) return factor;
+    if (!hist || nbins < 1) return factor;
     const int hi = static_cast<int>(0.9 * nbins);
     const int lo = static_cast<int>(0.25 * nbins);
     for (;;) {
-        const double t = static_cast<double>(count) * factor;
-        const uint64_t target = t < 1.8e19 ? static_cast<uint64_t>(t) : UINT64_MAX;
-        const int k = first_bin_above(hist, nbins, target);
+        const int k = percentile(count, static_cast<uint32_t>(nbins), hist, factor);
         if (GlobalCntAdjust > 39) return factor;
         ++GlobalCntAdjust;
         if (k > hi) {
@@ -167,11 +156,13 @@ int tm1_init(int outWidth, int outHeight, int inWidth, int inHeight, int edgeFla
                 v = 0.5626f * at(x, y) + 0.09375f * edges + 0.0156f * diag;
             } else if (ox && !oy) {
                 const float along = at(x, y) + at(x + 1, y);
-                const float beside = at(x, y - 1) + at(x + 1, y - 1) + at(x, y + 1) + at(x + 1, y + 1);
+                const float beside =
+                    at(x, y - 1) + at(x + 1, y - 1) + at(x, y + 1) + at(x + 1, y + 1);
                 v = 0.375f * along + 0.0625f * beside;
             } else if (!ox && oy) {
                 const float along = at(x, y) + at(x, y + 1);
-                const float beside = at(x - 1, y) + at(x - 1, y + 1) + at(x + 1, y) + at(x + 1, y + 1);
+                const float beside =
+                    at(x - 1, y) + at(x - 1, y + 1) + at(x + 1, y) + at(x + 1, y + 1);
                 v = 0.375f * along + 0.0625f * beside;
             } else {
                 v = 0.25f * (at(x, y) + at(x + 1, y) + at(x, y + 1) + at(x + 1, y + 1));

@@ -4,6 +4,10 @@
 #include <cstring>
 #include <vector>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "Threading/bands.hpp"
 #include "Utils/colour_adjust.hpp"
 #include "core/bv_internal.hpp"
@@ -19,13 +23,13 @@ constexpr int kMaxRegionSets = 255;
 
 // Curve and colour constants of one parameter set.
 struct CurveSet {
-    float a;     // scale that maps the median to exp(k)
-    float c;     // adaptation blend
-    float a0;    // base adaptation
-    float f;     // exposure factor
-    float m;     // contrast exponent
-    float lo;    // black end, after the black clip
-    float inv;   // 1 / (white end after the clip - black end)
+    float a;    // scale that maps the median to exp(k)
+    float c;    // adaptation blend
+    float a0;   // base adaptation
+    float f;    // exposure factor
+    float m;    // contrast exponent
+    float lo;   // black end, after the black clip
+    float inv;  // 1 / (white end after the clip - black end)
     bool temperature;
     utils::WhiteGains gains;
     bool saturation;
@@ -46,8 +50,8 @@ struct Job {
     DimParam dim;
     bool rgbe;
     bool planar;
-    float range;      // 255 or 65535
-    size_t out_row;   // interleaved row length in samples
+    float range;             // 255 or 65535
+    size_t out_row;          // interleaved row length in samples
     int first_row, end_row;  // optional row window of the base set
 };
 
@@ -204,6 +208,96 @@ void map_rows(const Job &j, int first, int end) {
     }
 }
 
+// The common case (no colour stages, no regions), a chunk of pixels at a
+// time so that the per-channel divisions run four lanes wide. Every lane
+// does the same IEEE operations in the same order as render(), so the
+// output is bit-identical to the per-pixel path.
+template <class T>
+void map_rows_plain(const Job &j, int first, int end) {
+    constexpr int kChunk = 256;
+    const DimParam &d = j.dim;
+    const int w = d.width;
+    const int ch = d.channels;
+    const size_t plane = static_cast<size_t>(w) * static_cast<size_t>(d.height);
+    const int off_r = d.bgr ? ch - 1 : 0, off_g = (ch - 1) / 2, off_b = d.bgr ? 0 : ch - 1;
+    const int in_g = (ch - 1) / 2, in_b = ch - 1;
+    const CurveSet &s = j.sets[0];
+    T *out = static_cast<T *>(j.output);
+    alignas(16) float cp[3][kChunk];
+    alignas(16) float sig[kChunk];
+    alignas(16) int32_t q[3][kChunk];
+    bool black[kChunk];
+    for (int y = first; y < end; ++y) {
+        const unsigned char *row = j.input + (j.rgbe ? static_cast<size_t>(y) * w * 4
+                                                     : static_cast<size_t>(y) * w * ch * 4);
+        const float *frow = reinterpret_cast<const float *>(row);
+        for (int x0 = 0; x0 < w; x0 += kChunk) {
+            const int n = (w - x0 < kChunk) ? w - x0 : kChunk;
+            for (int i = 0; i < n; ++i) {
+                const int x = x0 + i;
+                float r, g, b, e_scale = 1.0f;
+                if (j.rgbe) {
+                    const unsigned e = row[3 * w + x];
+                    black[i] = e == 0;
+                    r = row[x], g = row[w + x], b = row[2 * w + x];
+                    e_scale = j.exp_table[e];
+                } else {
+                    const float *px = frow + static_cast<size_t>(x) * ch;
+                    black[i] = false;
+                    r = px[0], g = px[in_g], b = px[in_b];
+                }
+                const float scale = s.a * e_scale;
+                const float lum = 0.2126f * r + 0.7152f * g + 0.0722f * b;
+                const float lambda = lum * scale * s.c + s.a0;
+                sig[i] = std::pow(s.f * lambda, s.m) + 1e-20f;
+                cp[0][i] = r * scale;
+                cp[1][i] = g * scale;
+                cp[2][i] = b * scale;
+            }
+            for (int c = 0; c < 3; ++c) {
+                int i = 0;
+#if defined(__SSE2__)
+                const __m128 range = _mm_set1_ps(j.range), lo = _mm_set1_ps(s.lo),
+                             inv = _mm_set1_ps(s.inv), zero = _mm_setzero_ps();
+                for (; i + 4 <= n; i += 4) {
+                    const __m128 v = _mm_load_ps(&cp[c][i]);
+                    const __m128 o = _mm_mul_ps(
+                        _mm_sub_ps(
+                            _mm_div_ps(_mm_mul_ps(range, v), _mm_add_ps(v, _mm_load_ps(&sig[i]))),
+                            lo),
+                        inv);
+                    // max(x, 0) yields 0 for NaN, as to_sample does.
+                    const __m128 t = _mm_min_ps(_mm_max_ps(_mm_mul_ps(o, range), zero), range);
+                    _mm_store_si128(reinterpret_cast<__m128i *>(&q[c][i]), _mm_cvttps_epi32(t));
+                }
+#endif
+                for (; i < n; ++i) {
+                    const float v = cp[c][i];
+                    q[c][i] =
+                        to_sample<int32_t>((j.range * v / (v + sig[i]) - s.lo) * s.inv, j.range);
+                }
+            }
+            for (int i = 0; i < n; ++i) {
+                const int x = x0 + i;
+                const T sr = black[i] ? 0 : static_cast<T>(q[0][i]);
+                const T sg = black[i] ? 0 : static_cast<T>(q[1][i]);
+                const T sb = black[i] ? 0 : static_cast<T>(q[2][i]);
+                if (j.planar) {
+                    const size_t p = static_cast<size_t>(y) * w + x;
+                    out[(d.bgr ? 2 : 0) * plane + p] = sr;
+                    out[plane + p] = sg;
+                    out[(d.bgr ? 0 : 2) * plane + p] = sb;
+                } else {
+                    T *px = out + static_cast<size_t>(y) * j.out_row + static_cast<size_t>(x) * ch;
+                    px[off_r] = sr;
+                    px[off_g] = sg;
+                    px[off_b] = sb;
+                }
+            }
+        }
+    }
+}
+
 }  // namespace
 
 // One band of rows [first, end), clipped to the base set's row window.
@@ -212,10 +306,13 @@ int tm_simple_orig(const Job &j, int first, int end) {
     const int lo = first > j.first_row ? first : j.first_row;
     const int hi = end < j.end_row ? end : j.end_row;
     if (lo < hi) {
+        const CurveSet &b = j.sets[0];
+        const bool plain =
+            !(j.region_map && j.regions > 0) && !b.temperature && !b.saturation && !b.tables;
         if (j.range > 255.0f)
-            map_rows<uint16_t>(j, lo, hi);
+            plain ? map_rows_plain<uint16_t>(j, lo, hi) : map_rows<uint16_t>(j, lo, hi);
         else
-            map_rows<uint8_t>(j, lo, hi);
+            plain ? map_rows_plain<uint8_t>(j, lo, hi) : map_rows<uint8_t>(j, lo, hi);
     }
     return end;
 }
@@ -228,9 +325,9 @@ void *tm_simple_threaded(void *arg) {
 
 namespace {
 
-int tm_simple_impl(const TmParam *params, const unsigned char *region_map,
-                   const LogLumStats &stats, const float *exp_table, const void *input,
-                   void *output, const DimParam &dim, int threads) {
+int tm_simple_impl(const TmParam *params, const unsigned char *region_map, const LogLumStats &stats,
+                   const float *exp_table, const void *input, void *output, const DimParam &dim,
+                   int threads) {
     const bool rgbe = dim.sourceKind != 10;
     const bool planar = dim.layout == 3;
     if ((rgbe && !exp_table) || dim.width < 0 || dim.height < 0 || dim.channels < 1 ||
@@ -265,8 +362,8 @@ int tm_simple_impl(const TmParam *params, const unsigned char *region_map,
         if (!utils::has_table_params(colour) && colour.slot[13] == 0.0f) continue;
         float *hue = hue_tables.get() + k * lut * 3;
         float *value = value_tables.get() + k * lut;
-        const int rc = getColorAdjustmentLUTs(BV_CA_MODE_TABLES, &colour, utils::kLutEntries, 8,
-                                              hue, value);
+        const int rc =
+            getColorAdjustmentLUTs(BV_CA_MODE_TABLES, &colour, utils::kLutEntries, 8, hue, value);
         if (rc < 0) continue;  // that set simply goes without tables
         curves[k].tables = true;
         curves[k].use_value = rc != 0;

@@ -1,4 +1,5 @@
-// Internal interface of the tone-mapping modules: statistics toolkit and the simple tone mapper's pieces.
+// Internal interface of the tone-mapping modules: statistics toolkit and the simple tone mapper's
+// pieces.
 #pragma once
 
 #include <Brackvista40Lib1.h>
@@ -41,8 +42,8 @@ void coeffPoly3(double *a, double *b, double *c, double *d, double x0, double y0
 
 // Doubles a float map (edge replication; edgeFlag is accepted and ignored).
 // Returns outHeight, or -1 for bad arguments.
-int tm1_init(int outWidth, int outHeight, int inWidth, int inHeight, int edgeFlag,
-             const float *in, float *out);
+int tm1_init(int outWidth, int outHeight, int inWidth, int inHeight, int edgeFlag, const float *in,
+             float *out);
 
 // Reorders an interleaved image (8 or 16 bits, channels samples per pixel,
 // R/G/B at 0, (channels-1)/2, channels-1) into three packed planes R, G, B
