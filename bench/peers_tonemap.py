@@ -4,6 +4,7 @@
 second. Run from anywhere; the image is the atrium photograph tiled to
 6000x4000, exactly as bench_tonemap.cpp builds it.
 
+    scripts/build.sh build-bench -DCMAKE_BUILD_TYPE=Release -DBV_BUILD_BENCH=ON
     /usr/bin/python3 bench/peers_tonemap.py [--bench build-bench/bench/bv_bench]
                                             [--threads 2] [--repeat 3] [--write]
 """
