@@ -25,22 +25,26 @@ env = dict(os.environ, BV_BENCH_HDR=HDR)
 out = subprocess.run([BENCH, "--benchmark_filter=Radiance", "--benchmark_format=json",
                       "--benchmark_repetitions=%d" % REPS, "--benchmark_report_aggregates_only=true"],
                      env=env, check=True, capture_output=True, text=True).stdout
-ours = {}
+ours, ours_cpu = {}, {}
 for b in json.loads(out)["benchmarks"]:
     if b.get("aggregate_name") == "median":
-        ours[b["run_name"].split("/")[0].replace("BM_", "")] = b["real_time"] / 1000.0  # ms -> s
+        name = b["run_name"].split("/")[0].replace("BM_", "")
+        ours[name] = b["real_time"] / 1000.0  # ms -> s
+        ours_cpu[name] = b["cpu_time"] / 1000.0
 
 cv2.setNumThreads(1)
 size = os.path.getsize(HDR)
 
 
 def timed(fn):
-    ts = []
+    """Median wall-clock and CPU seconds of REPS calls."""
+    ts, cs = [], []
     for _ in range(REPS):
-        t0 = time.perf_counter()
+        t0, c0 = time.perf_counter(), time.process_time()
         fn()
         ts.append(time.perf_counter() - t0)
-    return statistics.median(ts)
+        cs.append(time.process_time() - c0)
+    return statistics.median(ts), statistics.median(cs)
 
 
 img = cv2.imread(HDR, cv2.IMREAD_ANYDEPTH | cv2.IMREAD_COLOR)
@@ -50,16 +54,20 @@ cv_write = timed(lambda: cv2.imwrite(CV_OUT, img))
 cv_size = os.path.getsize(CV_OUT)
 
 rows = [
-    ("read (RGBE rows)", "bv_io_read_rgbe", ours["RadianceRead24MP"], size, cv_read),
-    ("read + decode to float", "bv_io_read_rgbe + rgbe2fp", ours["RadianceReadToFloat24MP"], size, cv_read),
-    ("write", "bv_io_rgbe_write", ours["RadianceWrite24MP"], size, cv_write),
-    ("preview 1500x1000", "bv_io_read_preview_rgbe", ours["RadiancePreview24MP"], size, None),
+    ("read (RGBE rows)", "bv_io_read_rgbe", "RadianceRead24MP", cv_read),
+    ("read + decode to float", "bv_io_read_rgbe + rgbe2fp", "RadianceReadToFloat24MP", cv_read),
+    ("write", "bv_io_rgbe_write", "RadianceWrite24MP", cv_write),
+    ("preview 1500x1000", "bv_io_read_preview_rgbe", "RadiancePreview24MP", None),
 ]
-print("| operation | ours | ms | MP/s | file MB/s | OpenCV ms | OpenCV MP/s | speed-up |")
-print("|---|---|---|---|---|---|---|---|")
-for name, fn, t, nbytes, cv in rows:
-    cvs = "%.0f | %.1f | %.2fx" % (cv * 1e3, MP / cv, cv / t) if cv else "- | - | -"
-    print("| %s | `%s` | %.0f | %.1f | %.0f | %s |" % (name, fn, t * 1e3, MP / t, nbytes / t / 1e6, cvs))
+print("| operation | ours | ms | MP/s | file MB/s | CPU ms | OpenCV ms | OpenCV MP/s | OpenCV CPU ms "
+      "| speed-up (wall) | speed-up (CPU) |")
+print("|---|---|---|---|---|---|---|---|---|---|---|")
+for name, fn, key, cv in rows:
+    t, c = ours[key], ours_cpu[key]
+    cvs = ("%.0f | %.1f | %.0f | %.2fx | %.2fx" % (cv[0] * 1e3, MP / cv[0], cv[1] * 1e3, cv[0] / t, cv[1] / c)
+           if cv else "- | - | - | - | -")
+    print("| %s | `%s` | %.0f | %.1f | %.0f | %.0f | %s |"
+          % (name, fn, t * 1e3, MP / t, size / t / 1e6, c * 1e3, cvs))
 print()
 print("File: %dx%d, %.1f MB run-length coded by us; OpenCV's own output %.1f MB. "
       "OpenCV with one thread (cv2.setNumThreads(1)); median of %d runs; OpenCV %s."

@@ -1,10 +1,43 @@
 // Writes fuzz bytes as an RGBE image with both writers and reads them back.
 #include <Brackvista40Lib1.h>
 
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
+#include "core/radiance_io.hpp"
 #include "radiance_memfile.hpp"
+
+namespace {
+
+// The packet rule one step at a time, to hold the fast encoder to.
+std::vector<uint8_t> reference_encode(const uint8_t *c, size_t n) {
+    std::vector<uint8_t> out;
+    size_t base = 0, lit = 0;
+    auto literal = [&] {
+        out.push_back(uint8_t(lit));
+        out.insert(out.end(), c + base, c + base + lit);
+        base += lit;
+        lit = 0;
+    };
+    while (base < n) {
+        const size_t p = base + lit;
+        size_t r = 1;
+        while (r < 127 && p + r < n && c[p + r] == c[p]) ++r;
+        if (r >= 5) {
+            if (lit > 0) literal();
+            out.push_back(uint8_t(128 + r));
+            out.push_back(c[p]);
+            base += r;
+        } else {
+            lit = std::min<size_t>(lit + r, 127);
+            if (lit == 127 || base + lit >= n) literal();
+        }
+    }
+    return out;
+}
+
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size < 3) return 0;
@@ -15,6 +48,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const int height = static_cast<int>((size - 3) / row);
     if (height < 1 || height > 64) return 0;
     std::vector<unsigned char> img(data + 3, data + 3 + row * height);
+    for (size_t at = 0; at < img.size(); at += width) {
+        std::vector<uint8_t> fast(2 * size_t(width));
+        fast.resize(bv::radiance::encode_component(img.data() + at, width, fast.data()));
+        if (fast != reference_encode(img.data() + at, width)) __builtin_trap();
+    }
     const char *p = fuzzfile::path().c_str();
     std::vector<unsigned char> back(img.size());
     if (bv_io_rgbe_write(p, width, height, nullptr, 0, "sRGB", img.data()) != height) return 0;

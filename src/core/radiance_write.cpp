@@ -19,7 +19,29 @@ size_t encode_component(const uint8_t *src, size_t n, uint8_t *out) noexcept {
         lit = 0;
     };
     while (base < n) {
-        const size_t p = base + lit;
+        size_t p = base + lit;
+        // Bytes that differ from their successor only lengthen the literal:
+        // skip them eight at a time while the literal can neither fill up
+        // nor reach the end, then take the next step one run at a time.
+        const size_t room = 126 - lit < n - 1 - p ? 126 - lit : n - 1 - p;
+        size_t k = 0;
+#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+        while (k + 8 <= room) {
+            uint64_t a, b;
+            std::memcpy(&a, src + p + k, 8);
+            std::memcpy(&b, src + p + k + 1, 8);
+            const uint64_t x = a ^ b;
+            const uint64_t zero = (x - 0x0101010101010101ull) & ~x & 0x8080808080808080ull;
+            if (zero) {
+                k += static_cast<size_t>(__builtin_ctzll(zero)) >> 3;
+                break;
+            }
+            k += 8;
+        }
+#endif
+        if (k > room) k = room;
+        lit += k;
+        p += k;
         const size_t limit = n - p < 127 ? n - p : 127;
         const uint8_t v = src[p];
         size_t r = 1;

@@ -1,0 +1,441 @@
+// End-to-end tests of the brackvista tool: real brackets, the built-in scene,
+// outputs checked with OpenImageIO and an independent reader, bad input.
+#include <gtest/gtest.h>
+
+#include <OpenImageIO/imageio.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <future>
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "test_support.hpp"
+
+extern char **environ;
+
+namespace {
+
+namespace fs = std::filesystem;
+
+#ifdef BV_CLI_PATH
+const char *kTool = BV_CLI_PATH;
+#else
+const char *kTool = nullptr;
+#endif
+
+#define REQUIRE_TOOL() \
+    if (!kTool) GTEST_SKIP() << "the brackvista tool is not built (BV_BUILD_CLI=OFF or no OpenImageIO)"
+
+struct Result {
+    int code = -1;
+    std::string out, err;
+    int err_lines() const { return static_cast<int>(std::count(err.begin(), err.end(), '\n')); }
+};
+
+std::string slurp(const std::string &path) {
+    std::ifstream f(path, std::ios::binary);
+    std::stringstream ss;
+    ss << f.rdbuf();
+    return ss.str();
+}
+
+std::string quote(const std::string &s) {
+    std::string q = "'";
+    for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return q + "'";
+}
+
+// Runs the tool with args; the exit code is -1 when it died from a signal.
+// Safe to call from several threads at once.
+Result run(const std::vector<std::string> &args, const std::string &cwd = "") {
+    static std::atomic<int> counter{0};
+    std::string base = bvtest::temp_path("run" + std::to_string(counter++));
+    std::string cmd = cwd.empty() ? "" : "cd " + quote(cwd) + " && ";
+    cmd += quote(kTool);
+    for (const auto &a : args) cmd += " " + quote(a);
+    cmd += " >" + quote(base + ".out") + " 2>" + quote(base + ".err");
+    int status = std::system(cmd.c_str());
+    Result r;
+    r.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    r.out = slurp(base + ".out");
+    r.err = slurp(base + ".err");
+    return r;
+}
+
+std::string fresh_dir(const std::string &name) {
+    std::string d = bvtest::temp_path(name);
+    fs::remove_all(d);
+    fs::create_directories(d);
+    return d;
+}
+
+std::vector<std::string> names_in(const std::string &dir) {
+    std::vector<std::string> v;
+    for (const auto &e : fs::directory_iterator(dir)) v.push_back(e.path().filename().string());
+    std::sort(v.begin(), v.end());
+    return v;
+}
+
+struct Image {
+    int width = 0, height = 0, channels = 0;
+    OIIO::TypeDesc format;
+    std::vector<float> px;
+};
+
+bool read_image(const std::string &path, Image *img) {
+    auto in = OIIO::ImageInput::open(path);
+    if (!in) return false;
+    const auto &spec = in->spec();
+    img->width = spec.width;
+    img->height = spec.height;
+    img->channels = spec.nchannels;
+    img->format = spec.format;
+    img->px.resize(static_cast<size_t>(spec.width) * spec.height * spec.nchannels);
+    return in->read_image(0, 0, 0, spec.nchannels, OIIO::TypeDesc::FLOAT, img->px.data());
+}
+
+void write_png(const std::string &path, int w, int h, uint8_t level) {
+    auto out = OIIO::ImageOutput::create(path);
+    ASSERT_TRUE(out);
+    OIIO::ImageSpec spec(w, h, 3, OIIO::TypeDesc::UINT8);
+    std::vector<uint8_t> px(static_cast<size_t>(w) * h * 3);
+    for (size_t i = 0; i < px.size(); ++i) px[i] = static_cast<uint8_t>(level + (i / 3) % 7);
+    ASSERT_TRUE(out->open(path, spec));
+    ASSERT_TRUE(out->write_image(OIIO::TypeDesc::UINT8, px.data()));
+    ASSERT_TRUE(out->close());
+}
+
+// Width, height and largest value as OpenCV sees the file, or "" when
+// /usr/bin/python3 with cv2 is not there.
+std::string opencv_view(const std::string &path) {
+    std::string tmp = bvtest::temp_path("cv2.txt");
+    std::string cmd =
+        "/usr/bin/python3 -c \"import cv2,sys,numpy as n; i=cv2.imread(sys.argv[1],-1); "
+        "print(i.shape[1],i.shape[0],int(n.isfinite(i).all()),float(i.max()))\" " +
+        quote(path) + " >" + quote(tmp) + " 2>/dev/null";
+    if (std::system(cmd.c_str()) != 0) return "";
+    return slurp(tmp);
+}
+
+std::vector<std::string> memorial_pngs(const std::string &dir) {
+    std::vector<std::string> v;
+    for (int k = 61; k <= 76; ++k) v.push_back(dir + "/memorial00" + std::to_string(k) + ".png");
+    return v;
+}
+
+TEST(Cli, CommandLineAndHelp) {
+    REQUIRE_TOOL();
+    Result none = run({});
+    EXPECT_EQ(none.code, 2);
+    Result help = run({"--help"});
+    EXPECT_EQ(help.code, 0);
+    std::vector<std::future<Result>> helps;
+    for (const char *c : {"merge", "tonemap", "info", "demo"})
+        helps.push_back(std::async(std::launch::async, run, std::vector<std::string>{c, "--help"}, ""));
+    int k = 0;
+    for (const char *c : {"merge", "tonemap", "info", "demo"}) {
+        EXPECT_NE(help.out.find(c), std::string::npos) << c;
+        Result h = helps[k++].get();
+        EXPECT_EQ(h.code, 0) << c;
+        EXPECT_NE(h.out.find("usage: brackvista "), std::string::npos) << c;
+    }
+    Result tm = run({"tonemap", "--help"});
+    for (const char *p : {"--brightness", "--adaptation", "--white-clip", "--black-clip",
+                          "--temperature", "--saturation", "--bits"})
+        EXPECT_NE(tm.out.find(p), std::string::npos) << p;
+
+    struct Bad {
+        std::vector<std::string> args;
+        const char *says;
+    } bad[] = {
+        {{"frobnicate"}, "unknown command 'frobnicate'"},
+        {{"merge", "--frob", "a.png"}, "unknown option '--frob'"},
+        {{"merge", "-o"}, "needs a value"},
+        {{"merge", "-o", "x.hdr", "--threads", "many", "a.png", "b.png"}, "--threads must be a number"},
+        {{"merge", "a.png", "b.png"}, "no output file"},
+        {{"merge", "-o", "x.png", "a.png", "b.png"}, "use .hdr"},
+        {{"tonemap", "in.hdr", "-o", "x.png", "--brightness", "11"}, "--brightness must lie in -10..10"},
+        {{"tonemap", "in.hdr", "-o", "x.jpg", "--bits", "16"}, "JPEG pictures are 8-bit"},
+        {{"tonemap", "in.hdr", "-o", "x.png", "--saturation", "1.5"}, "whole steps"},
+        {{"demo", "--size", "8x8"}, "--size must be WxH"},
+    };
+    // Start-up dominates (OpenImageIO loads many libraries): run side by side.
+    std::vector<std::future<Result>> runs;
+    for (const auto &b : bad) runs.push_back(std::async(std::launch::async, run, b.args, ""));
+    for (size_t i = 0; i < std::size(bad); ++i) {
+        const Bad &b = bad[i];
+        Result r = runs[i].get();
+        EXPECT_EQ(r.code, 2) << b.args[0] << " " << r.err;
+        EXPECT_EQ(r.err_lines(), 1) << r.err;
+        EXPECT_NE(r.err.find(b.says), std::string::npos) << r.err;
+        EXPECT_EQ(r.err.rfind("brackvista", 0), 0u) << r.err;
+    }
+}
+
+TEST(Cli, MergesMemorialBracketsWithExposuresFile) {
+    REQUIRE_TOOL();
+    std::string data = bvtest::shared_data_dir();
+    BV_REQUIRE_SHARED_DATA(data);
+    std::string mem = data + "/memorial";
+    std::string dir = fresh_dir("memorial");
+    std::string hdr = dir + "/church.hdr", tif = dir + "/church.tif", hdr2 = dir + "/list.hdr";
+
+    Result r = run({"merge", "-q", "-o", hdr, "--exposures", mem + "/exposures.txt"});
+    ASSERT_EQ(r.code, 0) << r.err;
+    EXPECT_TRUE(r.out.empty());
+    std::string text = slurp(hdr);
+    EXPECT_EQ(text.rfind("#?RADIANCE\n", 0), 0u);
+    EXPECT_NE(text.find("\n-Y 768 +X 512\n"), std::string::npos);
+    EXPECT_NE(text.find("ICC_PROFILE=sRGB\n"), std::string::npos);
+
+    // The same exposures as a list beside the file names give the same bytes.
+    std::vector<std::string> args = {"merge", "-q", "-o", hdr2, "--exposures"};
+    std::string list;
+    for (int k = 0; k < 16; ++k) {
+        char v[32];
+        std::snprintf(v, sizeof v, "%s%.10g", k ? "," : "", 32.0 / (1 << k));
+        list += v;
+    }
+    args.push_back(list);
+    for (const auto &p : memorial_pngs(mem)) args.push_back(p);
+    ASSERT_EQ(run(args).code, 0);
+    EXPECT_TRUE(slurp(hdr2) == text);
+
+    // Float TIFF output: exact size, and the same radiance as the .hdr.
+    ASSERT_EQ(run({"merge", "-q", "-o", tif, "--exposures", mem + "/exposures.txt"}).code, 0);
+    EXPECT_EQ(fs::file_size(tif), 8u + 512u * 768u * 12u + 150u);
+    Image a, b, mid;
+    ASSERT_TRUE(read_image(hdr, &a));
+    ASSERT_TRUE(read_image(tif, &b));
+    ASSERT_EQ(a.width, 512);
+    ASSERT_EQ(a.height, 768);
+    ASSERT_EQ(b.px.size(), a.px.size());
+    double worst = 0, peak = 0;
+    for (size_t i = 0; i < a.px.size(); ++i) {
+        ASSERT_TRUE(std::isfinite(b.px[i]));
+        ASSERT_GE(b.px[i], 0.0f);
+        peak = std::max(peak, static_cast<double>(b.px[i]));
+        worst = std::max(worst, std::fabs(a.px[i] - b.px[i]) / (std::fabs(b.px[i]) + 1e-6));
+    }
+    std::printf("largest relative difference .hdr vs .tif: %g, peak %g\n", worst, peak);
+    EXPECT_LT(worst, 0.02);  // two readers of one RGBE image
+    EXPECT_GT(peak, 10.0);   // the skylight is far above the exposure-1 white
+
+    // Well-exposed pixels of the exposure-1 bracket keep their linear value
+    // within a stop (the film's response is not exactly the 2.2 curve, but
+    // exposures taken the wrong way round would be off by several stops).
+    ASSERT_TRUE(read_image(mem + "/memorial0066.png", &mid));
+    std::vector<double> ratios;
+    for (size_t i = 0; i < mid.px.size(); i += 3) {
+        float g = mid.px[i + 1];
+        if (g < 0.3f || g > 0.7f || mid.px[i + 2] > 0.99f) continue;
+        ratios.push_back(a.px[i + 1] / std::pow(g, 2.2));
+    }
+    ASSERT_GT(ratios.size(), 1000u);
+    std::nth_element(ratios.begin(), ratios.begin() + ratios.size() / 2, ratios.end());
+    double median = ratios[ratios.size() / 2];
+    std::printf("median merged / linearised exposure-1 value: %g over %zu pixels\n", median,
+                ratios.size());
+    EXPECT_GT(median, 0.5);
+    EXPECT_LT(median, 2.0);
+
+    std::string cv = opencv_view(hdr);
+    if (cv.empty()) {
+        std::printf("/usr/bin/python3 with cv2 not found: OpenCV check skipped\n");
+    } else {
+        std::istringstream ss(cv);
+        int w = 0, h = 0, finite = 0;
+        double mx = 0;
+        ss >> w >> h >> finite >> mx;
+        EXPECT_EQ(w, 512);
+        EXPECT_EQ(h, 768);
+        EXPECT_EQ(finite, 1);
+        EXPECT_NEAR(mx, peak, peak * 0.02);
+    }
+
+    {
+        std::string png = dir + "/church.png", tif16 = dir + "/church16.tif";
+        Result t = run({"tonemap", "-q", hdr, "-o", png});
+        ASSERT_EQ(t.code, 0) << t.err;
+        Result t16 = run({"tonemap", "-q", hdr, "-o", tif16, "--bits", "16", "--saturation", "2"});
+        ASSERT_EQ(t16.code, 0) << t16.err;
+        Image p, q;
+        ASSERT_TRUE(read_image(png, &p));
+        ASSERT_TRUE(read_image(tif16, &q));
+        EXPECT_EQ(p.format, OIIO::TypeDesc::UINT8);
+        EXPECT_EQ(q.format, OIIO::TypeDesc::UINT16);
+        EXPECT_EQ(p.width, 512);
+        EXPECT_EQ(q.height, 768);
+        auto [lo, hi] = std::minmax_element(p.px.begin(), p.px.end());
+        EXPECT_LT(*lo, 0.05f);
+        EXPECT_GT(*hi, 0.9f);
+        Result info = run({"info", hdr});
+        ASSERT_EQ(info.code, 0) << info.err;
+        EXPECT_NE(info.out.find("512 x 768"), std::string::npos);
+        EXPECT_NE(info.out.find("dynamic range"), std::string::npos);
+    }
+    EXPECT_EQ(names_in(dir).size(), 5u);  // no temporaries left
+}
+
+TEST(Cli, BadInputFailsOnOneLineAndLeavesNothing) {
+    REQUIRE_TOOL();
+    std::string dir = fresh_dir("bad");
+    std::string a = dir + "/a.png", b = dir + "/b.png", small = dir + "/small.png";
+    std::string tiny = dir + "/tiny.png", text = dir + "/notes.png", out = dir + "/out.hdr";
+    write_png(a, 64, 48, 40);
+    write_png(b, 64, 48, 120);
+    write_png(small, 32, 48, 90);
+    write_png(tiny, 1, 1, 90);
+    ASSERT_TRUE(bvtest::write_file(text, "not a picture\n", 14));
+    const auto before = names_in(dir);
+
+    struct Case {
+        std::vector<std::string> args;
+        const char *says;
+    } cases[] = {
+        {{"merge", "-o", out, a, dir + "/missing.png"}, "missing.png': No such file"},
+        {{"merge", "-o", out, a, text}, "notes.png' is not an image"},
+        {{"merge", "-o", out, a, small}, "brackets differ in size"},
+        {{"merge", "-o", out, a}, "at least two brackets"},
+        {{"merge", "-o", out, tiny, tiny}, "is 1x1, too small"},
+        {{"merge", "-o", text + "/out.hdr", a, b}, "cannot write"},
+        {{"merge", "-o", dir + "/no/such/dir/out.hdr", a, b}, "cannot write"},
+        {{"merge", "-o", out, "--exposures", dir + "/none.txt", a, b}, "cannot open exposures file"},
+        {{"merge", "-o", out, "--exposures", "1,2,3", a, b}, "3 values for 2 brackets"},
+        {{"demo", "-o", dir + "/demo", dir + "/none"}, "not a folder"},
+        {{"tonemap", dir + "/none.hdr", "-o", dir + "/out.png"}, "none.hdr"},
+        {{"tonemap", text, "-o", dir + "/out.png"}, "notes.png"},
+        {{"info", dir + "/none.hdr"}, "none.hdr"},
+    };
+    std::vector<std::future<Result>> runs;
+    for (const auto &c : cases) runs.push_back(std::async(std::launch::async, run, c.args, ""));
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        const Case &c = cases[i];
+        Result r = runs[i].get();
+        EXPECT_NE(r.code, 0) << c.says;
+        EXPECT_GT(r.code, 0) << "crashed: " << c.says;
+        EXPECT_LT(r.code, 128) << c.says;
+        EXPECT_EQ(r.err_lines(), 1) << r.err;
+        EXPECT_NE(r.err.find(c.says), std::string::npos) << r.err;
+    }
+    EXPECT_EQ(names_in(dir), before) << "a failed run left a file behind";
+
+    std::string data = bvtest::shared_data_dir();
+    if (!data.empty()) {
+        Result r = run({"info", data + "/memorial/memorial-damaged.hdr"});
+        EXPECT_EQ(r.code, 1) << r.out << r.err;
+        EXPECT_EQ(r.err_lines(), 1) << r.err;
+        Result t = run({"tonemap", data + "/memorial/memorial-damaged.hdr", "-o", dir + "/d.png"});
+        EXPECT_EQ(t.code, 1);
+        EXPECT_EQ(names_in(dir), before);
+    }
+}
+
+TEST(Cli, DemoOnBuiltInSceneAndOnItsBrackets) {
+    REQUIRE_TOOL();
+    std::string work = fresh_dir("demo");
+    Result r = run({"demo", "--size", "384x256"}, work);
+    ASSERT_EQ(r.code, 0) << r.err;
+    const std::string d = work + "/brackvista-demo";
+    for (const char *f : {"scene-truth.exr", "merged.hdr", "merged.tif", "tonemapped.png",
+                          "summary.txt", "brackets/bracket-1.jpg", "brackets/bracket-7.jpg"})
+        EXPECT_TRUE(fs::exists(d + "/" + f)) << f;
+    EXPECT_EQ(slurp(d + "/summary.txt") + "  summary.txt\n", r.out);
+
+    Image truth, png, b1;
+    ASSERT_TRUE(read_image(d + "/scene-truth.exr", &truth));
+    double lo = 1e30, hi = 0;
+    for (size_t i = 0; i < truth.px.size(); i += 3) {
+        double y = 0.2126 * truth.px[i] + 0.7152 * truth.px[i + 1] + 0.0722 * truth.px[i + 2];
+        if (y > 0) lo = std::min(lo, y), hi = std::max(hi, y);
+    }
+    std::printf("built-in scene: %.1f stops\n", std::log2(hi / lo));
+    EXPECT_GE(std::log2(hi / lo), 14.0);
+
+    ASSERT_TRUE(read_image(d + "/tonemapped.png", &png));
+    EXPECT_EQ(png.width, 384);
+    EXPECT_EQ(png.height, 256);
+    EXPECT_EQ(png.format, OIIO::TypeDesc::UINT8);
+    auto [mn, mx] = std::minmax_element(png.px.begin(), png.px.end());
+    EXPECT_LT(*mn, 0.1f);
+    EXPECT_GT(*mx, 0.9f);
+    ASSERT_TRUE(read_image(d + "/brackets/bracket-1.jpg", &b1));
+    EXPECT_EQ(b1.width, 384);
+
+    // Estimated exposures stay near the truth (the estimator works from
+    // medians only, so it is allowed about a stop).
+    size_t at = r.out.find("largest error ");
+    ASSERT_NE(at, std::string::npos) << r.out;
+    double worst = std::atof(r.out.c_str() + at + 14);
+    std::printf("largest exposure error: %.2f stops\n", worst);
+    EXPECT_LT(worst, 1.5);
+
+    std::string cv = opencv_view(d + "/merged.hdr");
+    if (!cv.empty()) {
+        EXPECT_EQ(cv.rfind("384 256 1 ", 0), 0u) << cv;
+    }
+
+    // Same seed, same bytes; the brackets folder runs through EXIF.
+    std::string again = fresh_dir("demo2");
+    ASSERT_EQ(run({"demo", "-q", "--size", "384x256", "-o", again}).code, 0);
+    EXPECT_EQ(slurp(again + "/merged.hdr"), slurp(d + "/merged.hdr"));
+    Result f = run({"demo", "-o", work + "/fromfolder", d + "/brackets"});
+    ASSERT_EQ(f.code, 0) << f.err;
+    EXPECT_NE(f.out.find("against the EXIF ones"), std::string::npos) << f.out;
+    EXPECT_TRUE(fs::exists(work + "/fromfolder/tonemapped.png"));
+    std::string hdr = slurp(work + "/fromfolder/merged.hdr");
+    EXPECT_NE(hdr.find("CAMERA=Brackvista demo camera\n"), std::string::npos);
+    EXPECT_NE(hdr.find("APERTURE=8.00\n"), std::string::npos);
+    EXPECT_NE(hdr.find("ISO=100\n"), std::string::npos);
+}
+
+TEST(Cli, CtrlCCancelsAndRemovesPartialOutput) {
+    REQUIRE_TOOL();
+    std::string dir = fresh_dir("cancel");
+    std::string out_dir = dir + "/out";
+    std::vector<std::string> args = {kTool, "demo", "-q", "--size", "4096x2730", "-o", out_dir};
+    std::vector<char *> argv;
+    for (auto &a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t io;
+    posix_spawn_file_actions_init(&io);
+    posix_spawn_file_actions_addopen(&io, 2, "/dev/null", O_WRONLY, 0);
+    pid_t pid;
+    ASSERT_EQ(posix_spawn(&pid, kTool, &io, nullptr, argv.data(), environ), 0);
+    posix_spawn_file_actions_destroy(&io);
+    // Interrupt once the work has started (the output folder exists), which
+    // can take a while on a loaded machine.
+    int status = 0;
+    bool exited = false;
+    for (int waited = 0; waited < 600 && !exited; ++waited) {
+        if (waitpid(pid, &status, WNOHANG) == pid) exited = true;
+        else if (fs::exists(out_dir)) break;
+        else usleep(50 * 1000);
+    }
+    if (!exited) {
+        usleep(200 * 1000);
+        kill(pid, SIGINT);
+        ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    }
+    ASSERT_TRUE(WIFEXITED(status)) << "signal " << (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
+    int code = WEXITSTATUS(status);
+    EXPECT_EQ(code, 130);
+    if (fs::exists(out_dir)) {
+        for (const auto &e : fs::recursive_directory_iterator(out_dir))
+            EXPECT_EQ(e.path().filename().string().find(".part"), std::string::npos)
+                << e.path();
+    }
+}
+
+}  // namespace
