@@ -77,7 +77,7 @@ void step_brackets(Demo &d) {
             fail("folder '" + d.folder + "' holds " + std::to_string(inputs.size()) +
                  " image(s); the demo needs at least two brackets");
         d.set = load_brackets(inputs);
-        d.names = inputs;
+        for (const auto &p : inputs) d.names.push_back(p.substr(p.find_last_of('/') + 1));
         if (d.truth.empty()) {
             bool exif = true;
             std::vector<std::array<int32_t, 7>> rec;
