@@ -99,6 +99,7 @@ TEST(MedianStatistic, LevelsDarkAndWhiteEscapes) {
     EXPECT_EQ(st[0], 77);
     EXPECT_EQ(mediane_images(1, w, h, w * 3, 3, 8, nullptr, st), BV_HDR_EINVAL);
     EXPECT_EQ(mediane_images(1, w, h, w * 3, 0, 8, img.data(), st), BV_HDR_EINVAL);
+    EXPECT_EQ(mediane_images(1, w, h, w * 3 - 1, 3, 8, img.data(), st), BV_HDR_EINVAL);
 }
 
 TEST(CorrectionTable, BreakpointsGapAndSinglePrecisionSlopes) {
@@ -219,6 +220,7 @@ TEST(Ordering, AscendingWithTiesAndMiddleImage) {
     EXPECT_EQ(moy_image(120, 90, 480, 4, 16, img16.data()), 100);
     EXPECT_EQ(moy_image(120, 90, 360, 3, 32, img.data()), 0);
     EXPECT_EQ(moy_image(0, 90, 360, 3, 8, img.data()), 0);
+    EXPECT_EQ(moy_image(120, 90, 360, 2, 8, img.data()), 0);
 }
 
 namespace {

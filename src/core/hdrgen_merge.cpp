@@ -1,5 +1,7 @@
 // Merging aligned brackets into one RGBE scanline image.
 #include <cmath>
+#include <climits>
+#include <cstdint>
 #include <cstring>
 
 #include "core/bv_internal.hpp"
@@ -302,7 +304,7 @@ extern "C" BV_API int bv_hdr_merge(bv_progress_cb progressContext, int mode, int
             return 0;
         }
         if (n < 1 || n > 65535 || width < 0 || height < 0 || channels < 1 || !lut || !data ||
-            !output)
+            !output || static_cast<int64_t>(width) * channels > INT32_MAX)
             return BV_HDR_EINVAL;
         size_t total;
         if (!bv::checked_mul(static_cast<size_t>(width), static_cast<size_t>(height), &total) ||
