@@ -1,12 +1,11 @@
 // RGBE decoding and encoding, bracket conversion, float TIFF writing and
 // log-luminance statistics, in megapixels per second (single-threaded calls).
+#include <Brackvista40Lib1.h>
 #include <benchmark/benchmark.h>
 
 #include <cmath>
 #include <cstdint>
 #include <vector>
-
-#include <Brackvista40Lib1.h>
 
 #include "core/rgbe_pixel.hpp"
 
@@ -17,8 +16,8 @@ constexpr int kW = 2048, kH = 1366;  // a 2.8 MP photograph
 void report(benchmark::State &state) {
     const double px = static_cast<double>(kW) * kH;
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * px));
-    state.counters["MP/s"] = benchmark::Counter(state.iterations() * px / 1e6,
-                                                benchmark::Counter::kIsRate);
+    state.counters["MP/s"] =
+        benchmark::Counter(state.iterations() * px / 1e6, benchmark::Counter::kIsRate);
 }
 
 // Smooth gradients with noise: realistic exponent spread, no constant runs.
@@ -83,7 +82,8 @@ void BM_RgbeDecode(benchmark::State &state) {
 void BM_RgbeDecodeNormalised(benchmark::State &state) {
     const std::vector<uint8_t> px = rgbe_image();
     std::vector<float> out(static_cast<size_t>(kW) * kH * 3);
-    for (auto _ : state) benchmark::DoNotOptimize(rgbe2fp(kW, kH, 0, 1, 0, px.data(), out.data(), 1.0f));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(rgbe2fp(kW, kH, 0, 1, 0, px.data(), out.data(), 1.0f));
     report(state);
 }
 
@@ -91,7 +91,8 @@ void BM_ConvertToRgbe(benchmark::State &state) {
     const int bits = static_cast<int>(state.range(0));
     const int levels = bits == 8 ? 256 : 65536;
     std::vector<float> table(static_cast<size_t>(levels));
-    for (int i = 0; i < levels; ++i) table[i] = static_cast<float>(std::pow(i / (levels - 1.0), 2.2));
+    for (int i = 0; i < levels; ++i)
+        table[i] = static_cast<float>(std::pow(i / (levels - 1.0), 2.2));
     std::vector<uint16_t> s16(static_cast<size_t>(kW) * kH * 3);
     std::vector<uint8_t> s8(s16.size());
     uint32_t s = 99;
@@ -103,7 +104,8 @@ void BM_ConvertToRgbe(benchmark::State &state) {
     const void *src = bits == 8 ? static_cast<const void *>(s8.data()) : s16.data();
     std::vector<uint8_t> out(static_cast<size_t>(kW) * kH * 4);
     for (auto _ : state)
-        benchmark::DoNotOptimize(convert_to_rgbe(bits, kW, kH, 3, kW * 3, 0, table.data(), src, out.data()));
+        benchmark::DoNotOptimize(
+            convert_to_rgbe(bits, kW, kH, 3, kW * 3, 0, table.data(), src, out.data()));
     report(state);
 }
 

@@ -1,14 +1,13 @@
 // Fuzz target: float TIFF pixel data read into RGBE with caller-given sizes.
 // Input: 4 bytes choosing width, height, samples per pixel and data offset,
 // then the file itself.
+#include <Brackvista40Lib1.h>
 #include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
 #include <string>
 #include <vector>
-
-#include <Brackvista40Lib1.h>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size < 4) return 0;

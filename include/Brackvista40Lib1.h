@@ -186,7 +186,8 @@ BV_API int fillRowStride(int height, int bitsPerPixel, int width, int paddedWidt
                          const void *src, void *dst);
 /* In place, exchanges the first and third sample of every pixel (8- or
  * 16-bit samples). rowStride in bytes. Returns height; -1 for other bit
- * depths or fewer than 3 samples per pixel; -3 on NULL. */
+ * depths or fewer than 3 samples per pixel; -3 on NULL or a rowStride
+ * shorter than a row. */
 BV_API int bgr2rgb(int width, int height, int rowStride, int samplesPerPixel,
                    int bitsPerSample, void *buffer);
 /* In place, keeps the high byte of each 16-bit sample: every row of rowBytes
@@ -215,7 +216,7 @@ BV_API int applyGammaToHDR(int width, int height, const float *table, int extraB
 /* k = scale, gamma 1/2.2 in single precision; contiguous rows. */
 BV_API int getTonemappedRep(int width, int height, const float *table, const uint8_t *rgbe,
                             uint8_t *dst, float scale);
-/* k = scale and the given gamma; dstStride in bytes. */
+/* k = scale and the given gamma; dstStride in bytes (at least width * 3). */
 BV_API int generateOriginalFromHDR(int width, int height, int dstStride, const float *table,
                                    const uint8_t *rgbe, uint8_t *dst, float gamma,
                                    float scale);

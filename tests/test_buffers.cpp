@@ -1,7 +1,7 @@
 // Rounding helpers, byte readers, row conversions, display renderings,
 // raw buffer and strip files, and the random generator.
+#include <Brackvista40Lib1.h>
 #include <gtest/gtest.h>
-
 #include <unistd.h>
 
 #include <cmath>
@@ -10,8 +10,6 @@
 #include <random>
 #include <sstream>
 #include <vector>
-
-#include <Brackvista40Lib1.h>
 
 #include "test_support.hpp"
 
@@ -89,7 +87,8 @@ TEST(RowConversion, SwapCopyAndRejectedFormats) {
     std::vector<uint8_t> src = {1, 2, 3, 4, 5, 6, 99, 7, 8, 9, 10, 11, 12, 98};
     std::vector<uint8_t> dst(16, 0xEE);
     EXPECT_EQ(copyAndConvertImageRows(2, 2, 7, 8, 3, 8, 1, src.data(), dst.data()), 2);
-    const std::vector<uint8_t> want = {3, 2, 1, 6, 5, 4, 0xEE, 0xEE, 9, 8, 7, 12, 11, 10, 0xEE, 0xEE};
+    const std::vector<uint8_t> want = {3, 2, 1, 6,  5,  4,  0xEE, 0xEE,
+                                       9, 8, 7, 12, 11, 10, 0xEE, 0xEE};
     EXPECT_EQ(dst, want);
 
     std::vector<uint16_t> s16 = {100, 200, 300, 40000, 50000, 60000};
@@ -177,9 +176,9 @@ struct HdrRow {
     float table[256];
     HdrRow() {
         rgbe = {200, 128, 255,   // R plane
-                200, 64, 255,    // G plane
-                200, 32, 255,    // B plane
-                0, 136, 200};    // E plane
+                200, 64,  255,   // G plane
+                200, 32,  255,   // B plane
+                0,   136, 200};  // E plane
         exp_lut_old(table);
     }
 };
@@ -197,7 +196,7 @@ TEST(DisplayRendering, BlackKnownValuesAndLayout) {
     std::vector<uint8_t> g(2 * (9 + 3), 0xEE);
     HdrRow two;
     two.rgbe = {200, 128, 255, 200, 64, 255, 200, 32, 255, 0, 136, 200,  // row 0
-                1, 1, 1, 1, 1, 1, 1, 1, 1, 0, 120, 1};                    // row 1
+                1,   1,   1,   1,   1,  1,   1,   1,  1,   0, 120, 1};   // row 1
     EXPECT_EQ(applyGammaToHDR(3, 2, two.table, 3, two.rgbe.data(), g.data()), 2);
     EXPECT_EQ(g[0], 0);
     EXPECT_EQ(g[5], 255);

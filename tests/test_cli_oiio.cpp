@@ -13,6 +13,7 @@
 #include <atomic>
 #include <future>
 #include <cmath>
+#include <cstring>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -288,6 +289,88 @@ TEST(Cli, MergesMemorialBracketsWithExposuresFile) {
     EXPECT_EQ(names_in(dir).size(), 5u);  // no temporaries left
 }
 
+// An ICC profile whose red tone curve is a single gamma (8.8 fixed point).
+std::vector<uint8_t> gamma_profile(uint8_t whole, uint8_t frac) {
+    std::vector<uint8_t> p(128 + 4 + 12 + 14, 0);
+    auto be32 = [&](size_t at, uint32_t v) {
+        for (int i = 0; i < 4; ++i) p[at + i] = static_cast<uint8_t>(v >> (24 - 8 * i));
+    };
+    be32(0, static_cast<uint32_t>(p.size()));
+    std::memcpy(&p[12], "mntrRGB XYZ ", 12);
+    std::memcpy(&p[36], "acsp", 4);
+    be32(128, 1);                      // one tag
+    std::memcpy(&p[132], "rTRC", 4);
+    be32(136, 144);                    // its data offset
+    be32(140, 14);
+    std::memcpy(&p[144], "curv", 4);
+    be32(152, 1);                      // one entry: a pure gamma
+    p[156] = whole;
+    p[157] = frac;
+    return p;
+}
+
+// A JPEG bracket of a gradient, with camera EXIF and a colour profile.
+void write_jpeg_bracket(const std::string &path, float gain, float seconds,
+                        const std::vector<uint8_t> &icc) {
+    const int w = 96, h = 64;
+    std::vector<uint8_t> px(w * h * 3);
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x)
+            for (int c = 0; c < 3; ++c) {
+                double v = std::pow((x + 1.0) / w * (y + 8.0) / (h + 8) * gain, 1 / 2.2);
+                px[(y * w + x) * 3 + c] = static_cast<uint8_t>(std::min(255.0, 255 * v));
+            }
+    auto out = OIIO::ImageOutput::create("jpeg");
+    ASSERT_TRUE(out);
+    OIIO::ImageSpec spec(w, h, 3, OIIO::TypeDesc::UINT8);
+    spec.attribute("Make", "Acme");
+    spec.attribute("Model", "Acme Bracketer");
+    spec.attribute("ExposureTime", seconds);
+    spec.attribute("FNumber", 8.0f);
+    spec.attribute("Exif:PhotographicSensitivity", 200);
+    if (!icc.empty())
+        spec.attribute("ICCProfile", OIIO::TypeDesc(OIIO::TypeDesc::UINT8, icc.size()), icc.data());
+    ASSERT_TRUE(out->open(path, spec));
+    ASSERT_TRUE(out->write_image(OIIO::TypeDesc::UINT8, px.data()));
+    ASSERT_TRUE(out->close());
+}
+
+TEST(Cli, ExifAndIccProfileDriveExposuresGammaAndHeader) {
+    REQUIRE_TOOL();
+    std::string dir = fresh_dir("exif");
+    const std::string dark = dir + "/dark.jpg", bright = dir + "/bright.jpg";
+    write_jpeg_bracket(dark, 0.25f, 0.01f, gamma_profile(1, 205));  // gamma 1.80
+    write_jpeg_bracket(bright, 1.0f, 0.04f, gamma_profile(1, 205));
+    Result r = run({"merge", "-o", dir + "/a.hdr", bright, dark});
+    ASSERT_EQ(r.code, 0) << r.err;
+    EXPECT_NE(r.out.find("exposures EXIF, gamma 1.8 (ICC profile)"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("dark.jpg"), std::string::npos);
+    EXPECT_NE(r.out.find("-2.00 EV"), std::string::npos) << r.out;  // 1/100 s against 1/25 s
+    // The middle (here: brighter) bracket's metadata is in the header.
+    std::string hdr = slurp(dir + "/a.hdr");
+    EXPECT_NE(hdr.find("\nCAMERA=Acme Bracketer\n"), std::string::npos) << hdr.substr(0, 300);
+    EXPECT_NE(hdr.find("\nSHUTTER=0.040000\n"), std::string::npos);
+    EXPECT_NE(hdr.find("\nAPERTURE=8.00\n"), std::string::npos);
+    EXPECT_NE(hdr.find("\nISO=200\n"), std::string::npos);
+    Result info = run({"info", "--header", dir + "/a.hdr"});
+    EXPECT_NE(info.out.find("1/25 s"), std::string::npos) << info.out;
+
+    // --estimate ignores EXIF; --gamma overrides the profile.
+    Result e = run({"merge", "-o", dir + "/b.hdr", "--estimate", "--gamma", "2.4", dark, bright});
+    ASSERT_EQ(e.code, 0) << e.err;
+    EXPECT_NE(e.out.find("exposures estimated, gamma 2.4 (given)"), std::string::npos) << e.out;
+
+    std::vector<uint8_t> adobe;
+    if (bvtest::read_file("/usr/share/color/icc/compatibleWithAdobeRGB1998.icc", &adobe)) {
+        write_jpeg_bracket(dark, 0.25f, 0.01f, adobe);
+        write_jpeg_bracket(bright, 1.0f, 0.04f, adobe);
+        Result a = run({"merge", "-o", dir + "/c.hdr", dark, bright});
+        ASSERT_EQ(a.code, 0) << a.err;
+        EXPECT_NE(a.out.find("gamma 2.2 (ICC profile)"), std::string::npos) << a.out;
+        EXPECT_NE(slurp(dir + "/c.hdr").find("\nICC_PROFILE=Adobe RGB (1998)\n"), std::string::npos);
+    }
+}
+
 TEST(Cli, BadInputFailsOnOneLineAndLeavesNothing) {
     REQUIRE_TOOL();
     std::string dir = fresh_dir("bad");
@@ -298,15 +381,20 @@ TEST(Cli, BadInputFailsOnOneLineAndLeavesNothing) {
     write_png(small, 32, 48, 90);
     write_png(tiny, 1, 1, 90);
     ASSERT_TRUE(bvtest::write_file(text, "not a picture\n", 14));
+    std::vector<uint8_t> whole;
+    ASSERT_TRUE(bvtest::read_file(b, &whole));
+    const std::string cut = dir + "/cut.png";
+    ASSERT_TRUE(bvtest::write_file(cut, whole.data(), whole.size() / 2));
     const auto before = names_in(dir);
 
     struct Case {
         std::vector<std::string> args;
-        const char *says;
+        std::string says;
     } cases[] = {
         {{"merge", "-o", out, a, dir + "/missing.png"}, "missing.png': No such file"},
         {{"merge", "-o", out, a, text}, "notes.png' is not an image"},
         {{"merge", "-o", out, a, small}, "brackets differ in size"},
+        {{"merge", "-o", out, a, cut}, "cannot decode '" + cut},
         {{"merge", "-o", out, a}, "at least two brackets"},
         {{"merge", "-o", out, tiny, tiny}, "is 1x1, too small"},
         {{"merge", "-o", text + "/out.hdr", a, b}, "cannot write"},
@@ -339,6 +427,18 @@ TEST(Cli, BadInputFailsOnOneLineAndLeavesNothing) {
         Result t = run({"tonemap", data + "/memorial/memorial-damaged.hdr", "-o", dir + "/d.png"});
         EXPECT_EQ(t.code, 1);
         EXPECT_EQ(names_in(dir), before);
+
+        // A file written by other software reads and renders.
+        const std::string atrium = data + "/hdr/mpi_atrium_3.hdr", png = dir + "/atrium.png";
+        Result i = run({"info", atrium});
+        EXPECT_EQ(i.code, 0) << i.err;
+        EXPECT_NE(i.out.find("1024 x 676"), std::string::npos) << i.out;
+        Result m = run({"tonemap", "-q", atrium, "-o", png, "--blues-sat", "-100"});
+        ASSERT_EQ(m.code, 0) << m.err;
+        Image p;
+        ASSERT_TRUE(read_image(png, &p));
+        EXPECT_EQ(p.width, 1024);
+        EXPECT_EQ(p.height, 676);
     }
 }
 

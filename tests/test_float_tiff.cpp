@@ -1,5 +1,6 @@
 // Float TIFF writing checked byte by byte and by independent readers, and
 // float TIFF reading into RGBE.
+#include <Brackvista40Lib1.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -8,8 +9,6 @@
 #include <sstream>
 #include <string>
 #include <vector>
-
-#include <Brackvista40Lib1.h>
 
 #include "core/rgbe_pixel.hpp"
 #include "test_support.hpp"
@@ -81,10 +80,10 @@ TEST(FpSave, ExactLayoutOfATwoPixelFile) {
     }
     const size_t ifd = 32;
     EXPECT_EQ(le16(b, ifd), 11);
-    const uint32_t tags[11][4] = {{256, 3, 1, 2},   {257, 3, 1, 1},      {258, 3, 3, 32 + 138},
-                                  {259, 3, 1, 1},   {262, 3, 1, 2},      {273, 4, 1, 8},
-                                  {277, 3, 1, 3},   {278, 3, 1, 1},      {279, 4, 1, 24},
-                                  {284, 3, 1, 1},   {339, 3, 3, 32 + 144}};
+    const uint32_t tags[11][4] = {{256, 3, 1, 2}, {257, 3, 1, 1},       {258, 3, 3, 32 + 138},
+                                  {259, 3, 1, 1}, {262, 3, 1, 2},       {273, 4, 1, 8},
+                                  {277, 3, 1, 3}, {278, 3, 1, 1},       {279, 4, 1, 24},
+                                  {284, 3, 1, 1}, {339, 3, 3, 32 + 144}};
     for (int i = 0; i < 11; ++i) {
         const size_t e = ifd + 2 + 12 * i;
         EXPECT_EQ(le16(b, e), tags[i][0]);
@@ -185,12 +184,12 @@ TEST(FpSave, NormalisedValuesFollowTheStatistics) {
 
 TEST(ReadFloat, BiasOf128HalvesEveryValue) {
     const std::string path = bvtest::temp_path("floats.bin");
-    const uint8_t bytes[] = {0x00, 0x00, 0x80, 0x3f,   // 1.0 little-endian
-                             0x3f, 0x80, 0x00, 0x00,   // 1.0 big-endian
-                             0xc0, 0x00, 0x00, 0x00,   // -2.0 big-endian
-                             0x00, 0x00, 0x00, 0x00,   // zero
-                             0x00, 0x00, 0x00, 0x80,   // -0.0 LE: not all zero
-                             0x41};                    // short read
+    const uint8_t bytes[] = {0x00, 0x00, 0x80, 0x3f,  // 1.0 little-endian
+                             0x3f, 0x80, 0x00, 0x00,  // 1.0 big-endian
+                             0xc0, 0x00, 0x00, 0x00,  // -2.0 big-endian
+                             0x00, 0x00, 0x00, 0x00,  // zero
+                             0x00, 0x00, 0x00, 0x80,  // -0.0 LE: not all zero
+                             0x41};                   // short read
     ASSERT_TRUE(bvtest::write_file(path, bytes, sizeof bytes));
     FILE *f = std::fopen(path.c_str(), "rb");
     ASSERT_NE(f, nullptr);

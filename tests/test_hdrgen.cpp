@@ -261,9 +261,18 @@ TEST(ProfileGamma, SyntheticProfiles) {
     EXPECT_EQ(trc_from_profile(exact.data(), static_cast<int>(exact.size()), &g),
               static_cast<int>(exact.size()) - 12);
     EXPECT_EQ(g, 2.2f);
-    p = make_profile(1, 2, 51, static_cast<uint32_t>(p.size() - 13));
+    // Entry count would straddle the end.
+    p = make_profile(1, 2, 51, static_cast<uint32_t>(p.size() - 11));
     EXPECT_EQ(trc_from_profile(p.data(), static_cast<int>(p.size()), &g),
               static_cast<int>(p.size()) - 12);
+    // A one-entry count in the last word, its gamma bytes past the end.
+    p = make_profile(1, 2, 51, static_cast<uint32_t>(p.size() - 12));
+    p[p.size() - 4] = p[p.size() - 3] = p[p.size() - 2] = 0;
+    p[p.size() - 1] = 1;
+    g = 0.0f;
+    EXPECT_EQ(trc_from_profile(p.data(), static_cast<int>(p.size()), &g),
+              static_cast<int>(p.size()) - 12);
+    EXPECT_EQ(g, 2.2f);
     // No signature at all; tiny profile.
     p = make_profile(1, 2, 51);
     p[133] = 'x';

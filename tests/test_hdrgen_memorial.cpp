@@ -46,7 +46,7 @@ protected:
         if (root.empty()) return;
         const std::string dir = root + "/memorial";
         refdir = bvtest::temp_path("memorial-ref");
-        std::string cmd = "mkdir -p '" + refdir + "' && /usr/bin/python3 tests/scripts/memorial_reference.py '" +
+        std::string cmd = "mkdir -p '" + refdir + "' && /usr/bin/python3 tests/scripts/memorial_reference.py --step 2 '" +
                           dir + "' '" + refdir + "'";
         for (const Subset &s : kSets) {
             cmd += std::string(" ") + s.name + "=";
@@ -150,6 +150,7 @@ protected:
         return cov / std::sqrt((saa / n - sa / n * sa / n) * (sbb / n - sb / n * sb / n));
     }
 
+    std::vector<float> estimates[3];  // per subset, from correlation_figures
     void correlation_figures();
     void estimation_figures();
     void estimate_is_monotone();
@@ -182,12 +183,12 @@ void MemorialTest::correlation_figures() {
     struct Want {
         double table, estimated;
     };
-    // Measured 0.6515/0.9554, 0.7866/0.9195, 0.9955/0.9494. The film's fog
+    // Measured 0.6516/0.9566, 0.7703/0.9216, 0.9880/0.9323 (every 2nd pixel). The film's fog
     // (level 15-16 in every underexposed frame) reads as light through a
     // gamma 2.2 curve, so the darkest frames brighten the shadows when their
     // true exposures are used; the estimate, which calls them brighter than
     // they are, suffers less from it.
-    const Want want[] = {{0.645, 0.950}, {0.780, 0.915}, {0.990, 0.945}};
+    const Want want[] = {{0.645, 0.950}, {0.765, 0.915}, {0.983, 0.927}};
     for (size_t s = 0; s < std::size(kSets); ++s) {
         const Subset &set = kSets[s];
         const std::vector<float> ref = reference(set.name);
@@ -196,14 +197,15 @@ void MemorialTest::correlation_figures() {
         std::vector<float> ex;
         for (int k : set.idx) ex.push_back(data->exposure[k]);
         const std::vector<float> table = merge(set.idx, -1.0f, &ex);
-        std::vector<float> est(set.idx.size());
+        std::vector<float> &est = estimates[s];
+        est.assign(set.idx.size(), 0.0f);
         const std::vector<float> estimated = merge(set.idx, 0.0f, &est);
         long n1, n2;
         const double r1 = log_lum_correlation(table, ref, ok, &n1);
         const double r2 = log_lum_correlation(estimated, ref, ok, &n2);
         std::printf("%-5s: %ld usable pixels, correlation with reference: table exposures %.5f, estimated %.5f\n",
                     set.name, n1, r1, r2);
-        EXPECT_GT(n1, 100000);
+        EXPECT_GT(n1, 50000);
         EXPECT_GE(r1, want[s].table) << set.name;
         EXPECT_GE(r2, want[s].estimated) << set.name;
     }
@@ -218,8 +220,8 @@ void MemorialTest::estimation_figures() {
     for (size_t s = 0; s < std::size(kSets); ++s) {
         const Subset &set = kSets[s];
         const int n = static_cast<int>(set.idx.size());
-        std::vector<float> est(n);
-        merge(set.idx, 0.0f, &est);
+        const std::vector<float> &est = estimates[s];
+        ASSERT_EQ(est.size(), set.idx.size());
         int mid = -1;
         for (int k = 0; k < n; ++k)
             if (est[k] == 1.0f) mid = k;
@@ -242,8 +244,8 @@ void MemorialTest::estimation_figures() {
 // film the underexposed frames all sit at the fog level (median luma 16-17),
 // so from bracket 9 on the factors no longer follow the table.
 void MemorialTest::estimate_is_monotone() {
-    std::vector<float> est(16);
-    merge(kSets[0].idx, 0.0f, &est);
+    const std::vector<float> &est = estimates[0];
+    ASSERT_EQ(est.size(), 16u);
     std::vector<uint8_t> stack;
     for (const auto &im : data->images) stack.insert(stack.end(), im.begin(), im.end());
     int32_t st[16];

@@ -83,7 +83,7 @@ float decode(const std::vector<uint8_t> &out, int x, int y, int c) {
     return e ? static_cast<float>(row[c * W + x] * std::ldexp(1.0, e - 136)) : 0.0f;
 }
 
-Outcome check(const Stack &st) {
+Outcome check(const Stack &st, bool estimate) {
     const int levels = 1 << st.bits, n = st.n;
     const int sh = st.bits == 16 ? 8 : 0;
     std::vector<float> lut(levels), ex = st.exposures;
@@ -98,7 +98,6 @@ Outcome check(const Stack &st) {
     for (int k = 0; k < n; ++k) sat[k] = static_cast<int>((std::log2(st.exposures[k]) - d) / (d - b) * 3840 + 64000);
 
     Outcome o;
-    const size_t N = st.truth.size();
     for (int y = 0; y < H; ++y)
         for (int x = 0; x < W; ++x) {
             const size_t p = (static_cast<size_t>(y) * W + x) * 3;
@@ -132,7 +131,7 @@ Outcome check(const Stack &st) {
             ++o.pixels;
         }
     o.mean_err /= 3.0 * std::max(1L, o.pixels);
-    (void)N;
+    if (!estimate) return o;
     // Estimated exposures for the same stack.
     o.est = std::vector<float>(n);
     EXPECT_EQ(bv_hdr_merge(nullptr, 2, n, W, H, 3, 0.0f, st.bits, 0, lut.data(), o.est.data(), st.data(), stats,
@@ -148,7 +147,7 @@ TEST(SyntheticMerge, MatchesTheSceneWithinQuantisation) {
         for (int n : {3, 5, 7, 9})
             for (double stops : {1.0, 2.0, 3.0}) {
                 const Stack st = render(n, bits, stops);
-                const Outcome o = check(st);
+                const Outcome o = check(st, false);
                 SCOPED_TRACE(testing::Message() << bits << "-bit, " << n << " brackets, " << stops << " stops");
                 EXPECT_GT(o.pixels, W * H / 3);
                 EXPECT_LE(o.worst_excess, 0.0);
@@ -174,7 +173,7 @@ TEST(SyntheticMerge, EstimatedExposuresPinned) {
     };
     for (const Pin &pin : pins) {
         const Stack st = render(pin.n, pin.bits, pin.stops);
-        const Outcome o = check(st);
+        const Outcome o = check(st, true);
         double worst = 0;
         std::printf("%2d-bit n=%d %g stops, log2 error per bracket:", pin.bits, pin.n, pin.stops);
         for (int k = 0; k < pin.n; ++k) {

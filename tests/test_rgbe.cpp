@@ -1,5 +1,6 @@
 // RGBE decoding and encoding, bracket conversion, float TIFF in and out,
 // log-luminance statistics, histogram and half floats.
+#include <Brackvista40Lib1.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -7,8 +8,6 @@
 #include <cstring>
 #include <string>
 #include <vector>
-
-#include <Brackvista40Lib1.h>
 
 #include "core/rgbe_pixel.hpp"
 #include "test_support.hpp"
@@ -50,7 +49,8 @@ Rgbe random_image(int w, int h, uint64_t seed) {
     bvtest::Rng rng(seed);
     for (int y = 0; y < h; ++y)
         for (int x = 0; x < w; ++x) {
-            const uint8_t e = (rng.next() % 10 == 0) ? 0 : static_cast<uint8_t>(120 + rng.next() % 30);
+            const uint8_t e =
+                (rng.next() % 10 == 0) ? 0 : static_cast<uint8_t>(120 + rng.next() % 30);
             img.set(x, y, static_cast<uint8_t>(128 + rng.next() % 128), rng.next() & 255,
                     rng.next() & 255, e);
         }
@@ -109,9 +109,11 @@ TEST(RgbePixel, DecodeEncodeRoundTripsEveryNormalisedPixel) {
     bvtest::Rng rng(7);
     for (int e = 1; e < 256; ++e)
         for (int m = 128; m < 256; ++m) {
-            const uint8_t g = rng.next() & 255, b = static_cast<uint8_t>(m - (rng.next() % (m + 1)));
+            const uint8_t g = rng.next() & 255,
+                          b = static_cast<uint8_t>(m - (rng.next() % (m + 1)));
             float v[3];
-            bv::rgbe::decode(static_cast<uint8_t>(m), g > m ? m : g, b, static_cast<uint8_t>(e), t, v);
+            bv::rgbe::decode(static_cast<uint8_t>(m), g > m ? m : g, b, static_cast<uint8_t>(e), t,
+                             v);
             uint8_t enc[4];
             bv::rgbe::encode(v[0], v[1], v[2], 0.0, enc);
             ASSERT_EQ(enc[0], m);
@@ -122,8 +124,9 @@ TEST(RgbePixel, DecodeEncodeRoundTripsEveryNormalisedPixel) {
     // Float -> RGBE -> float loses less than one mantissa step of the largest
     // channel and never rounds up.
     for (int i = 0; i < 20000; ++i) {
-        const float v[3] = {static_cast<float>(std::ldexp(rng.uniform(), static_cast<int>(rng.next() % 40) - 20)),
-                            static_cast<float>(rng.uniform()), static_cast<float>(rng.uniform() * 3)};
+        const float v[3] = {
+            static_cast<float>(std::ldexp(rng.uniform(), static_cast<int>(rng.next() % 40) - 20)),
+            static_cast<float>(rng.uniform()), static_cast<float>(rng.uniform() * 3)};
         uint8_t enc[4];
         bv::rgbe::encode(v[0], v[1], v[2], 0.0, enc);
         float d[3];
@@ -162,7 +165,7 @@ TEST(ConvertToRgbe, DarkAndSaturatedPixelsBecomeExtremeGreys) {
         src[i * 4 + 3] = rgb[i][0];  // R at the last sample (swapped by bgr)
         src[i * 4 + 1] = rgb[i][1];
         src[i * 4 + 0] = rgb[i][2];
-        src[i * 4 + 2] = 0xEE;       // never read
+        src[i * 4 + 2] = 0xEE;  // never read
     }
     Rgbe out(4, 1);
     EXPECT_EQ(convert_to_rgbe(8, 4, 1, 4, 16, 1, t.data(), src.data(), out.px.data()), 1);
@@ -344,7 +347,8 @@ TEST(LogLumStats, FixedCasesFloatInputAndFallbacks) {
     LogLumStats st{};
     st.v[0] = 8;
     EXPECT_EQ(logMinMaxMoy(3, 2, t, flat.px.data(), &st), 2);
-    const float l = static_cast<float>(std::log((0.2125 * 128 + 0.7154 * 128 + 0.0721 * 128) * t[137]));
+    const float l =
+        static_cast<float>(std::log((0.2125 * 128 + 0.7154 * 128 + 0.0721 * 128) * t[137]));
     EXPECT_FLOAT_EQ(st.v[0], l);
     EXPECT_EQ(st.v[0], st.v[1]);
     EXPECT_EQ(st.v[3], st.v[2]);
@@ -412,7 +416,8 @@ TEST(LogLumStats, SamplesAreStridedOverLargeImages) {
     exp_lut_old(t);
     Rgbe img(300, 300);
     for (int y = 0; y < 300; ++y)
-        for (int x = 0; x < 300; ++x) img.set(x, y, static_cast<uint8_t>(1 + x * 254 / 299), 0, 0, 136);
+        for (int x = 0; x < 300; ++x)
+            img.set(x, y, static_cast<uint8_t>(1 + x * 254 / 299), 0, 0, 136);
     LogLumStats st{};
     st.v[0] = 8;
     EXPECT_EQ(logMinMaxMoy(300, 300, t, img.px.data(), &st), 300);

@@ -1,15 +1,13 @@
 // Real brackets through convert_to_rgbe, and float TIFFs from fp_save read
 // back by OpenImageIO (float and half) against the library's own decoding.
-#include <gtest/gtest.h>
-
+#include <Brackvista40Lib1.h>
 #include <OpenImageIO/imageio.h>
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
 #include <string>
 #include <vector>
-
-#include <Brackvista40Lib1.h>
 
 #include "test_support.hpp"
 
@@ -66,7 +64,8 @@ TEST(RealBrackets, ConvertedPixelsKeepTheResponseAndTiffReadsBack) {
             worst = std::max(worst, err / m);
         }
     }
-    std::printf("memorial0068: %zu kept, %zu grey, worst relative error %.6f\n", kept, marked, worst);
+    std::printf("memorial0068: %zu kept, %zu grey, worst relative error %.6f\n", kept, marked,
+                worst);
     EXPECT_GT(kept, marked);
 
     const std::string path = bvtest::temp_path("memorial.tif");

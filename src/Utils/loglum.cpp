@@ -82,15 +82,13 @@ void scan_rgbe(int width, int height, const float *table, const uint8_t *rgbe,
     }
 }
 
-void scan_float(int width, int height, int channels, const float *data,
-                Accumulator &acc) noexcept {
+void scan_float(int width, int height, int channels, const float *data, Accumulator &acc) noexcept {
     uint64_t index = 0;
     const size_t n = static_cast<size_t>(channels);
     for (int y = 0; y < height; ++y) {
         const float *p = data + static_cast<size_t>(y) * width * n;
         for (int x = 0; x < width; ++x, ++index, p += n) {
-            const double l =
-                channels >= 3 ? 0.2125 * p[0] + 0.7154 * p[1] + 0.0721 * p[2] : p[0];
+            const double l = channels >= 3 ? 0.2125 * p[0] + 0.7154 * p[1] + 0.0721 * p[2] : p[0];
             if (!(l > 0.0) || std::isinf(l)) continue;
             acc.add(index, std::log(l));
         }
@@ -120,8 +118,8 @@ int log_min_max_moy(int width, int height, const float *table, const void *data,
     if (acc.counted == 0) acc.hi = 0.0f;  // nothing counted reads as min 1e11, max 0
 
     float *v = stats->v;
-    const float mean = acc.counted ? static_cast<float>(acc.sum / acc.counted)
-                                   : static_cast<float>(acc.sum);
+    const float mean =
+        acc.counted ? static_cast<float>(acc.sum / acc.counted) : static_cast<float>(acc.sum);
     v[BV_LLS_MIN] = acc.lo;
     v[BV_LLS_MAX] = acc.hi;
     v[BV_LLS_MEAN] = mean;
@@ -147,8 +145,7 @@ int log_min_max_moy(int width, int height, const float *table, const void *data,
 
 extern "C" {
 
-int logMinMaxMoy(int width, int height, const float *table, const void *data,
-                 LogLumStats *stats) {
+int logMinMaxMoy(int width, int height, const float *table, const void *data, LogLumStats *stats) {
     if (!stats || width < 0) return BV_RGBE_ERR_ARG;
     const bool is_float = stats->v[BV_LLS_MIN] == 32.0f;
     if (height > 0 && width > 0 && (!data || (!is_float && !table))) return BV_RGBE_ERR_ARG;

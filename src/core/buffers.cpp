@@ -104,8 +104,8 @@ using namespace bv::core;
 
 extern "C" {
 
-int copyImageRows(int rows, size_t bytesPerRow, size_t srcStride, size_t dstStride,
-                  const void *src, void *dst) {
+int copyImageRows(int rows, size_t bytesPerRow, size_t srcStride, size_t dstStride, const void *src,
+                  void *dst) {
     return copy_rows(rows, bytesPerRow, srcStride, dstStride, src, dst);
 }
 
@@ -135,7 +135,8 @@ int fillRowStride(int height, int bitsPerPixel, int width, int paddedWidth, cons
                   void *dst) {
     if (height < 0 || width < 0 || bitsPerPixel < 0) return kErrArg;
     const size_t in_row = static_cast<size_t>(width) * bitsPerPixel / 8;
-    const size_t out_row = static_cast<size_t>(paddedWidth > 0 ? paddedWidth : 0) * bitsPerPixel / 8;
+    const size_t out_row =
+        static_cast<size_t>(paddedWidth > 0 ? paddedWidth : 0) * bitsPerPixel / 8;
     if (paddedWidth <= width || out_row <= in_row) return 1;
     if (height == 0) return 0;
     if (!src || !dst) return kErrArg;
@@ -212,8 +213,8 @@ int generateOriginalFrom16Bit(int width, int height, int srcStride, int dstStrid
     return height;
 }
 
-int applyGammaToHDR(int width, int height, const float *table, int extraBytes,
-                    const uint8_t *rgbe, uint8_t *dst) {
+int applyGammaToHDR(int width, int height, const float *table, int extraBytes, const uint8_t *rgbe,
+                    uint8_t *dst) {
     if (width < 0 || height < 0 || extraBytes < 0) return kErrArg;
     if (width == 0 || height == 0) return height;
     if (!table || !rgbe || !dst) return kErrArg;
@@ -223,8 +224,8 @@ int applyGammaToHDR(int width, int height, const float *table, int extraBytes,
     return height;
 }
 
-int getTonemappedRep(int width, int height, const float *table, const uint8_t *rgbe,
-                     uint8_t *dst, float scale) {
+int getTonemappedRep(int width, int height, const float *table, const uint8_t *rgbe, uint8_t *dst,
+                     float scale) {
     if (width < 0 || height < 0) return kErrArg;
     if (width == 0 || height == 0) return height;
     if (!table || !rgbe || !dst) return kErrArg;
@@ -275,7 +276,8 @@ int write_strip(FILE *f, int64_t offset, int64_t count, const float *data) {
     // Four items of `count` bytes: together the count floats.
     const size_t items = data ? std::fwrite(data, static_cast<size_t>(count), 4, f) : 0;
     if (items != 4) {
-        std::fprintf(stderr, "could not write to temporary file in tm20 - - returned %d instead of 4 \n",
+        std::fprintf(stderr,
+                     "could not write to temporary file in tm20 - - returned %d instead of 4 \n",
                      static_cast<int>(items));
         return BV_STRIP_ERR_WRITE;
     }

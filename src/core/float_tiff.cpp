@@ -188,8 +188,7 @@ int fp2rgbe(const char *path, int width, int height, int samplesPerPixel, int64_
 }
 
 int fp_save(const char *path, int width, int height, int normalise, const unsigned char *rgbe) {
-    if (!rgbe || width < 1 || height < 1 || width > 65535 || height > 65535)
-        return BV_RGBE_ERR_ARG;
+    if (!rgbe || width < 1 || height < 1 || width > 65535 || height > 65535) return BV_RGBE_ERR_ARG;
     if (!path) return BV_RGBE_ERR_WRITE;
     return bv::core::write_tiff(path, width, height, normalise, rgbe);
 }

@@ -64,9 +64,11 @@ int profile_gamma(const unsigned char *profile, int expectedSize, float *gamma) 
     for (int64_t p = 0; p <= size - 13; ++p) {
         if (!is_trc_signature(profile + p)) continue;
         const uint64_t off = be32(profile + p + 4);
+        const uint64_t end = static_cast<uint64_t>(size);
         // A tag pointing outside the profile is treated as no tag at all.
-        if (off + 14 > static_cast<uint64_t>(size)) break;
+        if (off + 12 > end) break;
         const uint32_t count = be32(profile + off + 8);
+        if (count == 1 && off + 14 > end) break;
         *gamma = count == 1 ? static_cast<float>(profile[off + 12]) +
                                   static_cast<float>(profile[off + 13]) / 256.0f
                             : kDefaultGamma;

@@ -12,8 +12,8 @@
 
 namespace bv::rgbe {
 
-int make_normaliser(int width, int height, const float *table, const uint8_t *rgbe,
-                    float numerator, Normaliser *n) noexcept {
+int make_normaliser(int width, int height, const float *table, const uint8_t *rgbe, float numerator,
+                    Normaliser *n) noexcept {
     LogLumStats stats{};
     stats.v[BV_LLS_MIN] = 8.0f;  // RGBE input
     const int rc = bv::utils::log_min_max_moy(width, height, table, rgbe, &stats);
@@ -46,8 +46,8 @@ uint16_t float_to_half(float f) noexcept {
         return static_cast<uint16_t>(sign | 0x7e00u | ((ax >> 13) & 0x3ffu));
     }
     if (ax >= 0x477ff000u) return sign | 0x7c00u;  // 65520 and up round to infinity
-    if (ax >= 0x38800000u) {                        // normal half
-        uint32_t r = ax - 0x38000000u;              // exponent bias 127 -> 15
+    if (ax >= 0x38800000u) {                       // normal half
+        uint32_t r = ax - 0x38000000u;             // exponent bias 127 -> 15
         r += 0x0fffu + ((r >> 13) & 1u);           // nearest, ties to even
         return static_cast<uint16_t>(sign | (r >> 13));
     }
@@ -79,8 +79,8 @@ struct Offsets {
 // painted grey at the extreme luminance of the rest of the image afterwards.
 template <class Sample>
 void encode_bracket(int width, int height, int step, int row_step, const Offsets &o,
-                    const float *table, const Sample *src, uint8_t *out, float *min_y,
-                    float *max_y, bool *found) noexcept {
+                    const float *table, const Sample *src, uint8_t *out, float *min_y, float *max_y,
+                    bool *found) noexcept {
     const size_t w = static_cast<size_t>(width);
     for (int y = 0; y < height; ++y) {
         const Sample *row = src + static_cast<size_t>(y) * row_step;
@@ -169,7 +169,8 @@ int rgbe2fp(int width, int height, int rowStride, int normalise, int half,
             const unsigned char *rgbe, void *out, float scale) {
     if (height < 1) return 0;
     if (width < 0 || rowStride < 0) return kErrArg;
-    const size_t row_len = rowStride ? static_cast<size_t>(rowStride) : static_cast<size_t>(width) * 3;
+    const size_t row_len =
+        rowStride ? static_cast<size_t>(rowStride) : static_cast<size_t>(width) * 3;
     if (row_len < static_cast<size_t>(width) * 3) return kErrArg;
     if (width == 0) return height;
     if (!rgbe || !out) return kErrArg;

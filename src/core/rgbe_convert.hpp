@@ -21,8 +21,8 @@ struct Normaliser {
 // Fills n from the statistics of an RGBE image: lo = exp(minimum), hi =
 // exp(99.5th percentile), scale = numerator / (hi - lo); inactive when the
 // range is empty. Returns 0 or -4 when statistics memory is short.
-int make_normaliser(int width, int height, const float *table, const uint8_t *rgbe,
-                    float numerator, Normaliser *n) noexcept;
+int make_normaliser(int width, int height, const float *table, const uint8_t *rgbe, float numerator,
+                    Normaliser *n) noexcept;
 
 // Decodes RGBE row y into width * 3 floats.
 void decode_row(int width, const uint8_t *rgbe, int y, const float *table, const Normaliser &n,

@@ -53,6 +53,22 @@ int main(void) {
     get_tile_coordinates(100, 80, 40, 40, 3, 2, 8, 1, 1, &x0, &y0, &x1, &y1);
     CHECK(x0 == 32 && x1 == 88 && y0 == 32 && y1 == 80);
 
+    /* HDR generation through the C interface. */
+    {
+        int32_t st[3] = {20000, 40000, 30000};
+        float r[3], lut[256], ex[2], hs[3];
+        int32_t rec[7] = {1, 100, 8, 1, 0, 100, 0};
+        unsigned char px[2 * 16 * 3], out[4 * 16];
+        CHECK(guess_ev(0, 3, st, r, 1.0f) == 3);
+        CHECK(r[1] == 2.0f && r[2] == 1.0f && r[0] == 0.5f);
+        CHECK(get_ev(1, rec) == 1);
+        memset(px, 100, 16 * 3);
+        memset(px + 16 * 3, 200, 16 * 3);
+        CHECK(bv_hdr_merge(NULL, 0, 2, 1, 16, 3, 1.0f, 8, 0, lut, ex, px, hs, out) == 16);
+        CHECK(ex[0] == 1.0f && ex[1] == 2.0f);
+        CHECK(out[3] > 0 && out[3] < 255);
+    }
+
     if (failures) return 1;
     printf("public C API: all checks passed\n");
     return 0;

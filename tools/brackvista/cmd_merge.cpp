@@ -29,7 +29,7 @@ std::vector<OptionSpec> merge_options() {
 void print_exposures(const std::vector<std::string> &names, const std::vector<float> &exposures,
                      int middle) {
     for (size_t i = 0; i < names.size(); ++i)
-        std::printf("  %-28s %+6.2f EV\n", names[i].c_str(),
+        std::printf("  %-28s %+6.2f EV\n", names[i].substr(names[i].find_last_of('/') + 1).c_str(),
                     std::log2(exposures[i] / exposures[static_cast<size_t>(middle)]));
 }
 

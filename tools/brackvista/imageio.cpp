@@ -7,7 +7,10 @@
 #include <cerrno>
 #include <cmath>
 #include <cstring>
+#include <cstdio>
 #include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
 #include <sys/stat.h>
 
 #include "cli.hpp"
@@ -17,6 +20,31 @@ namespace bvcli {
 namespace {
 
 namespace oiio = OIIO;
+
+// Codec libraries underneath OpenImageIO print their own complaints on
+// stderr; the tool reports each failure itself, on one line.
+class QuietStderr {
+public:
+    QuietStderr() {
+        std::fflush(stderr);
+        saved_ = dup(2);
+        int null = open("/dev/null", O_WRONLY);
+        if (saved_ >= 0 && null >= 0) dup2(null, 2);
+        if (null >= 0) close(null);
+    }
+    ~QuietStderr() {
+        std::fflush(stderr);
+        if (saved_ >= 0) {
+            dup2(saved_, 2);
+            close(saved_);
+        }
+    }
+    QuietStderr(const QuietStderr &) = delete;
+    QuietStderr &operator=(const QuietStderr &) = delete;
+
+private:
+    int saved_ = -1;
+};
 
 // OpenImageIO errors can span lines; a message must stay on one.
 std::string one_line(std::string s) {
@@ -36,6 +64,7 @@ void require_readable(const std::string &path) {
 
 std::unique_ptr<oiio::ImageInput> open_input(const std::string &path) {
     require_readable(path);
+    QuietStderr quiet;
     auto in = oiio::ImageInput::open(path);
     if (!in) {
         std::string why = one_line(oiio::geterror());
@@ -163,6 +192,7 @@ BracketSet load_brackets(const std::vector<std::string> &paths) {
         oiio::TypeDesc type = set.bits == 8 ? oiio::TypeDesc::UINT8 : oiio::TypeDesc::UINT16;
         int nch = std::min(b.channels, 3);
         bool ok;
+        QuietStderr quiet;
         if (nch == 3) {
             ok = in->read_image(0, 0, 0, 3, type, dst);
         } else {
@@ -197,6 +227,7 @@ void write_picture(const std::string &path, const std::string &shown, const std:
         if (meta->iso > 0) spec.attribute("Exif:PhotographicSensitivity", meta->iso);
     }
     spec.attribute("Software", "brackvista");
+    QuietStderr quiet;
     if (!out->open(path, spec) ||
         !out->write_image(bits == 16 ? oiio::TypeDesc::UINT16 : oiio::TypeDesc::UINT8, pixels) ||
         !out->close())
@@ -213,6 +244,7 @@ FloatImage read_float_image(const std::string &path) {
     size_t n = static_cast<size_t>(img.width) * img.height;
     int nch = std::min(spec.nchannels, 3);
     std::vector<float> raw(n * nch);
+    QuietStderr quiet;
     if (!in->read_image(0, 0, 0, nch, oiio::TypeDesc::FLOAT, raw.data()))
         fail("cannot decode '" + path + "': " + one_line(in->geterror()));
     img.rgb.resize(n * 3);
@@ -231,6 +263,7 @@ void write_float_image(const std::string &path, const std::string &shown,
     // Half floats keep 10 mantissa bits over 30 stops: plenty for a reference.
     oiio::ImageSpec spec(img.width, img.height, 3, oiio::TypeDesc::HALF);
     spec.attribute("compression", "zip");
+    QuietStderr quiet;
     if (!out->open(path, spec) || !out->write_image(oiio::TypeDesc::FLOAT, img.rgb.data()) ||
         !out->close())
         fail("cannot write '" + shown + "': " + one_line(out->geterror()));

@@ -80,7 +80,7 @@ RadianceHeader read_radiance_header(const std::string &path) {
     int rc = rgbe_dim(path.c_str(), h.primaries, &dims);
     if (rc == -1) fail("cannot open '" + path + "'");
     if (rc == -2) fail("'" + path + "' is not a Radiance file (no resolution line)");
-    if (rc == -3) fail("'" + path + "' is a Radiance file with no pixels");
+    if (rc == -3) fail("'" + path + "' is damaged: its resolution line gives no pixels");
     if (rc < 0) fail("cannot read '" + path + "' (" + code_text(rc) + ")");
     if (dims.width < 1 || dims.height < 1) fail("'" + path + "' has an unusable resolution line");
     h.width = dims.width;
