@@ -99,6 +99,7 @@ TEST(MedianStatistic, LevelsDarkAndWhiteEscapes) {
     EXPECT_EQ(st[0], 77);
     EXPECT_EQ(mediane_images(1, w, h, w * 3, 3, 8, nullptr, st), BV_HDR_EINVAL);
     EXPECT_EQ(mediane_images(1, w, h, w * 3, 0, 8, img.data(), st), BV_HDR_EINVAL);
+    EXPECT_EQ(mediane_images(1, w, h, w * 3 - 1, 3, 8, img.data(), st), BV_HDR_EINVAL);
 }
 
 TEST(CorrectionTable, BreakpointsGapAndSinglePrecisionSlopes) {
@@ -219,6 +220,7 @@ TEST(Ordering, AscendingWithTiesAndMiddleImage) {
     EXPECT_EQ(moy_image(120, 90, 480, 4, 16, img16.data()), 100);
     EXPECT_EQ(moy_image(120, 90, 360, 3, 32, img.data()), 0);
     EXPECT_EQ(moy_image(0, 90, 360, 3, 8, img.data()), 0);
+    EXPECT_EQ(moy_image(120, 90, 360, 2, 8, img.data()), 0);
 }
 
 namespace {
@@ -361,6 +363,14 @@ TEST(ResponseCurve, TableAndEstimate) {
     std::vector<uint8_t> black(img.size(), 0);
     EXPECT_EQ(calc_courbe(n, w, h, 3, 8, black.data(), ex, res), BV_HDR_ENOPOS);
     EXPECT_EQ(calc_courbe(n, w, h, 3, 12, img.data(), ex, res), BV_HDR_EDEPTH);
+    // 16-bit data is judged on its high bytes with the same luma for both
+    // images of a pair: the same brackets widened give a nearby estimate.
+    std::vector<uint16_t> wide(img.size());
+    for (size_t i = 0; i < img.size(); ++i) wide[i] = static_cast<uint16_t>(img[i] << 8 | 0x80);
+    const int g16 = calc_courbe(n, w, h, 3, 16, wide.data(), ex, res);
+    std::printf("estimated gamma from 16-bit samples %d\n", g16);
+    EXPECT_GT(g16, 1000);
+    EXPECT_LT(g16, 3200);
     EXPECT_EQ(calc_courbe(n, w, h, 3, 8, img.data(), nullptr, res), BV_HDR_EINVAL);
 }
 
@@ -439,6 +449,18 @@ TEST(Merge, MarkersAreFilledUnlessModeTwo) {
     EXPECT_GT(m.stats[2], 0.0f);
 }
 
+TEST(Merge, BlackStackStaysBlack) {
+    // No pixel has a positive luminance: there is no darkest grey to fill
+    // with, so black stays black (and the statistics keep their start values).
+    std::vector<uint8_t> img(2 * 5 * 16 * 3, 0);
+    Merge m(2, 5, 16, 3, 8);
+    ASSERT_EQ(m.run(img.data(), 0.0f), 16);
+    for (uint8_t v : m.out) ASSERT_EQ(v, 0);
+    EXPECT_EQ(m.stats[0], 2.56e11f);
+    EXPECT_EQ(m.stats[1], 0.0f);
+    EXPECT_EQ(m.stats[2], 0.0f);
+}
+
 TEST(Merge, WeightsExposuresAndChannelQuirk) {
     // One pixel, two brackets with known exposures 1 and 2: the result is
     // the weight-averaged, exposure-normalised linear value.
@@ -475,6 +497,17 @@ TEST(Merge, WeightsExposuresAndChannelQuirk) {
     const double plain = (weight(256 * a, 64000) * la + weight(256 * b, 64000) * lb) /
                          (weight(256 * a, 64000) + weight(256 * b, 64000));
     EXPECT_NEAR(rgb[1], plain, plain / 128);
+
+    // -0.5 is already "caller's exposures": they are read, not overwritten;
+    // just above it they are estimated (one bracket brighter -> factor above 1).
+    m.ex = {1.0f, 2.0f};
+    ASSERT_EQ(m.run(img.data(), -0.5f), h);
+    EXPECT_EQ(m.ex[0], 1.0f);
+    EXPECT_EQ(m.ex[1], 2.0f);
+    ASSERT_EQ(m.run(img.data(), -0.49f), h);
+    EXPECT_EQ(m.ex[0], 1.0f);
+    EXPECT_GT(m.ex[1], 1.0f);
+    EXPECT_NE(m.ex[1], 2.0f);
 
     // Fixed step: exposures come out 2^(n/2 - i) by brightness.
     Merge f(2, w, h, 4, 8);

@@ -219,8 +219,9 @@ BV_API int mediane_images(int n, int width, int height, int rowStride, int chann
     return bv::c_boundary(BV_HDR_ENOMEM, BV_HDR_EINVAL, [&]() -> int {
         const int rank = static_cast<int>(0.5 * static_cast<double>(width) * height);
         if (n < 1) return rank;
-        if (!data || !stats || width < 0 || height < 0 || rowStride < 0 || channels < 1 ||
-            channels > 4)
+        // Rows narrower than their pixels would read past the n images.
+        if (!data || !stats || width < 0 || height < 0 || channels < 1 || channels > 4 ||
+            static_cast<int64_t>(rowStride) < static_cast<int64_t>(width) * channels)
             return BV_HDR_EINVAL;
         return median_stats(n, width, height, rowStride, channels, bitsPerSample, data, stats);
     });
@@ -276,8 +277,9 @@ BV_API int fClassementCroissant(int n, const float *values, int32_t *order) {
 
 BV_API int moy_image(int width, int height, int rowStride, int pixelStep, int bitsPerSample,
                      const void *data) {
+    // Samples 0..2 are read, so a pixel must have at least three.
     if ((bitsPerSample != 8 && bitsPerSample != 16) || !data || width < 1 || height < 1 ||
-        pixelStep < 1 || rowStride < 0)
+        pixelStep < 3 || rowStride < 0)
         return 0;
     const int sx = width / 50 + 1, sy = height / 50 + 1;
     uint64_t sum = 0, visited = 0;
