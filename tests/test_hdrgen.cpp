@@ -1,12 +1,11 @@
 // HDR generation: statistics, exposure estimation and ordering, response curve, merge edge cases.
+#include <Brackvista40Lib1.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstring>
 #include <filesystem>
 #include <vector>
-
-#include <Brackvista40Lib1.h>
 
 #include "core/hdrgen.hpp"
 #include "test_support.hpp"
@@ -175,10 +174,10 @@ TEST(GuessEv, EstimatedStepsFollowTheCorrectedLogRatio) {
 
 TEST(GetEv, CameraRecords) {
     int32_t rec[4 * 7] = {
-        1, 100, 8, 1, 0, 100, 0,    // 1/100 s, f/8, ISO 100
-        0, 0, 0, 0, 1500, 0, 0,     // stored EV of 1.5 stops
-        1, 50, 0, 0, 0, 0, 0,       // f-number and ISO unknown: f/8, ISO 100
-        1, 0, 4, 1, 0, 400, 0,      // zero denominator: time 0
+        1, 100, 8, 1, 0,    100, 0,  // 1/100 s, f/8, ISO 100
+        0, 0,   0, 0, 1500, 0,   0,  // stored EV of 1.5 stops
+        1, 50,  0, 0, 0,    0,   0,  // f-number and ISO unknown: f/8, ISO 100
+        1, 0,   4, 1, 0,    400, 0,  // zero denominator: time 0
     };
     EXPECT_EQ(get_ev(4, rec), 1);
     float f[4];
@@ -225,7 +224,8 @@ TEST(Ordering, AscendingWithTiesAndMiddleImage) {
 
 namespace {
 // Minimal profile: header size, one tag entry, a curve of `count` entries.
-std::vector<uint8_t> make_profile(uint32_t count, uint8_t gi, uint8_t gf, uint32_t offset_override = 0) {
+std::vector<uint8_t> make_profile(uint32_t count, uint8_t gi, uint8_t gf,
+                                  uint32_t offset_override = 0) {
     std::vector<uint8_t> p(128 + 4 + 12 + 12 + 2 * (count ? count : 1), 0);
     auto put = [&](size_t at, uint32_t v) {
         p[at] = v >> 24, p[at + 1] = v >> 16, p[at + 2] = v >> 8, p[at + 3] = v;
@@ -292,7 +292,8 @@ TEST(ProfileGamma, InstalledIccProfiles) {
     namespace fs = std::filesystem;
     const fs::path root = "/usr/share/color/icc";
     std::error_code ec;
-    if (!fs::is_directory(root, ec)) GTEST_SKIP() << "no ICC profiles installed (icc-profiles-free, colord-data)";
+    if (!fs::is_directory(root, ec))
+        GTEST_SKIP() << "no ICC profiles installed (icc-profiles-free, colord-data)";
     int checked = 0, single = 0;
     for (const auto &e : fs::recursive_directory_iterator(root, ec)) {
         const std::string ext = e.path().extension().string();
@@ -300,7 +301,8 @@ TEST(ProfileGamma, InstalledIccProfiles) {
         std::vector<uint8_t> d;
         if (!bvtest::read_file(e.path().string(), &d) || d.size() < 132) continue;
         auto be = [&](size_t at) {
-            return uint32_t{d[at]} << 24 | uint32_t{d[at + 1]} << 16 | uint32_t{d[at + 2]} << 8 | d[at + 3];
+            return uint32_t{d[at]} << 24 | uint32_t{d[at + 1]} << 16 | uint32_t{d[at + 2]} << 8 |
+                   d[at + 3];
         };
         // Expected answer from the tag table, read independently.
         float want = 2.2f;
@@ -382,7 +384,8 @@ struct Merge {
     float stats[3] = {};
     Merge(int n_, int w_, int h_, int ch_, int bits_)
         : n(n_), w(w_), h(h_), ch(ch_), bits(bits_), lut(65536), ex(n_), out(4 * w_ * h_, 0xab) {}
-    int run(const void *data, float evStep, int mode = 0, bv_progress_cb cb = nullptr, bool null_ex = false) {
+    int run(const void *data, float evStep, int mode = 0, bv_progress_cb cb = nullptr,
+            bool null_ex = false) {
         return bv_hdr_merge(cb, mode, n, w, h, ch, evStep, bits, 0, lut.data(),
                             null_ex ? nullptr : ex.data(), data, stats, out.data());
     }
@@ -471,8 +474,8 @@ TEST(Merge, WeightsExposuresAndChannelQuirk) {
         for (int y = 0; y < h; ++y) {
             uint8_t *p = &img[(k * h + y) * 4];
             p[0] = p[1] = k ? b : a;
-            p[2] = 7;              // sample 2: ignored by the merge in RGBA
-            p[3] = k ? b : a;      // B is the last sample here
+            p[2] = 7;          // sample 2: ignored by the merge in RGBA
+            p[3] = k ? b : a;  // B is the last sample here
         }
     Merge m(2, w, h, 4, 8);
     m.ex = {1.0f, 2.0f};

@@ -69,8 +69,7 @@ void fill_correction_table(float *table) {
         const int l0 = lv[k] << 8, l1 = lv[k + 1] << 8;
         const float slope = fac[k + 1] - fac[k];
         const float span = static_cast<float>(l1 - l0);
-        for (int i = l0; i < l1; ++i)
-            table[i] = fac[k] + static_cast<float>(i - l0) * slope / span;
+        for (int i = l0; i < l1; ++i) table[i] = fac[k] + static_cast<float>(i - l0) * slope / span;
     }
     table[65280] = 6.0f;
     // Levels above the last breakpoint give no correction at all: a pair of
@@ -139,8 +138,8 @@ int order_brightest_first(int n, const int32_t *stats, int32_t *work, int32_t *o
     return 0;
 }
 
-int estimate_ev(int wholeStops, int n, int32_t *stats, float *result, float evStep,
-                float *table, int32_t *order, int32_t *work, float *L, float *ev) {
+int estimate_ev(int wholeStops, int n, int32_t *stats, float *result, float evStep, float *table,
+                int32_t *order, int32_t *work, float *L, float *ev) {
     if (order_brightest_first(n, stats, work, order) < 0) return -4;
     const int mid = n / 2;
     if (evStep > 0.0f) {
@@ -160,13 +159,13 @@ int estimate_ev(int wholeStops, int n, int32_t *stats, float *result, float evSt
     // Each step is log2 of the neighbours' brightness ratio, stretched by the
     // correction of the level halfway between them.
     for (int i = mid + 1; i < n; ++i)
-        ev[i] = static_cast<float>(
-            ev[i - 1] - 1.442695 * table[static_cast<int>((L[i - 1] + L[i]) * 0.5)] *
-                            std::log(L[i - 1] / L[i]));
+        ev[i] = static_cast<float>(ev[i - 1] -
+                                   1.442695 * table[static_cast<int>((L[i - 1] + L[i]) * 0.5)] *
+                                       std::log(L[i - 1] / L[i]));
     for (int i = mid - 1; i >= 0; --i)
-        ev[i] = static_cast<float>(
-            ev[i + 1] - 1.442695 * table[static_cast<int>((L[i] + L[i + 1]) * 0.5)] *
-                            std::log(L[i + 1] / L[i]));
+        ev[i] = static_cast<float>(ev[i + 1] -
+                                   1.442695 * table[static_cast<int>((L[i] + L[i + 1]) * 0.5)] *
+                                       std::log(L[i + 1] / L[i]));
     if (wholeStops) {
         for (int i = 0; i < n; ++i) {
             stats[i] = order[i];

@@ -1,6 +1,6 @@
 // Merging aligned brackets into one RGBE scanline image.
-#include <cmath>
 #include <climits>
+#include <cmath>
 #include <cstdint>
 #include <cstring>
 
@@ -59,7 +59,9 @@ float pow2f(int k) {
     return f;
 }
 
-uint8_t exponent_byte(int e) { return static_cast<uint8_t>(e < -128 ? 0 : e > 127 ? 255 : e + 128); }
+uint8_t exponent_byte(int e) {
+    return static_cast<uint8_t>(e < -128 ? 0 : e > 127 ? 255 : e + 128);
+}
 
 // Grey pixel of luminance v; black when there is no usable luminance.
 void encode_grey(float v, uint8_t *r, uint8_t *g, uint8_t *b, uint8_t *e) {
@@ -155,9 +157,9 @@ void merge_row(const Source<T> *src, int n, int width, int runtime_channels, con
 }
 
 template <class T>
-int merge_pixels(bv_progress_cb cb, int n, int width, int height, int channels,
-                 const T *data, const int32_t *order, const Weight *tables, const int32_t *sat,
-                 const float *lut, Source<T> *src, uint8_t *output, Stats &st) {
+int merge_pixels(bv_progress_cb cb, int n, int width, int height, int channels, const T *data,
+                 const int32_t *order, const Weight *tables, const int32_t *sat, const float *lut,
+                 Source<T> *src, uint8_t *output, Stats &st) {
     const size_t row_samples = static_cast<size_t>(width) * static_cast<size_t>(channels);
     const size_t image_samples = row_samples * static_cast<size_t>(height);
     const Taps taps = merge_taps(channels);
@@ -202,9 +204,9 @@ void fill_markers(int width, int height, float lo, float hi, uint8_t *output) {
 
 }  // namespace
 
-int merge(bv_progress_cb cb, int mode, int n, int width, int height, int channels,
-          float evStep, int bits, int gammaGiven, float *lut, float *exposures,
-          const void *data, float stats[3], unsigned char *output) {
+int merge(bv_progress_cb cb, int mode, int n, int width, int height, int channels, float evStep,
+          int bits, int gammaGiven, float *lut, float *exposures, const void *data, float stats[3],
+          unsigned char *output) {
     const size_t sn = static_cast<size_t>(n);
     Scratch<int32_t> bstats(sn), order(sn), sat(sn);
     Scratch<float> wfac(sn), work(sn);
@@ -227,8 +229,7 @@ int merge(bv_progress_cb cb, int mode, int n, int width, int height, int channel
             work[j] = 1.0f;
         }
         if (n == 1 && exposures && evStep > -0.5f) exposures[0] = 1.0f;
-        if (ascending_order(n, wfac.get(), work.get(), order.get()) < 0)
-            return BV_HDR_ENOMEM;
+        if (ascending_order(n, wfac.get(), work.get(), order.get()) < 0) return BV_HDR_ENOMEM;
     } else {
         if (evStep > -0.5f) {
             median_stats(n, width, height, width * channels, channels, bits, data, bstats.get());
@@ -263,7 +264,8 @@ int merge(bv_progress_cb cb, int mode, int n, int width, int height, int channel
 
     Scratch<Weight> tables;
     if (!tables.alloc(sn * kLevels)) return BV_HDR_ENOMEM;
-    for (int j = 0; j < n; ++j) fill_weights(tables.get() + static_cast<size_t>(j) * kLevels, sat[j], wfac[j]);
+    for (int j = 0; j < n; ++j)
+        fill_weights(tables.get() + static_cast<size_t>(j) * kLevels, sat[j], wfac[j]);
 
     const size_t sw = static_cast<size_t>(width);
     Scratch<Source<uint8_t>> src8(bits == 8 ? sn : 0);
