@@ -453,8 +453,8 @@ BV_API uint16_t floatToHalf(float f);
  * either flat (R, G, B, E per pixel) or run-length coded (2, 2, width >> 8,
  * width & 255, then each component as packets). Only "-Y +X" orientation is
  * read. A flat file whose first pixel is 2, 2, b < 128 is taken for a
- * run-length file, so it cannot be read back; only flat rows (widths above
- * 32767) can produce one. All readers fill caller-allocated RGBE scanline
+ * run-length file and cannot be read back; the RGBE encoders never produce
+ * such a pixel (their largest mantissa is at least 128). All readers fill caller-allocated RGBE scanline
  * images and never read outside them or the file; single-threaded. */
 enum {
     BV_RAD_ERR_IO = -1,          /* cannot open, read or write; header or data ends early */

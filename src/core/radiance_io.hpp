@@ -1,6 +1,8 @@
 // Radiance picture files: buffered input, header parsing and the scanline encoder.
 #pragma once
 
+#include <locale.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -20,6 +22,28 @@ constexpr int kBadArguments = -203;
 // Widths above this are written as flat rows: the run-length scanline header
 // stores the width in 15 bits.
 constexpr int kMaxRleWidth = 32767;
+
+// Header numbers are always written and read with a decimal point, whatever
+// locale the host set: this switches the calling thread to the C numeric
+// locale for the scope.
+class CNumericScope {
+public:
+    CNumericScope() noexcept : c_(newlocale(LC_NUMERIC_MASK, "C", locale_t(0))) {
+        if (c_) old_ = uselocale(c_);
+    }
+    ~CNumericScope() {
+        if (c_) {
+            uselocale(old_);
+            freelocale(c_);
+        }
+    }
+    CNumericScope(const CNumericScope &) = delete;
+    CNumericScope &operator=(const CNumericScope &) = delete;
+
+private:
+    locale_t c_;
+    locale_t old_ = locale_t(0);
+};
 
 // Reads a file through one large buffer, so that scanline decoding never
 // pays a stdio call per byte. Semantics of gets() match fgets().

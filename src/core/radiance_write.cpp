@@ -101,6 +101,7 @@ void appendf(std::string *s, const char *fmt, ...) {
 float ratio(int32_t num, int32_t den) { return static_cast<float>(num) / static_cast<float>(den); }
 
 std::string metadata_header(int width, int height, const exifInfo *exif, const char *profile) {
+    const CNumericScope numeric;
     std::string s = "#?RADIANCE\n";
     if (exif) {
         if (exif->camera[0] != '\0') appendf(&s, "CAMERA=%.64s\n", exif->camera);
