@@ -1,4 +1,5 @@
 // Radiance files: readers, writers, encoder layout, hostile input, interop.
+#include <Brackvista40Lib1.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -11,8 +12,6 @@
 #include <cstring>
 #include <string>
 #include <vector>
-
-#include <Brackvista40Lib1.h>
 
 #include "core/radiance_io.hpp"
 #include "core/rgbe_pixel.hpp"
@@ -32,8 +31,7 @@ Bytes random_image(int w, int h, uint64_t seed) {
         const uint32_t kind = rng.next() % 4;
         size_t len = 1 + rng.next() % (kind == 0 ? 400 : 9);
         const uint8_t v = uint8_t(rng.next());
-        for (; len > 0 && i < img.size(); --len, ++i)
-            img[i] = kind == 3 ? uint8_t(rng.next()) : v;
+        for (; len > 0 && i < img.size(); --len, ++i) img[i] = kind == 3 ? uint8_t(rng.next()) : v;
     }
     // A flat file may not start with 2, 2, b < 128: that marks run-length rows.
     img[0] = 200;
@@ -124,9 +122,9 @@ TEST(Radiance, RoundTripBothWritersAllWidths) {
         const int sh = 4;
         for (int k = 0; k * sh < h; ++k) {
             const int rows = std::min(sh, h - k * sh);
-            EXPECT_EQ(bv_write_strip_rgbe(s.c_str(), k, sh, w, h, 0,
-                                          img.data() + size_t(4) * w * sh * k),
-                      rows);
+            EXPECT_EQ(
+                bv_write_strip_rgbe(s.c_str(), k, sh, w, h, 0, img.data() + size_t(4) * w * sh * k),
+                rows);
         }
         std::fill(back.begin(), back.end(), 0);
         ASSERT_EQ(decomp2(s.c_str(), w, h, back.data()), h);
@@ -233,9 +231,10 @@ TEST(Radiance, WriterHeaderLines) {
     std::memset(longp, 'p', sizeof longp);
     ASSERT_EQ(bv_io_rgbe_write(p.c_str(), 2, 1, &ex, 0, longp, px.data()), 1);
     t = text_of(p);
-    EXPECT_NE(t.find("CAMERA=" + std::string(64, 'c') + "\nCAPDATE=2024:05:01 10:11:1\nICC_PROFILE=" +
-                     std::string(32, 'p') + "\nAPERTURE="),
-              std::string::npos)
+    EXPECT_NE(
+        t.find("CAMERA=" + std::string(64, 'c') +
+               "\nCAPDATE=2024:05:01 10:11:1\nICC_PROFILE=" + std::string(32, 'p') + "\nAPERTURE="),
+        std::string::npos)
         << t.substr(0, 300);
     longp[0] = char(0xE9);
     ASSERT_EQ(bv_io_rgbe_write(p.c_str(), 2, 1, &ex, 0, longp, px.data()), 1);
@@ -250,12 +249,26 @@ TEST(Radiance, WriterHeaderLines) {
 }
 
 TEST(Radiance, HeaderNumbersIgnoreTheHostLocale) {
-    const char *comma_locales[] = {"de_DE.UTF-8", "de_DE.utf8", "fr_FR.UTF-8", "fr_FR.utf8",
-                                   "nl_NL.UTF-8"};
+    const char *comma_locales[] = {"de_DE.UTF-8", "de_DE.utf8", "fr_FR.UTF-8", "fr_FR.utf8"};
     const char *found = nullptr;
     for (const char *l : comma_locales)
         if ((found = std::setlocale(LC_NUMERIC, l))) break;
-    if (!found) GTEST_SKIP() << "no locale with a decimal comma is installed";
+    if (!found) {
+        // None installed: compile one into a private folder, when the
+        // locale sources are there.
+        const std::string dir = bvtest::temp_path("locales");
+        const std::string cmd = "mkdir -p " + dir + " && localedef -i de_DE -f UTF-8 " + dir +
+                                "/de_DE.UTF-8 >/dev/null 2>&1";
+        if (std::system(cmd.c_str()) == 0) {
+            setenv("LOCPATH", dir.c_str(), 1);
+            found = std::setlocale(LC_NUMERIC, "de_DE.UTF-8");
+            unsetenv("LOCPATH");
+        }
+    }
+    if (!found) GTEST_SKIP() << "no locale with a decimal comma is available";
+    char probe[16];
+    std::snprintf(probe, sizeof probe, "%.1f", 0.5);
+    EXPECT_STREQ(probe, "0,5") << "the test locale must use a decimal comma";
     exifInfo ex{};
     ex.exposureNum = 1, ex.exposureDen = 250;
     ex.fNumberNum = 56, ex.fNumberDen = 10;
@@ -376,7 +389,8 @@ TEST(Radiance, HeaderEndAndResolution) {
     EXPECT_EQ(rgbe_end_of_header("  x", 2), 1) << "only n bytes are examined";
     EXPECT_EQ(rgbe_end_of_header(nullptr, 128), 0);
 
-    for (const char *name : {"blank_line_space.hdr", "blank_line_tab.hdr", "long_header_line.hdr"}) {
+    for (const char *name :
+         {"blank_line_space.hdr", "blank_line_tab.hdr", "long_header_line.hdr"}) {
         Bytes img;
         ASSERT_EQ(read_case(name, 4, 2, &img), 2) << name;
         for (int y = 0; y < 2; ++y)
@@ -437,7 +451,7 @@ TEST(Radiance, Primaries) {
     d.primariesCount = 32;
     ASSERT_EQ(rgbe_dim(case_path("primaries_partial.hdr").c_str(), p, &d), 4);
     const float defaults[8] = {0.648431f, 0.330856f, 0.321152f, 0.597871f,
-                               0.155886f, 0.066044f, 0.3101f, 0.3162f};
+                               0.155886f, 0.066044f, 0.3101f,   0.3162f};
     for (int i = 0; i < 8; ++i) EXPECT_EQ(p[i], defaults[i]);
 }
 
@@ -452,7 +466,8 @@ TEST(Radiance, ScanlineCodesAndHostileFiles) {
     ASSERT_EQ(read_case("flat_3x2.hdr", 3, 2, &img), 2);
     for (int y = 0; y < 2; ++y)
         for (int x = 0; x < 3; ++x)
-            for (int c = 0; c < 4; ++c) ASSERT_EQ(img[y * 12 + c * 3 + x], 100 + y * 12 + x * 4 + c);
+            for (int c = 0; c < 4; ++c)
+                ASSERT_EQ(img[y * 12 + c * 3 + x], 100 + y * 12 + x * 4 + c);
     // The first scanline decides: a flat row starting 2, 2, 0, 4 is decoded
     // as run-length data and fails on its packets.
     EXPECT_EQ(read_case("flat_starting_2_2.hdr", 4, 2), -202);
@@ -523,8 +538,8 @@ TEST(Radiance, PreviewSampling) {
     Bytes same(img.size());
     EXPECT_EQ(bv_io_read_preview_rgbe(w, h, w, h, p.c_str(), same.data()), h + 1);
     EXPECT_EQ(same, img);
-    for (auto [pw, ph] : {std::pair{100, 10}, std::pair{7, 3}, std::pair{1, 1},
-                          std::pair{450, 50}, std::pair{301, 5}}) {
+    for (auto [pw, ph] : {std::pair{100, 10}, std::pair{7, 3}, std::pair{1, 1}, std::pair{450, 50},
+                          std::pair{301, 5}}) {
         Bytes pv(size_t(4) * pw * ph, 0);
         EXPECT_EQ(bv_io_read_preview_rgbe(w, h, pw, ph, p.c_str(), pv.data()), h + 1);
         const float xs = float(w) / float(pw), ys = float(h) / float(ph);
@@ -533,7 +548,8 @@ TEST(Radiance, PreviewSampling) {
             for (int c = 0; c < 4; ++c)
                 for (int j = 0; j < pw; ++j) {
                     const int x = int(float(j) * xs);
-                    ASSERT_EQ(pv[size_t(k) * 4 * pw + c * pw + j], img[size_t(y) * 4 * w + c * w + x])
+                    ASSERT_EQ(pv[size_t(k) * 4 * pw + c * pw + j],
+                              img[size_t(y) * 4 * w + c * w + x])
                         << pw << "x" << ph << " k=" << k << " j=" << j;
                 }
         }
@@ -561,9 +577,9 @@ TEST(Radiance, WriterErrors) {
     const Bytes px(4 * 40000 * 2, 9);
     EXPECT_EQ(bv_io_rgbe_write("/nonexistent-dir/x.hdr", 2, 1, nullptr, 0, nullptr, px.data()), -1);
     EXPECT_EQ(bv_io_rgbe_write(nullptr, 2, 1, nullptr, 0, nullptr, px.data()), -1);
-    EXPECT_EQ(bv_io_rgbe_write(bvtest::temp_path("e.hdr").c_str(), 0, 1, nullptr, 0, nullptr,
-                               px.data()),
-              -203);
+    EXPECT_EQ(
+        bv_io_rgbe_write(bvtest::temp_path("e.hdr").c_str(), 0, 1, nullptr, 0, nullptr, px.data()),
+        -203);
     EXPECT_EQ(bv_write_strip_rgbe(bvtest::temp_path("e.hdr").c_str(), -1, 4, 2, 8, 0, px.data()),
               -203);
     EXPECT_EQ(bv_write_strip_rgbe(bvtest::temp_path("e.hdr").c_str(), 2, 4, 2, 8, 0, px.data()), 0);
@@ -587,9 +603,9 @@ TEST(Radiance, WriterErrors) {
     }
     {
         bvtest::FailAllocation fail(0);
-        EXPECT_EQ(bv_write_strip_rgbe(bvtest::temp_path("oom.hdr").c_str(), 0, 1, 300, 1, 0,
-                                      px.data()),
-                  -4);
+        EXPECT_EQ(
+            bv_write_strip_rgbe(bvtest::temp_path("oom.hdr").c_str(), 0, 1, 300, 1, 0, px.data()),
+            -4);
     }
 }
 
@@ -672,7 +688,8 @@ TEST(Radiance, OpenCvReadsOurFiles) {
     for (size_t i = 0; i < widths.size(); ++i) {
         const int w = widths[i], h = w > 1000 ? 2 : 9;
         FloatImage theirs;
-        ASSERT_TRUE(load_raw(bvtest::temp_path("to_cv_" + std::to_string(w) + ".hdr.raw"), &theirs));
+        ASSERT_TRUE(
+            load_raw(bvtest::temp_path("to_cv_" + std::to_string(w) + ".hdr.raw"), &theirs));
         ASSERT_EQ(theirs.w, w);
         ASSERT_EQ(theirs.h, h);
         EXPECT_EQ(theirs.rgb, decode(images[i], w, h)) << "width " << w;
@@ -686,7 +703,8 @@ TEST(Radiance, WeReadOpenCvFiles) {
     bvtest::Rng rng(8);
     for (int i = 0; i < src.w * src.h; ++i) {
         // Sky-like runs, dark and very bright pixels.
-        const float base = (i / 40) % 3 == 0 ? 0.25f : float(std::ldexp(rng.uniform(), int(rng.next() % 40) - 20));
+        const float base =
+            (i / 40) % 3 == 0 ? 0.25f : float(std::ldexp(rng.uniform(), int(rng.next() % 40) - 20));
         for (int c = 0; c < 3; ++c) src.rgb.push_back(base * (1.0f + 0.1f * c));
     }
     const std::string raw = bvtest::temp_path("from_cv.raw"), p = bvtest::temp_path("from_cv.hdr");
@@ -707,7 +725,8 @@ TEST(Radiance, WeReadOpenCvFiles) {
     EXPECT_EQ(ours, theirs.rgb);
     double worst = 0;
     for (size_t i = 0; i < ours.size(); ++i)
-        worst = std::max(worst, double(std::fabs(ours[i] - src.rgb[i]) / std::max(src.rgb[i], 1e-30f)));
+        worst =
+            std::max(worst, double(std::fabs(ours[i] - src.rgb[i]) / std::max(src.rgb[i], 1e-30f)));
     // Eight-bit mantissas: within one step of 1/128 relative to each value.
     std::printf("largest relative error against the written floats: %g\n", worst);
     EXPECT_LT(worst, 1.0 / 64);

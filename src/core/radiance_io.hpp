@@ -82,8 +82,8 @@ private:
 
 // Outcome of reading a header up to and including the resolution line.
 struct Header {
-    int lines = 0;   // header lines (pieces) read before the resolution line
-    int width = 0;   // stays 0 when the resolution line is malformed
+    int lines = 0;  // header lines (pieces) read before the resolution line
+    int width = 0;  // stays 0 when the resolution line is malformed
     int height = 0;
 };
 
@@ -113,7 +113,6 @@ size_t encode_component(const uint8_t *src, size_t n, uint8_t *out) noexcept;
 
 // Full read and subsampled preview into RGBE scanline images.
 int read_image(int width, int height, const char *path, uint8_t *out) noexcept;
-int read_preview(int width, int height, int pw, int ph, const char *path,
-                 uint8_t *out) noexcept;
+int read_preview(int width, int height, int pw, int ph, const char *path, uint8_t *out) noexcept;
 
 }  // namespace bv::radiance

@@ -452,8 +452,8 @@ struct DimCtx {
 void visit_primaries(const char *line, void *p) {
     auto *ctx = static_cast<DimCtx *>(p);
     float v[8];
-    if (std::sscanf(line, "PRIMARIES= %f %f %f %f %f %f %f %f", &v[0], &v[1], &v[2], &v[3],
-                    &v[4], &v[5], &v[6], &v[7]) == 8) {
+    if (std::sscanf(line, "PRIMARIES= %f %f %f %f %f %f %f %f", &v[0], &v[1], &v[2], &v[3], &v[4],
+                    &v[5], &v[6], &v[7]) == 8) {
         std::memcpy(ctx->primaries, v, sizeof v);
         ctx->dims->primariesCount = 32;
     }
@@ -472,9 +472,9 @@ BV_API int rgbe_dim(const char *path, float primaries[8], RgbeDims *dims) {
         if (size < 0 || std::fseek(f, 0, SEEK_SET) != 0) return -1;
         if (!in.alloc()) return -4;
         const CNumericScope numeric;
-        DimCtx ctx = {{0.648431f, 0.330856f, 0.321152f, 0.597871f, 0.155886f, 0.066044f,
-                       0.3101f, 0.3162f},
-                      dims};
+        DimCtx ctx = {
+            {0.648431f, 0.330856f, 0.321152f, 0.597871f, 0.155886f, 0.066044f, 0.3101f, 0.3162f},
+            dims};
         Header h;
         if (read_header(in, &h, visit_primaries, &ctx) < 0) return -2;
         if (h.width <= 0 || h.height <= 0) return -3;
