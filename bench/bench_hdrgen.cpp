@@ -1,12 +1,11 @@
 // Speed of the HDR merge on 24-megapixel bracket stacks (single-threaded by design).
+#include <Brackvista40Lib1.h>
 #include <benchmark/benchmark.h>
 
 #include <cmath>
 #include <cstdint>
 #include <memory>
 #include <vector>
-
-#include <Brackvista40Lib1.h>
 
 namespace {
 
@@ -48,7 +47,8 @@ const Stack &stack(int n, int bits) {
         for (int y = 0; y < kH; ++y)
             for (int x = 0; x < kW; ++x) {
                 rng = rng * 1664525u + 1013904223u;
-                const int base = 64 * 30 - 64 * 12 + (x * 64 * 16) / kW + ((y * 37) % 64) + static_cast<int>(rng >> 29);
+                const int base = 64 * 30 - 64 * 12 + (x * 64 * 16) / kW + ((y * 37) % 64) +
+                                 static_cast<int>(rng >> 29);
                 const size_t p = ((static_cast<size_t>(k) * kH + y) * kW + x) * 3;
                 for (int c = 0; c < 3; ++c) {
                     int t = base + shift + 10 * (c - 1);
@@ -73,13 +73,13 @@ void BM_hdr_merge(benchmark::State &state) {
     float stats[3];
     const void *data = bits == 8 ? static_cast<const void *>(s.d8.data()) : s.d16.data();
     for (auto _ : state) {
-        const int rc = bv_hdr_merge(nullptr, 0, n, kW, kH, 3, estimate ? 0.0f : -1.0f, bits, 0, lut.data(),
-                                    ex.data(), data, stats, out.data());
+        const int rc = bv_hdr_merge(nullptr, 0, n, kW, kH, 3, estimate ? 0.0f : -1.0f, bits, 0,
+                                    lut.data(), ex.data(), data, stats, out.data());
         if (rc != kH) state.SkipWithError("merge failed");
         benchmark::DoNotOptimize(out.data());
     }
-    state.counters["MP/s"] =
-        benchmark::Counter(static_cast<double>(kW) * kH * 1e-6, benchmark::Counter::kIsIterationInvariantRate);
+    state.counters["MP/s"] = benchmark::Counter(static_cast<double>(kW) * kH * 1e-6,
+                                                benchmark::Counter::kIsIterationInvariantRate);
 }
 
 }  // namespace

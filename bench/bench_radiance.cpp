@@ -1,4 +1,5 @@
 // Radiance file reading and writing on a 24-megapixel RGBE image.
+#include <Brackvista40Lib1.h>
 #include <benchmark/benchmark.h>
 
 #include <cmath>
@@ -6,8 +7,6 @@
 #include <cstdlib>
 #include <string>
 #include <vector>
-
-#include <Brackvista40Lib1.h>
 
 namespace {
 
@@ -67,7 +66,8 @@ long file_size(const std::string &p) {
 void report(benchmark::State &state, double file_bytes) {
     const double n = double(state.iterations());
     state.counters["MP/s"] = benchmark::Counter(n * kW * kH / 1e6, benchmark::Counter::kIsRate);
-    state.counters["fileMB/s"] = benchmark::Counter(n * file_bytes / 1e6, benchmark::Counter::kIsRate);
+    state.counters["fileMB/s"] =
+        benchmark::Counter(n * file_bytes / 1e6, benchmark::Counter::kIsRate);
     state.counters["rgbeMB/s"] =
         benchmark::Counter(n * 4.0 * kW * kH / 1e6, benchmark::Counter::kIsRate);
 }

@@ -1,11 +1,11 @@
 // Fuzz target: gamma read from an ICC profile held in memory.
 // The input is the profile; it is also tried with its size field forced to
 // the input length, so that the tag scan runs on every input.
+#include <Brackvista40Lib1.h>
+
 #include <cstdint>
 #include <cstring>
 #include <vector>
-
-#include <Brackvista40Lib1.h>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size > (1u << 20)) return 0;

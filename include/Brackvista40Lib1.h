@@ -453,8 +453,8 @@ BV_API uint16_t floatToHalf(float f);
  * either flat (R, G, B, E per pixel) or run-length coded (2, 2, width >> 8,
  * width & 255, then each component as packets). Only "-Y +X" orientation is
  * read. A flat file whose first pixel is 2, 2, b < 128 is taken for a
- * run-length file, so it cannot be read back; only flat rows (widths above
- * 32767) can produce one. All readers fill caller-allocated RGBE scanline
+ * run-length file and cannot be read back; the RGBE encoders never produce
+ * such a pixel (their largest mantissa is at least 128). All readers fill caller-allocated RGBE scanline
  * images and never read outside them or the file; single-threaded. */
 enum {
     BV_RAD_ERR_IO = -1,          /* cannot open, read or write; header or data ends early */
@@ -553,7 +553,8 @@ enum {
  * channels 1..4, 8 or 16 bits (other depths: empty histogram). Statistic:
  * median luma bin * 256; nearly black images their 95th-percentile bin
  * (0..256); nearly white ones 65536 + 17th-percentile bin. Returns
- * trunc(0.5 * width * height) (n < 1: writes nothing); BV_HDR_EINVAL. */
+ * trunc(0.5 * width * height) (n < 1: writes nothing); BV_HDR_EINVAL (also
+ * for rowStride < width * channels). */
 BV_API int mediane_images(int n, int width, int height, int rowStride, int channels,
                           int bitsPerSample, const void *data, int32_t *stats);
 
@@ -576,8 +577,9 @@ BV_API int get_ev(int n, int32_t *records);
 BV_API int fClassementCroissant(int n, const float *values, int32_t *order);
 
 /* Mean of R+G+B (samples 0..2; 16-bit: high bytes) on the 8-bit scale over a
- * grid of about 50 x 50 pixels. rowStride and pixelStep in samples. Returns
- * the level, 0 for other depths, NULL data or an empty image. */
+ * grid of about 50 x 50 pixels. rowStride and pixelStep (at least 3) in
+ * samples. Returns the level, 0 for other depths, NULL data, pixelStep < 3 or
+ * an empty image. */
 BV_API int moy_image(int width, int height, int rowStride, int pixelStep, int bitsPerSample,
                      const void *data);
 

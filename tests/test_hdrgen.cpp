@@ -1,12 +1,11 @@
 // HDR generation: statistics, exposure estimation and ordering, response curve, merge edge cases.
+#include <Brackvista40Lib1.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstring>
 #include <filesystem>
 #include <vector>
-
-#include <Brackvista40Lib1.h>
 
 #include "core/hdrgen.hpp"
 #include "test_support.hpp"
@@ -99,6 +98,7 @@ TEST(MedianStatistic, LevelsDarkAndWhiteEscapes) {
     EXPECT_EQ(st[0], 77);
     EXPECT_EQ(mediane_images(1, w, h, w * 3, 3, 8, nullptr, st), BV_HDR_EINVAL);
     EXPECT_EQ(mediane_images(1, w, h, w * 3, 0, 8, img.data(), st), BV_HDR_EINVAL);
+    EXPECT_EQ(mediane_images(1, w, h, w * 3 - 1, 3, 8, img.data(), st), BV_HDR_EINVAL);
 }
 
 TEST(CorrectionTable, BreakpointsGapAndSinglePrecisionSlopes) {
@@ -174,10 +174,10 @@ TEST(GuessEv, EstimatedStepsFollowTheCorrectedLogRatio) {
 
 TEST(GetEv, CameraRecords) {
     int32_t rec[4 * 7] = {
-        1, 100, 8, 1, 0, 100, 0,    // 1/100 s, f/8, ISO 100
-        0, 0, 0, 0, 1500, 0, 0,     // stored EV of 1.5 stops
-        1, 50, 0, 0, 0, 0, 0,       // f-number and ISO unknown: f/8, ISO 100
-        1, 0, 4, 1, 0, 400, 0,      // zero denominator: time 0
+        1, 100, 8, 1, 0,    100, 0,  // 1/100 s, f/8, ISO 100
+        0, 0,   0, 0, 1500, 0,   0,  // stored EV of 1.5 stops
+        1, 50,  0, 0, 0,    0,   0,  // f-number and ISO unknown: f/8, ISO 100
+        1, 0,   4, 1, 0,    400, 0,  // zero denominator: time 0
     };
     EXPECT_EQ(get_ev(4, rec), 1);
     float f[4];
@@ -219,11 +219,13 @@ TEST(Ordering, AscendingWithTiesAndMiddleImage) {
     EXPECT_EQ(moy_image(120, 90, 480, 4, 16, img16.data()), 100);
     EXPECT_EQ(moy_image(120, 90, 360, 3, 32, img.data()), 0);
     EXPECT_EQ(moy_image(0, 90, 360, 3, 8, img.data()), 0);
+    EXPECT_EQ(moy_image(120, 90, 360, 2, 8, img.data()), 0);
 }
 
 namespace {
 // Minimal profile: header size, one tag entry, a curve of `count` entries.
-std::vector<uint8_t> make_profile(uint32_t count, uint8_t gi, uint8_t gf, uint32_t offset_override = 0) {
+std::vector<uint8_t> make_profile(uint32_t count, uint8_t gi, uint8_t gf,
+                                  uint32_t offset_override = 0) {
     std::vector<uint8_t> p(128 + 4 + 12 + 12 + 2 * (count ? count : 1), 0);
     auto put = [&](size_t at, uint32_t v) {
         p[at] = v >> 24, p[at + 1] = v >> 16, p[at + 2] = v >> 8, p[at + 3] = v;
@@ -290,7 +292,8 @@ TEST(ProfileGamma, InstalledIccProfiles) {
     namespace fs = std::filesystem;
     const fs::path root = "/usr/share/color/icc";
     std::error_code ec;
-    if (!fs::is_directory(root, ec)) GTEST_SKIP() << "no ICC profiles installed (icc-profiles-free, colord-data)";
+    if (!fs::is_directory(root, ec))
+        GTEST_SKIP() << "no ICC profiles installed (icc-profiles-free, colord-data)";
     int checked = 0, single = 0;
     for (const auto &e : fs::recursive_directory_iterator(root, ec)) {
         const std::string ext = e.path().extension().string();
@@ -298,7 +301,8 @@ TEST(ProfileGamma, InstalledIccProfiles) {
         std::vector<uint8_t> d;
         if (!bvtest::read_file(e.path().string(), &d) || d.size() < 132) continue;
         auto be = [&](size_t at) {
-            return uint32_t{d[at]} << 24 | uint32_t{d[at + 1]} << 16 | uint32_t{d[at + 2]} << 8 | d[at + 3];
+            return uint32_t{d[at]} << 24 | uint32_t{d[at + 1]} << 16 | uint32_t{d[at + 2]} << 8 |
+                   d[at + 3];
         };
         // Expected answer from the tag table, read independently.
         float want = 2.2f;
@@ -361,6 +365,14 @@ TEST(ResponseCurve, TableAndEstimate) {
     std::vector<uint8_t> black(img.size(), 0);
     EXPECT_EQ(calc_courbe(n, w, h, 3, 8, black.data(), ex, res), BV_HDR_ENOPOS);
     EXPECT_EQ(calc_courbe(n, w, h, 3, 12, img.data(), ex, res), BV_HDR_EDEPTH);
+    // 16-bit data is judged on its high bytes with the same luma for both
+    // images of a pair: the same brackets widened give a nearby estimate.
+    std::vector<uint16_t> wide(img.size());
+    for (size_t i = 0; i < img.size(); ++i) wide[i] = static_cast<uint16_t>(img[i] << 8 | 0x80);
+    const int g16 = calc_courbe(n, w, h, 3, 16, wide.data(), ex, res);
+    std::printf("estimated gamma from 16-bit samples %d\n", g16);
+    EXPECT_GT(g16, 1000);
+    EXPECT_LT(g16, 3200);
     EXPECT_EQ(calc_courbe(n, w, h, 3, 8, img.data(), nullptr, res), BV_HDR_EINVAL);
 }
 
@@ -372,7 +384,8 @@ struct Merge {
     float stats[3] = {};
     Merge(int n_, int w_, int h_, int ch_, int bits_)
         : n(n_), w(w_), h(h_), ch(ch_), bits(bits_), lut(65536), ex(n_), out(4 * w_ * h_, 0xab) {}
-    int run(const void *data, float evStep, int mode = 0, bv_progress_cb cb = nullptr, bool null_ex = false) {
+    int run(const void *data, float evStep, int mode = 0, bv_progress_cb cb = nullptr,
+            bool null_ex = false) {
         return bv_hdr_merge(cb, mode, n, w, h, ch, evStep, bits, 0, lut.data(),
                             null_ex ? nullptr : ex.data(), data, stats, out.data());
     }
@@ -439,6 +452,18 @@ TEST(Merge, MarkersAreFilledUnlessModeTwo) {
     EXPECT_GT(m.stats[2], 0.0f);
 }
 
+TEST(Merge, BlackStackStaysBlack) {
+    // No pixel has a positive luminance: there is no darkest grey to fill
+    // with, so black stays black (and the statistics keep their start values).
+    std::vector<uint8_t> img(2 * 5 * 16 * 3, 0);
+    Merge m(2, 5, 16, 3, 8);
+    ASSERT_EQ(m.run(img.data(), 0.0f), 16);
+    for (uint8_t v : m.out) ASSERT_EQ(v, 0);
+    EXPECT_EQ(m.stats[0], 2.56e11f);
+    EXPECT_EQ(m.stats[1], 0.0f);
+    EXPECT_EQ(m.stats[2], 0.0f);
+}
+
 TEST(Merge, WeightsExposuresAndChannelQuirk) {
     // One pixel, two brackets with known exposures 1 and 2: the result is
     // the weight-averaged, exposure-normalised linear value.
@@ -449,8 +474,8 @@ TEST(Merge, WeightsExposuresAndChannelQuirk) {
         for (int y = 0; y < h; ++y) {
             uint8_t *p = &img[(k * h + y) * 4];
             p[0] = p[1] = k ? b : a;
-            p[2] = 7;              // sample 2: ignored by the merge in RGBA
-            p[3] = k ? b : a;      // B is the last sample here
+            p[2] = 7;          // sample 2: ignored by the merge in RGBA
+            p[3] = k ? b : a;  // B is the last sample here
         }
     Merge m(2, w, h, 4, 8);
     m.ex = {1.0f, 2.0f};
@@ -475,6 +500,17 @@ TEST(Merge, WeightsExposuresAndChannelQuirk) {
     const double plain = (weight(256 * a, 64000) * la + weight(256 * b, 64000) * lb) /
                          (weight(256 * a, 64000) + weight(256 * b, 64000));
     EXPECT_NEAR(rgb[1], plain, plain / 128);
+
+    // -0.5 is already "caller's exposures": they are read, not overwritten;
+    // just above it they are estimated (one bracket brighter -> factor above 1).
+    m.ex = {1.0f, 2.0f};
+    ASSERT_EQ(m.run(img.data(), -0.5f), h);
+    EXPECT_EQ(m.ex[0], 1.0f);
+    EXPECT_EQ(m.ex[1], 2.0f);
+    ASSERT_EQ(m.run(img.data(), -0.49f), h);
+    EXPECT_EQ(m.ex[0], 1.0f);
+    EXPECT_GT(m.ex[1], 1.0f);
+    EXPECT_NE(m.ex[1], 2.0f);
 
     // Fixed step: exposures come out 2^(n/2 - i) by brightness.
     Merge f(2, w, h, 4, 8);

@@ -1,17 +1,16 @@
 // HDR merge of the film-scanned memorial brackets, against an independently merged reference.
+#include <Brackvista40Lib1.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <sys/wait.h>
 #include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
-
-#include <Brackvista40Lib1.h>
 
 #include "test_support.hpp"
 
@@ -46,16 +45,18 @@ protected:
         if (root.empty()) return;
         const std::string dir = root + "/memorial";
         refdir = bvtest::temp_path("memorial-ref");
-        std::string cmd = "mkdir -p '" + refdir + "' && /usr/bin/python3 tests/scripts/memorial_reference.py --step 2 '" +
+        std::string cmd = "mkdir -p '" + refdir +
+                          "' && /usr/bin/python3 tests/scripts/memorial_reference.py --step 2 '" +
                           dir + "' '" + refdir + "'";
         for (const Subset &s : kSets) {
             cmd += std::string(" ") + s.name + "=";
-            for (size_t i = 0; i < s.idx.size(); ++i) cmd += (i ? "," : "") + std::to_string(s.idx[i]);
+            for (size_t i = 0; i < s.idx.size(); ++i)
+                cmd += (i ? "," : "") + std::to_string(s.idx[i]);
         }
         const int rc = std::system((cmd + " >/dev/null 2>&1").c_str());
         if (rc != 0) {
             why_no_ref = WIFEXITED(rc) && WEXITSTATUS(rc) == 77 ? "python3-opencv is not installed"
-                                                                 : "the reference script failed";
+                                                                : "the reference script failed";
             refdir.clear();
             return;
         }
@@ -72,7 +73,9 @@ protected:
             float e;
             if (!(ls >> name >> e)) continue;
             std::vector<uint8_t> img(static_cast<size_t>(m->w) * m->h * 3);
-            if (!px.read(reinterpret_cast<char *>(img.data()), static_cast<std::streamsize>(img.size()))) break;
+            if (!px.read(reinterpret_cast<char *>(img.data()),
+                         static_cast<std::streamsize>(img.size())))
+                break;
             m->images.push_back(std::move(img));
             m->exposure.push_back(e);
         }
@@ -88,28 +91,34 @@ protected:
         data = nullptr;
     }
     void SetUp() override {
-        if (bvtest::shared_data_dir().empty()) GTEST_SKIP() << "memorial brackets not found under ../shared/data/memorial";
+        if (bvtest::shared_data_dir().empty())
+            GTEST_SKIP() << "memorial brackets not found under ../shared/data/memorial";
         if (!data) GTEST_SKIP() << "brackets not decoded: " << why_no_ref;
     }
 
     // Merges a subset; returns linear RGB floats and fills `ex` (in or out).
-    static std::vector<float> merge(const std::vector<int> &idx, float evStep, std::vector<float> *ex) {
+    static std::vector<float> merge(const std::vector<int> &idx, float evStep,
+                                    std::vector<float> *ex) {
         const int n = static_cast<int>(idx.size()), w = data->w, h = data->h;
         const size_t img = static_cast<size_t>(w) * h * 3;
         std::vector<uint8_t> stack(img * n);
-        for (int k = 0; k < n; ++k) std::copy(data->images[idx[k]].begin(), data->images[idx[k]].end(), stack.begin() + k * img);
+        for (int k = 0; k < n; ++k)
+            std::copy(data->images[idx[k]].begin(), data->images[idx[k]].end(),
+                      stack.begin() + k * img);
         std::vector<float> lut(256);
         std::vector<uint8_t> out(4 * static_cast<size_t>(w) * h);
         float stats[3];
-        EXPECT_EQ(bv_hdr_merge(nullptr, 0, n, w, h, 3, evStep, 8, 0, lut.data(), ex->data(), stack.data(), stats,
-                               out.data()),
+        EXPECT_EQ(bv_hdr_merge(nullptr, 0, n, w, h, 3, evStep, 8, 0, lut.data(), ex->data(),
+                               stack.data(), stats, out.data()),
                   h);
         std::vector<float> rgb(img);
         for (int y = 0; y < h; ++y)
             for (int x = 0; x < w; ++x) {
                 const uint8_t *row = &out[static_cast<size_t>(y) * 4 * w];
                 const double s = row[3 * w + x] ? std::ldexp(1.0, row[3 * w + x] - 136) : 0.0;
-                for (int c = 0; c < 3; ++c) rgb[(static_cast<size_t>(y) * w + x) * 3 + c] = static_cast<float>(row[c * w + x] * s);
+                for (int c = 0; c < 3; ++c)
+                    rgb[(static_cast<size_t>(y) * w + x) * 3 + c] =
+                        static_cast<float>(row[c * w + x] * s);
             }
         return rgb;
     }
@@ -158,7 +167,8 @@ protected:
     static std::vector<float> reference(const char *name) {
         std::vector<float> v(static_cast<size_t>(data->w) * data->h * 3);
         std::ifstream f(refdir + "/" + name + ".f32", std::ios::binary);
-        f.read(reinterpret_cast<char *>(v.data()), static_cast<std::streamsize>(v.size() * sizeof(float)));
+        f.read(reinterpret_cast<char *>(v.data()),
+               static_cast<std::streamsize>(v.size() * sizeof(float)));
         if (!f) v.clear();
         return v;
     }
@@ -203,8 +213,10 @@ void MemorialTest::correlation_figures() {
         long n1, n2;
         const double r1 = log_lum_correlation(table, ref, ok, &n1);
         const double r2 = log_lum_correlation(estimated, ref, ok, &n2);
-        std::printf("%-5s: %ld usable pixels, correlation with reference: table exposures %.5f, estimated %.5f\n",
-                    set.name, n1, r1, r2);
+        std::printf(
+            "%-5s: %ld usable pixels, correlation with reference: table exposures %.5f, estimated "
+            "%.5f\n",
+            set.name, n1, r1, r2);
         EXPECT_GT(n1, 50000);
         EXPECT_GE(r1, want[s].table) << set.name;
         EXPECT_GE(r2, want[s].estimated) << set.name;
@@ -229,7 +241,8 @@ void MemorialTest::estimation_figures() {
         double worst = 0, mean = 0;
         std::printf("%-5s log2(estimated / table):", set.name);
         for (int k = 0; k < n; ++k) {
-            const double e = std::log2(est[k] / (data->exposure[set.idx[k]] / data->exposure[set.idx[mid]]));
+            const double e =
+                std::log2(est[k] / (data->exposure[set.idx[k]] / data->exposure[set.idx[mid]]));
             std::printf(" %+.2f", e);
             worst = std::max(worst, std::fabs(e));
             mean += std::fabs(e) / n;
@@ -250,7 +263,9 @@ void MemorialTest::estimate_is_monotone() {
     for (const auto &im : data->images) stack.insert(stack.end(), im.begin(), im.end());
     int32_t st[16];
     mediane_images(16, data->w, data->h, data->w * 3, 3, 8, stack.data(), st);
-    for (int k = 0; k < 16; ++k) std::printf("bracket %2d: statistic %5d, estimated %8.4g, table %g\n", k, st[k], est[k], data->exposure[k] / data->exposure[8]);
+    for (int k = 0; k < 16; ++k)
+        std::printf("bracket %2d: statistic %5d, estimated %8.4g, table %g\n", k, st[k], est[k],
+                    data->exposure[k] / data->exposure[8]);
     for (int a = 0; a < 16; ++a)
         for (int b = 0; b < 16; ++b) {
             if (st[a] > st[b]) {

@@ -1,12 +1,11 @@
 // HDR merge against a known scene: brackets rendered through gamma 2.2, merged back, compared.
+#include <Brackvista40Lib1.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <vector>
-
-#include <Brackvista40Lib1.h>
 
 #include "test_support.hpp"
 
@@ -43,24 +42,30 @@ double weight(int v, int s) {
 struct Stack {
     int n, bits;
     double stops;
-    std::vector<double> truth;      // scene scaled so the middle bracket sits well
-    std::vector<float> exposures;   // true relative exposures, middle = 1
+    std::vector<double> truth;     // scene scaled so the middle bracket sits well
+    std::vector<float> exposures;  // true relative exposures, middle = 1
     std::vector<uint8_t> d8;
     std::vector<uint16_t> d16;
-    int sample(int k, size_t i) const { return bits == 8 ? d8[k * truth.size() + i] : d16[k * truth.size() + i]; }
-    const void *data() const { return bits == 8 ? static_cast<const void *>(d8.data()) : d16.data(); }
+    int sample(int k, size_t i) const {
+        return bits == 8 ? d8[k * truth.size() + i] : d16[k * truth.size() + i];
+    }
+    const void *data() const {
+        return bits == 8 ? static_cast<const void *>(d8.data()) : d16.data();
+    }
 };
 
 Stack render(int n, int bits, double stops) {
     Stack st{n, bits, stops, scene(), {}, {}, {}};
     const int levels = 1 << bits;
-    for (int k = 0; k < n; ++k) st.exposures.push_back(static_cast<float>(std::exp2(stops * (k - n / 2))));
+    for (int k = 0; k < n; ++k)
+        st.exposures.push_back(static_cast<float>(std::exp2(stops * (k - n / 2))));
     const size_t N = st.truth.size();
     (bits == 8 ? st.d8.resize(N * n) : st.d16.resize(N * n));
     for (int k = 0; k < n; ++k)
         for (size_t i = 0; i < N; ++i) {
             const double v = std::min(1.0, st.truth[i] * st.exposures[k]);
-            const int q = std::min(levels - 1, static_cast<int>(levels * std::pow(v, 1 / 2.2) + 0.5));
+            const int q =
+                std::min(levels - 1, static_cast<int>(levels * std::pow(v, 1 / 2.2) + 0.5));
             if (bits == 8)
                 st.d8[k * N + i] = static_cast<uint8_t>(q);
             else
@@ -74,7 +79,7 @@ struct Outcome {
     double worst_ref = 0;     // largest difference from the double-precision model
     double mean_err = 0;
     long pixels = 0;
-    std::vector<float> est;   // estimated exposures
+    std::vector<float> est;  // estimated exposures
 };
 
 float decode(const std::vector<uint8_t> &out, int x, int y, int c) {
@@ -89,13 +94,14 @@ Outcome check(const Stack &st, bool estimate) {
     std::vector<float> lut(levels), ex = st.exposures;
     std::vector<uint8_t> out(4 * W * H);
     float stats[3];
-    EXPECT_EQ(bv_hdr_merge(nullptr, 0, n, W, H, 3, -1.0f, st.bits, 0, lut.data(), ex.data(), st.data(),
-                           stats, out.data()),
+    EXPECT_EQ(bv_hdr_merge(nullptr, 0, n, W, H, 3, -1.0f, st.bits, 0, lut.data(), ex.data(),
+                           st.data(), stats, out.data()),
               H);
     // Saturation levels as the merge assigns them: 64000 darkest .. 60160 brightest.
     const double d = std::log2(st.exposures.front()), b = std::log2(st.exposures.back());
     std::vector<int> sat(n);
-    for (int k = 0; k < n; ++k) sat[k] = static_cast<int>((std::log2(st.exposures[k]) - d) / (d - b) * 3840 + 64000);
+    for (int k = 0; k < n; ++k)
+        sat[k] = static_cast<int>((std::log2(st.exposures[k]) - d) / (d - b) * 3840 + 64000);
 
     Outcome o;
     for (int y = 0; y < H; ++y)
@@ -124,7 +130,8 @@ Outcome check(const Stack &st, bool estimate) {
                 const double got = decode(out, x, y, c), truth = st.truth[p + c];
                 // Mantissa truncation costs up to 1/128 of the largest channel.
                 const double allowed = bound[c] / sw + m / 128 + 1e-6 * truth;
-                o.worst_excess = std::max(o.worst_excess, (std::fabs(got - truth) - allowed) / truth);
+                o.worst_excess =
+                    std::max(o.worst_excess, (std::fabs(got - truth) - allowed) / truth);
                 o.worst_ref = std::max(o.worst_ref, std::fabs(got - ref[c] / sw) / m);
                 o.mean_err += std::fabs(got - truth) / truth;
             }
@@ -134,8 +141,8 @@ Outcome check(const Stack &st, bool estimate) {
     if (!estimate) return o;
     // Estimated exposures for the same stack.
     o.est = std::vector<float>(n);
-    EXPECT_EQ(bv_hdr_merge(nullptr, 2, n, W, H, 3, 0.0f, st.bits, 0, lut.data(), o.est.data(), st.data(), stats,
-                           out.data()),
+    EXPECT_EQ(bv_hdr_merge(nullptr, 2, n, W, H, 3, 0.0f, st.bits, 0, lut.data(), o.est.data(),
+                           st.data(), stats, out.data()),
               H);
     return o;
 }
@@ -148,13 +155,14 @@ TEST(SyntheticMerge, MatchesTheSceneWithinQuantisation) {
             for (double stops : {1.0, 2.0, 3.0}) {
                 const Stack st = render(n, bits, stops);
                 const Outcome o = check(st, false);
-                SCOPED_TRACE(testing::Message() << bits << "-bit, " << n << " brackets, " << stops << " stops");
+                SCOPED_TRACE(testing::Message()
+                             << bits << "-bit, " << n << " brackets, " << stops << " stops");
                 EXPECT_GT(o.pixels, W * H / 3);
                 EXPECT_LE(o.worst_excess, 0.0);
                 // The merge is the weighted mean of the text, up to mantissa truncation.
                 EXPECT_LT(o.worst_ref, 1.0 / 128 + 1e-5);
-                std::printf("%2d-bit n=%d %g stops: %5ld px, mean rel err %.4f, excess %.2e\n", bits, n, stops,
-                            o.pixels, o.mean_err, o.worst_excess);
+                std::printf("%2d-bit n=%d %g stops: %5ld px, mean rel err %.4f, excess %.2e\n",
+                            bits, n, stops, o.pixels, o.mean_err, o.worst_excess);
             }
 }
 
@@ -168,8 +176,8 @@ TEST(SyntheticMerge, EstimatedExposuresPinned) {
     const Pin pins[] = {
         // Measured: the statistic is a median luma, so brackets whose median
         // sits in clipped or crushed tones are misplaced by a stop or more.
-        {8, 3, 1, 0.281}, {8, 5, 2, 1.598}, {8, 7, 1, 1.129}, {8, 9, 1, 1.542}, {8, 5, 3, 2.064},
-        {16, 3, 1, 0.244}, {16, 5, 2, 1.598}, {16, 9, 1, 1.540},
+        {8, 3, 1, 0.281}, {8, 5, 2, 1.598},  {8, 7, 1, 1.129},  {8, 9, 1, 1.542},
+        {8, 5, 3, 2.064}, {16, 3, 1, 0.244}, {16, 5, 2, 1.598}, {16, 9, 1, 1.540},
     };
     for (const Pin &pin : pins) {
         const Stack st = render(pin.n, pin.bits, pin.stops);

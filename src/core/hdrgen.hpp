@@ -28,8 +28,8 @@ int median_stats(int n, int width, int height, int rowStride, int channels, int 
 // appended in ascending index order. `work` is scratch of n ints; -4 when
 // its own scratch cannot be had, else 0.
 int order_brightest_first(int n, const int32_t *stats, int32_t *work, int32_t *order);
-int estimate_ev(int wholeStops, int n, int32_t *stats, float *result, float evStep,
-                float *table, int32_t *order, int32_t *work, float *L, float *ev);
+int estimate_ev(int wholeStops, int n, int32_t *stats, float *result, float evStep, float *table,
+                int32_t *order, int32_t *work, float *L, float *ev);
 int ascending_order(int n, const float *values, float *work, int32_t *order);
 
 // ICC profile gamma; profile holds at least 4 bytes.
@@ -39,8 +39,8 @@ int response_gamma(int n, int width, int height, int channels, int bits, const v
                    const float *exposures, float result[3]);
 
 // Merge; the arguments are checked by the exported adapter.
-int merge(bv_progress_cb cb, int mode, int n, int width, int height, int channels,
-          float evStep, int bits, int gammaGiven, float *lut, float *exposures,
-          const void *data, float stats[3], unsigned char *output);
+int merge(bv_progress_cb cb, int mode, int n, int width, int height, int channels, float evStep,
+          int bits, int gammaGiven, float *lut, float *exposures, const void *data, float stats[3],
+          unsigned char *output);
 
 }  // namespace bv::hdrgen

@@ -15,8 +15,7 @@ uint32_t be32(const unsigned char *p) {
 }
 
 bool is_trc_signature(const unsigned char *p) {
-    return (p[0] == 'r' || p[0] == 'g' || p[0] == 'b') && p[1] == 'T' && p[2] == 'R' &&
-           p[3] == 'C';
+    return (p[0] == 'r' || p[0] == 'g' || p[0] == 'b') && p[1] == 'T' && p[2] == 'R' && p[3] == 'C';
 }
 
 constexpr float kDefaultGamma = 2.2f;
@@ -138,8 +137,8 @@ int response_gamma(int n, int width, int height, int channels, int bits, const v
             s.rgb(b, kept[i], cb);
             const int la = luma_a(ca);
             // 8-bit data weighs R and B of the second image the other way round.
-            const int lb = bits == 8 ? static_cast<int>(0.6 * cb[1] + 0.1 * cb[2] + 0.3 * cb[0])
-                                     : luma_a(cb);
+            const int lb =
+                bits == 8 ? static_cast<int>(0.6 * cb[1] + 0.1 * cb[2] + 0.3 * cb[0]) : luma_a(cb);
             const bool in_range = la >= 65 && la <= 191 && lb >= 65 && lb <= 191;
             const float lr =
                 in_range ? std::log(static_cast<float>(la) / static_cast<float>(lb)) : 0.0f;
@@ -194,8 +193,7 @@ BV_API int calc_courbe(int n, int width, int height, int channels, int bitsPerSa
             !exposures || !result)
             return BV_HDR_EINVAL;
         if (bitsPerSample != 8 && bitsPerSample != 16) return BV_HDR_EDEPTH;
-        return response_gamma(n, width, height, channels, bitsPerSample, data, exposures,
-                              result);
+        return response_gamma(n, width, height, channels, bitsPerSample, data, exposures, result);
     });
 }
 

@@ -69,8 +69,7 @@ void fill_correction_table(float *table) {
         const int l0 = lv[k] << 8, l1 = lv[k + 1] << 8;
         const float slope = fac[k + 1] - fac[k];
         const float span = static_cast<float>(l1 - l0);
-        for (int i = l0; i < l1; ++i)
-            table[i] = fac[k] + static_cast<float>(i - l0) * slope / span;
+        for (int i = l0; i < l1; ++i) table[i] = fac[k] + static_cast<float>(i - l0) * slope / span;
     }
     table[65280] = 6.0f;
     // Levels above the last breakpoint give no correction at all: a pair of
@@ -139,8 +138,8 @@ int order_brightest_first(int n, const int32_t *stats, int32_t *work, int32_t *o
     return 0;
 }
 
-int estimate_ev(int wholeStops, int n, int32_t *stats, float *result, float evStep,
-                float *table, int32_t *order, int32_t *work, float *L, float *ev) {
+int estimate_ev(int wholeStops, int n, int32_t *stats, float *result, float evStep, float *table,
+                int32_t *order, int32_t *work, float *L, float *ev) {
     if (order_brightest_first(n, stats, work, order) < 0) return -4;
     const int mid = n / 2;
     if (evStep > 0.0f) {
@@ -160,13 +159,13 @@ int estimate_ev(int wholeStops, int n, int32_t *stats, float *result, float evSt
     // Each step is log2 of the neighbours' brightness ratio, stretched by the
     // correction of the level halfway between them.
     for (int i = mid + 1; i < n; ++i)
-        ev[i] = static_cast<float>(
-            ev[i - 1] - 1.442695 * table[static_cast<int>((L[i - 1] + L[i]) * 0.5)] *
-                            std::log(L[i - 1] / L[i]));
+        ev[i] = static_cast<float>(ev[i - 1] -
+                                   1.442695 * table[static_cast<int>((L[i - 1] + L[i]) * 0.5)] *
+                                       std::log(L[i - 1] / L[i]));
     for (int i = mid - 1; i >= 0; --i)
-        ev[i] = static_cast<float>(
-            ev[i + 1] - 1.442695 * table[static_cast<int>((L[i] + L[i + 1]) * 0.5)] *
-                            std::log(L[i + 1] / L[i]));
+        ev[i] = static_cast<float>(ev[i + 1] -
+                                   1.442695 * table[static_cast<int>((L[i] + L[i + 1]) * 0.5)] *
+                                       std::log(L[i + 1] / L[i]));
     if (wholeStops) {
         for (int i = 0; i < n; ++i) {
             stats[i] = order[i];
@@ -219,8 +218,9 @@ BV_API int mediane_images(int n, int width, int height, int rowStride, int chann
     return bv::c_boundary(BV_HDR_ENOMEM, BV_HDR_EINVAL, [&]() -> int {
         const int rank = static_cast<int>(0.5 * static_cast<double>(width) * height);
         if (n < 1) return rank;
-        if (!data || !stats || width < 0 || height < 0 || rowStride < 0 || channels < 1 ||
-            channels > 4)
+        // Rows narrower than their pixels would read past the n images.
+        if (!data || !stats || width < 0 || height < 0 || channels < 1 || channels > 4 ||
+            static_cast<int64_t>(rowStride) < static_cast<int64_t>(width) * channels)
             return BV_HDR_EINVAL;
         return median_stats(n, width, height, rowStride, channels, bitsPerSample, data, stats);
     });
@@ -276,8 +276,9 @@ BV_API int fClassementCroissant(int n, const float *values, int32_t *order) {
 
 BV_API int moy_image(int width, int height, int rowStride, int pixelStep, int bitsPerSample,
                      const void *data) {
+    // Samples 0..2 are read, so a pixel must have at least three.
     if ((bitsPerSample != 8 && bitsPerSample != 16) || !data || width < 1 || height < 1 ||
-        pixelStep < 1 || rowStride < 0)
+        pixelStep < 3 || rowStride < 0)
         return 0;
     const int sx = width / 50 + 1, sy = height / 50 + 1;
     uint64_t sum = 0, visited = 0;

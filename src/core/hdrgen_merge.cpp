@@ -1,5 +1,7 @@
 // Merging aligned brackets into one RGBE scanline image.
+#include <climits>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
 
 #include "core/bv_internal.hpp"
@@ -57,7 +59,9 @@ float pow2f(int k) {
     return f;
 }
 
-uint8_t exponent_byte(int e) { return static_cast<uint8_t>(e < -128 ? 0 : e > 127 ? 255 : e + 128); }
+uint8_t exponent_byte(int e) {
+    return static_cast<uint8_t>(e < -128 ? 0 : e > 127 ? 255 : e + 128);
+}
 
 // Grey pixel of luminance v; black when there is no usable luminance.
 void encode_grey(float v, uint8_t *r, uint8_t *g, uint8_t *b, uint8_t *e) {
@@ -71,102 +75,107 @@ void encode_grey(float v, uint8_t *r, uint8_t *g, uint8_t *b, uint8_t *e) {
     *e = exponent_byte(ex);
 }
 
-struct RowAcc {
-    float *r, *g, *b, *w;
-    uint16_t *saturated;
-};
-
-template <class T, int kChannels>
-void accumulate_row(const T *src, int width, int runtime_channels, const Taps &taps,
-                    const Weight *table, int sat, const float *lut, const RowAcc &acc) {
-    const int ch = kChannels > 0 ? kChannels : runtime_channels;
-    const int tr = kChannels == 3 ? 0 : taps.r, tg = kChannels == 3 ? 1 : taps.g,
-              tb = kChannels == 3 ? 2 : taps.b;
-    constexpr int sh = sizeof(T) == 2 ? 8 : 0;
-    for (int x = 0; x < width; ++x, src += ch) {
-        const unsigned r = src[tr], g = src[tg], b = src[tb];
-        // 0..65280 on the 8-bit scale: indexes the table without a shift.
-        const unsigned l = 54u * (r >> sh) + 183u * (g >> sh) + 19u * (b >> sh);
-        const Weight wt = table[l];
-        acc.w[x] += wt.w;
-        acc.saturated[x] += static_cast<int>(l) > sat;
-        acc.r[x] += lut[r] * wt.f;
-        acc.g[x] += lut[g] * wt.f;
-        acc.b[x] += lut[b] * wt.f;
-    }
-}
-
 struct Stats {
     float lo = kNoMin, hi = 0.0f;
     double sum = 0.0;
     uint64_t count = 0;
 };
 
-void finish_row(int n, int width, const RowAcc &acc, uint8_t *out, Stats &st) {
+// Output of one pixel from its weighted sums.
+inline void finish_pixel(float ar, float ag, float ab, float sw, bool all_saturated, uint8_t *pr,
+                         uint8_t *pg, uint8_t *pb, uint8_t *pe, Stats &st) {
+    if (all_saturated) {
+        *pr = *pg = *pb = *pe = 255;
+        return;
+    }
+    if (!(sw > 0.0f)) {
+        *pr = *pg = *pb = *pe = 0;
+        ++st.count;
+        return;
+    }
+    const float R = ar / sw, G = ag / sw, B = ab / sw;
+    const float Y = static_cast<float>(0.2 * R + 0.7 * G + 0.1 * B);
+    if (Y < 1e9f) {
+        st.sum += Y;
+        ++st.count;
+        if (Y > st.hi) st.hi = Y;
+    }
+    if (Y > 0.0f && Y < st.lo) st.lo = Y;
+    float m = R;
+    if (G > m) m = G;
+    if (B > m) m = B;
+    if (!(m > 1e-32f)) {
+        *pr = *pg = *pb = *pe = 0;
+    } else if (m >= 999999999.0f) {
+        *pr = *pg = *pb = *pe = 255;
+    } else {
+        const int e = frexp_exponent(m);
+        const float s = pow2f(8 - e);  // frexp mantissa * 256 / m, exactly
+        *pr = clamp_byte(R * s);
+        *pg = clamp_byte(G * s);
+        *pb = clamp_byte(B * s);
+        *pe = exponent_byte(e);
+    }
+}
+
+// One bracket's row as the merge sees it, in ascending exposure order.
+template <class T>
+struct Source {
+    const T *row;
+    const Weight *table;
+    int sat;
+};
+
+// One output row. Each pixel sums its brackets in registers, in ascending
+// exposure order; the brackets' rows are read side by side.
+template <class T, int kChannels>
+void merge_row(const Source<T> *src, int n, int width, int runtime_channels, const Taps &taps,
+               const float *lut, uint8_t *out, Stats &st) {
+    const int ch = kChannels > 0 ? kChannels : runtime_channels;
+    const int tr = kChannels == 3 ? 0 : taps.r, tg = kChannels == 3 ? 1 : taps.g,
+              tb = kChannels == 3 ? 2 : taps.b;
+    constexpr int sh = sizeof(T) == 2 ? 8 : 0;
     uint8_t *pr = out, *pg = out + width, *pb = out + 2 * width, *pe = out + 3 * width;
     for (int x = 0; x < width; ++x) {
-        if (acc.saturated[x] == n) {
-            pr[x] = pg[x] = pb[x] = pe[x] = 255;
-            continue;
+        const size_t at = static_cast<size_t>(x) * ch;
+        float ar = 0.0f, ag = 0.0f, ab = 0.0f, sw = 0.0f;
+        int saturated = 0;
+        for (int i = 0; i < n; ++i) {
+            const T *p = src[i].row + at;
+            const unsigned r = p[tr], g = p[tg], b = p[tb];
+            // 0..65280 on the 8-bit scale: indexes the table without a shift.
+            const unsigned l = 54u * (r >> sh) + 183u * (g >> sh) + 19u * (b >> sh);
+            const Weight wt = src[i].table[l];
+            sw += wt.w;
+            saturated += static_cast<int>(l) > src[i].sat;
+            ar += lut[r] * wt.f;
+            ag += lut[g] * wt.f;
+            ab += lut[b] * wt.f;
         }
-        const float sw = acc.w[x];
-        if (!(sw > 0.0f)) {
-            pr[x] = pg[x] = pb[x] = pe[x] = 0;
-            ++st.count;
-            continue;
-        }
-        const float R = acc.r[x] / sw, G = acc.g[x] / sw, B = acc.b[x] / sw;
-        const float Y = static_cast<float>(0.2 * R + 0.7 * G + 0.1 * B);
-        if (Y < 1e9f) {
-            st.sum += Y;
-            ++st.count;
-            if (Y > st.hi) st.hi = Y;
-        }
-        if (Y > 0.0f && Y < st.lo) st.lo = Y;
-        float m = R;
-        if (G > m) m = G;
-        if (B > m) m = B;
-        if (!(m > 1e-32f)) {
-            pr[x] = pg[x] = pb[x] = pe[x] = 0;
-        } else if (m >= 999999999.0f) {
-            pr[x] = pg[x] = pb[x] = pe[x] = 255;
-        } else {
-            const int e = frexp_exponent(m);
-            const float s = pow2f(8 - e);  // frexp mantissa * 256 / m, exactly
-            pr[x] = clamp_byte(R * s);
-            pg[x] = clamp_byte(G * s);
-            pb[x] = clamp_byte(B * s);
-            pe[x] = exponent_byte(e);
-        }
+        finish_pixel(ar, ag, ab, sw, saturated == n, pr + x, pg + x, pb + x, pe + x, st);
     }
 }
 
 template <class T>
-int merge_pixels(bv_progress_cb cb, int n, int width, int height, int channels,
-                 const T *data, const int32_t *order, const Weight *tables, const int32_t *sat,
-                 const float *lut, const RowAcc &acc, uint8_t *output, Stats &st) {
+int merge_pixels(bv_progress_cb cb, int n, int width, int height, int channels, const T *data,
+                 const int32_t *order, const Weight *tables, const int32_t *sat, const float *lut,
+                 Source<T> *src, uint8_t *output, Stats &st) {
     const size_t row_samples = static_cast<size_t>(width) * static_cast<size_t>(channels);
     const size_t image_samples = row_samples * static_cast<size_t>(height);
     const Taps taps = merge_taps(channels);
     const int progress_step = height / 16;
+    for (int i = 0; i < n; ++i) {
+        const int j = order[i];
+        src[i] = {data + static_cast<size_t>(j) * image_samples,
+                  tables + static_cast<size_t>(j) * kLevels, sat[j]};
+    }
     for (int y = 0; y < height; ++y) {
-        std::memset(acc.r, 0, sizeof(float) * width);
-        std::memset(acc.g, 0, sizeof(float) * width);
-        std::memset(acc.b, 0, sizeof(float) * width);
-        std::memset(acc.w, 0, sizeof(float) * width);
-        std::memset(acc.saturated, 0, sizeof(uint16_t) * width);
-        // Images in ascending exposure order, one row at a time: every pixel
-        // sums its brackets in the same order a per-pixel loop would.
-        for (int i = 0; i < n; ++i) {
-            const int j = order[i];
-            const T *src = data + static_cast<size_t>(j) * image_samples + y * row_samples;
-            const Weight *table = tables + static_cast<size_t>(j) * kLevels;
-            if (channels == 3)
-                accumulate_row<T, 3>(src, width, 3, taps, table, sat[j], lut, acc);
-            else
-                accumulate_row<T, 0>(src, width, channels, taps, table, sat[j], lut, acc);
-        }
-        finish_row(n, width, acc, output + static_cast<size_t>(y) * 4 * width, st);
+        uint8_t *out = output + static_cast<size_t>(y) * 4 * width;
+        if (channels == 3)
+            merge_row<T, 3>(src, n, width, 3, taps, lut, out, st);
+        else
+            merge_row<T, 0>(src, n, width, channels, taps, lut, out, st);
+        for (int i = 0; i < n; ++i) src[i].row += row_samples;
         const int done = y + 1;
         if (progress_step > 0 && done % progress_step == 50 &&
             !progress(cb, static_cast<float>(done) / static_cast<float>(height)))
@@ -195,9 +204,9 @@ void fill_markers(int width, int height, float lo, float hi, uint8_t *output) {
 
 }  // namespace
 
-int merge(bv_progress_cb cb, int mode, int n, int width, int height, int channels,
-          float evStep, int bits, int gammaGiven, float *lut, float *exposures,
-          const void *data, float stats[3], unsigned char *output) {
+int merge(bv_progress_cb cb, int mode, int n, int width, int height, int channels, float evStep,
+          int bits, int gammaGiven, float *lut, float *exposures, const void *data, float stats[3],
+          unsigned char *output) {
     const size_t sn = static_cast<size_t>(n);
     Scratch<int32_t> bstats(sn), order(sn), sat(sn);
     Scratch<float> wfac(sn), work(sn);
@@ -220,8 +229,7 @@ int merge(bv_progress_cb cb, int mode, int n, int width, int height, int channel
             work[j] = 1.0f;
         }
         if (n == 1 && exposures && evStep > -0.5f) exposures[0] = 1.0f;
-        if (ascending_order(n, wfac.get(), work.get(), order.get()) < 0)
-            return BV_HDR_ENOMEM;
+        if (ascending_order(n, wfac.get(), work.get(), order.get()) < 0) return BV_HDR_ENOMEM;
     } else {
         if (evStep > -0.5f) {
             median_stats(n, width, height, width * channels, channels, bits, data, bstats.get());
@@ -256,23 +264,22 @@ int merge(bv_progress_cb cb, int mode, int n, int width, int height, int channel
 
     Scratch<Weight> tables;
     if (!tables.alloc(sn * kLevels)) return BV_HDR_ENOMEM;
-    for (int j = 0; j < n; ++j) fill_weights(tables.get() + static_cast<size_t>(j) * kLevels, sat[j], wfac[j]);
+    for (int j = 0; j < n; ++j)
+        fill_weights(tables.get() + static_cast<size_t>(j) * kLevels, sat[j], wfac[j]);
 
     const size_t sw = static_cast<size_t>(width);
-    Scratch<float> accbuf(4 * sw);
-    Scratch<uint16_t> satbuf(sw);
-    if (!accbuf || !satbuf) return BV_HDR_ENOMEM;
-    const RowAcc acc{accbuf.get(), accbuf.get() + sw, accbuf.get() + 2 * sw, accbuf.get() + 3 * sw,
-                     satbuf.get()};
+    Scratch<Source<uint8_t>> src8(bits == 8 ? sn : 0);
+    Scratch<Source<uint16_t>> src16(bits == 16 ? sn : 0);
+    if (!src8 || !src16) return BV_HDR_ENOMEM;
 
     Stats st;
     int rc = height;
     if (depth_ok && bits == 8)
         rc = merge_pixels(cb, n, width, height, channels, static_cast<const uint8_t *>(data),
-                          order.get(), tables.get(), sat.get(), lut, acc, output, st);
+                          order.get(), tables.get(), sat.get(), lut, src8.get(), output, st);
     else if (depth_ok)
         rc = merge_pixels(cb, n, width, height, channels, static_cast<const uint16_t *>(data),
-                          order.get(), tables.get(), sat.get(), lut, acc, output, st);
+                          order.get(), tables.get(), sat.get(), lut, src16.get(), output, st);
     else
         std::memset(output, 0, 4 * sw * static_cast<size_t>(height));
     if (rc < 0) return rc;
@@ -302,7 +309,7 @@ extern "C" BV_API int bv_hdr_merge(bv_progress_cb progressContext, int mode, int
             return 0;
         }
         if (n < 1 || n > 65535 || width < 0 || height < 0 || channels < 1 || !lut || !data ||
-            !output)
+            !output || static_cast<int64_t>(width) * channels > INT32_MAX)
             return BV_HDR_EINVAL;
         size_t total;
         if (!bv::checked_mul(static_cast<size_t>(width), static_cast<size_t>(height), &total) ||

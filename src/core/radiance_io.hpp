@@ -1,6 +1,8 @@
 // Radiance picture files: buffered input, header parsing and the scanline encoder.
 #pragma once
 
+#include <locale.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -20,6 +22,28 @@ constexpr int kBadArguments = -203;
 // Widths above this are written as flat rows: the run-length scanline header
 // stores the width in 15 bits.
 constexpr int kMaxRleWidth = 32767;
+
+// Header numbers are always written and read with a decimal point, whatever
+// locale the host set: this switches the calling thread to the C numeric
+// locale for the scope.
+class CNumericScope {
+public:
+    CNumericScope() noexcept : c_(newlocale(LC_NUMERIC_MASK, "C", locale_t(0))) {
+        if (c_) old_ = uselocale(c_);
+    }
+    ~CNumericScope() {
+        if (c_) {
+            uselocale(old_);
+            freelocale(c_);
+        }
+    }
+    CNumericScope(const CNumericScope &) = delete;
+    CNumericScope &operator=(const CNumericScope &) = delete;
+
+private:
+    locale_t c_;
+    locale_t old_ = locale_t(0);
+};
 
 // Reads a file through one large buffer, so that scanline decoding never
 // pays a stdio call per byte. Semantics of gets() match fgets().
@@ -58,8 +82,8 @@ private:
 
 // Outcome of reading a header up to and including the resolution line.
 struct Header {
-    int lines = 0;   // header lines (pieces) read before the resolution line
-    int width = 0;   // stays 0 when the resolution line is malformed
+    int lines = 0;  // header lines (pieces) read before the resolution line
+    int width = 0;  // stays 0 when the resolution line is malformed
     int height = 0;
 };
 
@@ -89,7 +113,6 @@ size_t encode_component(const uint8_t *src, size_t n, uint8_t *out) noexcept;
 
 // Full read and subsampled preview into RGBE scanline images.
 int read_image(int width, int height, const char *path, uint8_t *out) noexcept;
-int read_preview(int width, int height, int pw, int ph, const char *path,
-                 uint8_t *out) noexcept;
+int read_preview(int width, int height, int pw, int ph, const char *path, uint8_t *out) noexcept;
 
 }  // namespace bv::radiance

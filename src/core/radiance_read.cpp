@@ -1,7 +1,6 @@
 // Radiance picture files: header probing, metadata and the scanline readers.
 #include <sys/stat.h>
 
-#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -453,8 +452,8 @@ struct DimCtx {
 void visit_primaries(const char *line, void *p) {
     auto *ctx = static_cast<DimCtx *>(p);
     float v[8];
-    if (std::sscanf(line, "PRIMARIES= %f %f %f %f %f %f %f %f", &v[0], &v[1], &v[2], &v[3],
-                    &v[4], &v[5], &v[6], &v[7]) == 8) {
+    if (std::sscanf(line, "PRIMARIES= %f %f %f %f %f %f %f %f", &v[0], &v[1], &v[2], &v[3], &v[4],
+                    &v[5], &v[6], &v[7]) == 8) {
         std::memcpy(ctx->primaries, v, sizeof v);
         ctx->dims->primariesCount = 32;
     }
@@ -472,9 +471,10 @@ BV_API int rgbe_dim(const char *path, float primaries[8], RgbeDims *dims) {
         const long size = std::ftell(f);
         if (size < 0 || std::fseek(f, 0, SEEK_SET) != 0) return -1;
         if (!in.alloc()) return -4;
-        DimCtx ctx = {{0.648431f, 0.330856f, 0.321152f, 0.597871f, 0.155886f, 0.066044f,
-                       0.3101f, 0.3162f},
-                      dims};
+        const CNumericScope numeric;
+        DimCtx ctx = {
+            {0.648431f, 0.330856f, 0.321152f, 0.597871f, 0.155886f, 0.066044f, 0.3101f, 0.3162f},
+            dims};
         Header h;
         if (read_header(in, &h, visit_primaries, &ctx) < 0) return -2;
         if (h.width <= 0 || h.height <= 0) return -3;
@@ -498,6 +498,7 @@ BV_API int extract_rgbe_exif(const char *path, exifInfo *exif) {
         if (!in) return -1;
         if (!in.alloc()) return -4;
         exif->profile = -1;
+        const CNumericScope numeric;
         Header h;
         if (read_header(in, &h, visit_exif, exif) < 0) return -1;
         // A header that "ends" inside binary data is followed by garbage, not

@@ -101,6 +101,7 @@ void appendf(std::string *s, const char *fmt, ...) {
 float ratio(int32_t num, int32_t den) { return static_cast<float>(num) / static_cast<float>(den); }
 
 std::string metadata_header(int width, int height, const exifInfo *exif, const char *profile) {
+    const CNumericScope numeric;
     std::string s = "#?RADIANCE\n";
     if (exif) {
         if (exif->camera[0] != '\0') appendf(&s, "CAMERA=%.64s\n", exif->camera);
@@ -242,17 +243,16 @@ BV_API int bv_io_rgbe_write(const char *path, int width, int height, const exifI
     });
 }
 
-BV_API int bv_write_strip_rgbe(const char *path, int k, int stripHeight, int width,
-                               int totalHeight, int ignored, const unsigned char *rgbe) {
+BV_API int bv_write_strip_rgbe(const char *path, int k, int stripHeight, int width, int totalHeight,
+                               int ignored, const unsigned char *rgbe) {
     (void)ignored;
     return bv::c_boundary(-4, -1, [&]() -> int {
         if (!path) return -1;
-        if (!rgbe || k < 0 || stripHeight < 1 || width < 1 || totalHeight < 1)
-            return kBadArguments;
+        if (!rgbe || k < 0 || stripHeight < 1 || width < 1 || totalHeight < 1) return kBadArguments;
         const int64_t first = int64_t(k) * stripHeight;
         if (first >= totalHeight) return 0;
-        const int rows = static_cast<int>(
-            totalHeight - first < stripHeight ? totalHeight - first : stripHeight);
+        const int rows =
+            static_cast<int>(totalHeight - first < stripHeight ? totalHeight - first : stripHeight);
         // Strip 0 creates the file, so a stale file never keeps old rows.
         return write_file(path, k == 0 ? "wb" : "ab", width,
                           k == 0 ? strip_header(width, totalHeight) : std::string(), rgbe, rows);

@@ -69,6 +69,39 @@ int main(void) {
         CHECK(out[3] > 0 && out[3] < 255);
     }
 
+    /* Tone mapping and colour adjustment through the C interface: records
+     * by pointer, the image description by value. */
+    {
+        TmParam tp;
+        DimParam dim;
+        LogLumStats ls;
+        float img[4 * 3], hsl[3], xyz[3];
+        const float red[3] = {1.0f, 0.0f, 0.0f};
+        unsigned char out[4 * 3];
+        int i;
+        CHECK(tmparam_default(0, 0, &tp) == 0);
+        init_dim_param(&dim);
+        dim.width = 2;
+        dim.height = 2;
+        dim.bitsIn = 32;
+        dim.sourceKind = 10;
+        for (i = 0; i < 12; ++i) img[i] = (float)(i + 1) * 0.1f;
+        memset(&ls, 0, sizeof ls);
+        ls.v[0] = -2.5f;
+        ls.v[1] = 0.2f;
+        ls.v[3] = -1.0f;
+        ls.v[4] = 0.1f;
+        CHECK(tm_simple(&tp, NULL, &ls, NULL, img, (uint16_t *)out, dim, 2) == 2);
+        CHECK(out[11] > out[0]);
+        CHECK(has_color_param(BV_CA_MODE_ALL, &tp) == 0);
+        tp.slot[BV_CA_SLOT_MASTER_SAT] = -100.0f;
+        dim.bitsOut = 8;
+        CHECK(bv_adjust_colors(1, NULL, 0, NULL, &tp, out, dim) == 2);
+        CHECK(out[0] == out[1] && out[1] == out[2]);
+        CHECK(rgb_to_hsl(red, hsl) == 1 && hsl[1] == 1.0f);
+        CHECK(kelvin2XYZ(6500.0f, xyz) == 1 && xyz[1] == 1.0f);
+    }
+
     if (failures) return 1;
     printf("public C API: all checks passed\n");
     return 0;
