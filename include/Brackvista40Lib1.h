@@ -664,7 +664,7 @@ BV_API int  slider2param(int slider, double exponent);
  *             window), followed by slot 55 region sets when regionMap is
  *             given (at most 255 are used). A set with colour slots or a
  *             non-zero slot 13 is also passed through its hue tables, whose
- *             4096 hue steps may move a channel by up to 1/1000 of the range.
+ *             4096 hue steps may move a channel by up to 0.15 % of the range.
  *   regionMap NULL, or 2 bytes per pixel: blend weight, region index
  *             (255 = none); weight 0 or index 255 gives the base result.
  *   stats     log-luminance statistics of the image (min, max, median and
