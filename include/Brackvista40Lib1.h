@@ -454,8 +454,10 @@ BV_API uint16_t floatToHalf(float f);
  * width & 255, then each component as packets). Only "-Y +X" orientation is
  * read. A flat file whose first pixel is 2, 2, b < 128 is taken for a
  * run-length file and cannot be read back; the RGBE encoders never produce
- * such a pixel (their largest mantissa is at least 128). All readers fill caller-allocated RGBE scanline
- * images and never read outside them or the file; single-threaded. */
+ * such a pixel (their largest mantissa is at least 128). All readers fill
+ * caller-allocated RGBE scanline images and never read outside them or the
+ * file; header numbers use a decimal point whatever the locale; everything
+ * here is single-threaded. */
 enum {
     BV_RAD_ERR_IO = -1,          /* cannot open, read or write; header or data ends early */
     BV_RAD_ERR_FLAT_WRITE = -2,  /* writers: a flat row could not be written */
