@@ -660,10 +660,13 @@ BV_API int  param2slider(float value, double exponent);
 BV_API int  slider2param(int slider, double exponent);
 
 /* Global tone mapping of an HDR image to 8- or 16-bit output.
- *   params    base TmParam (slots 0..4 curve, 12 temperature, 13 saturation,
- *             20..46 colour tables, 55 region-set count, 56/57 row window),
- *             followed by slot 55 region sets when regionMap is given (at
- *             most 255 are used).
+ *   params    base TmParam (slots as listed at the record: 0..4 curve, 12
+ *             temperature, 13 saturation, 20..46 colour tables as in the
+ *             colour-adjustment section, 55 region-set count, 56/57 row
+ *             window), followed by slot 55 region sets when regionMap is
+ *             given (at most 255 are used). A set with colour slots or a
+ *             non-zero slot 13 is also passed through its hue tables, whose
+ *             4096 hue steps may move a channel by up to 0.15 % of the range.
  *   regionMap NULL, or 2 bytes per pixel: blend weight, region index
  *             (255 = none); weight 0 or index 255 gives the base result.
  *   stats     log-luminance statistics of the image (min, max, median and

@@ -611,6 +611,18 @@ TEST(TmSimple, TemperatureSaturationAndColourTables) {
     auto vivid = run<uint8_t>(p, nullptr, st, img, d, 1);
     EXPECT_GT(vivid[3] - vivid[5], plain[3] - plain[5]);
 
+    // A slot 13 below one step builds neutral tables: only the 4096 hue
+    // steps show, by at most one output level.
+    p = base_params();
+    const auto varied = make_image(31, 7, 5);
+    auto untabled = run<uint8_t>(p, nullptr, st, varied, float_dim(31, 7), 1);
+    p[0].slot[13] = 0.5f;
+    auto neutral = run<uint8_t>(p, nullptr, st, varied, float_dim(31, 7), 1);
+    int worst = 0;
+    for (size_t i = 0; i < neutral.size(); ++i)
+        worst = std::max(worst, std::abs(neutral[i] - untabled[i]));
+    EXPECT_LE(worst, 1);
+
     // Desaturating every hue band through the tables gives exact greys.
     p = base_params();
     for (int b = 0; b < 8; ++b) p[0].slot[21 + 3 * b] = -100;
