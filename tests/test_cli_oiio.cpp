@@ -364,6 +364,26 @@ TEST(Cli, ExifAndIccProfileDriveExposuresGammaAndHeader) {
     ASSERT_EQ(e.code, 0) << e.err;
     EXPECT_NE(e.out.find("exposures estimated, gamma 2.4 (given)"), std::string::npos) << e.out;
 
+    // 16-bit TIFF brackets merge at 16 bits; grey ones are spread to RGB.
+    for (int k = 0; k < 2; ++k) {
+        auto out = OIIO::ImageOutput::create("tiff");
+        OIIO::ImageSpec spec(40, 30, 1, OIIO::TypeDesc::UINT16);
+        std::vector<uint16_t> px(40 * 30);
+        for (size_t i = 0; i < px.size(); ++i) px[i] = static_cast<uint16_t>((i * 50 + 2000) << k);
+        ASSERT_TRUE(out->open(dir + "/grey" + std::to_string(k) + ".tif", spec));
+        ASSERT_TRUE(out->write_image(OIIO::TypeDesc::UINT16, px.data()));
+        ASSERT_TRUE(out->close());
+    }
+    Result g = run({"merge", "-o", dir + "/g.hdr", "-e", "1,2", dir + "/grey0.tif", dir + "/grey1.tif"});
+    ASSERT_EQ(g.code, 0) << g.err;
+    EXPECT_NE(g.out.find("of 40x30 (16-bit)"), std::string::npos) << g.out;
+    Image grey;
+    ASSERT_TRUE(read_image(dir + "/g.hdr", &grey));
+    for (size_t i = 0; i < grey.px.size(); i += 3) {
+        ASSERT_EQ(grey.px[i], grey.px[i + 1]);
+        ASSERT_EQ(grey.px[i], grey.px[i + 2]);
+    }
+
     std::vector<uint8_t> adobe;
     if (bvtest::read_file("/usr/share/color/icc/compatibleWithAdobeRGB1998.icc", &adobe)) {
         write_jpeg_bracket(dark, 0.25f, 0.01f, adobe);
