@@ -409,6 +409,7 @@ TEST(Cli, BadInputFailsOnOneLineAndLeavesNothing) {
     ASSERT_TRUE(bvtest::read_file(b, &whole));
     const std::string cut = dir + "/cut.png";
     ASSERT_TRUE(bvtest::write_file(cut, whole.data(), whole.size() / 2));
+    fs::create_directories(dir + "/folder.hdr");
     const auto before = names_in(dir);
 
     struct Case {
@@ -423,6 +424,7 @@ TEST(Cli, BadInputFailsOnOneLineAndLeavesNothing) {
         {{"merge", "-o", out, tiny, tiny}, "is 1x1, too small"},
         {{"merge", "-o", text + "/out.hdr", a, b}, "cannot write"},
         {{"merge", "-o", dir + "/no/such/dir/out.hdr", a, b}, "cannot write"},
+        {{"merge", "-o", dir + "/folder.hdr", a, b}, "it is a folder"},
         {{"merge", "-o", out, "--exposures", dir + "/none.txt", a, b}, "cannot open exposures file"},
         {{"merge", "-o", out, "--exposures", "1,2,3", a, b}, "3 values for 2 brackets"},
         {{"demo", "-o", dir + "/demo", dir + "/none"}, "not a folder"},

@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "cli.hpp"
@@ -127,6 +128,9 @@ std::string extension_of(const std::string &path) {
 
 OutputFile::OutputFile(const std::string &path) : path_(path) {
     if (path.empty() || path.back() == '/') fail("output path '" + path + "' names no file");
+    struct stat st;
+    if (stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
+        fail("cannot write '" + path + "': it is a folder");
     size_t slash = path.find_last_of('/');
     std::string dir = slash == std::string::npos ? "" : path.substr(0, slash + 1);
     std::string base = slash == std::string::npos ? path : path.substr(slash + 1);

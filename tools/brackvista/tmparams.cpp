@@ -46,7 +46,7 @@ const std::vector<TmOption> &tonemap_options() {
 }
 
 void add_tonemap_options(std::vector<OptionSpec> &specs) {
-    // Help strings must outlive the spec list; a deque never moves its items.
+    // Help strings must outlive the option list; a deque never moves its items.
     static std::deque<std::string> texts;
     TmParam defaults = lib::tonemap_defaults();
     for (const auto &o : tonemap_options()) {
