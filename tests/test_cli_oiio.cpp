@@ -507,6 +507,15 @@ TEST(Cli, DemoOnBuiltInSceneAndOnItsBrackets) {
     std::printf("largest exposure error: %.2f stops\n", worst);
     EXPECT_LT(worst, 1.5);
 
+    // The merged radiance follows the true scene closely.
+    at = r.out.find("median deviation ");
+    ASSERT_NE(at, std::string::npos) << r.out;
+    double deviation = std::atof(r.out.c_str() + at + 17);
+    double within = std::atof(r.out.c_str() + r.out.find("stops, ", at) + 7);
+    std::printf("merged vs truth: median %.3f stops, %.1f%% within 1/4 stop\n", deviation, within);
+    EXPECT_LT(deviation, 0.2);
+    EXPECT_GT(within, 70.0);
+
     std::string cv = opencv_view(d + "/merged.hdr");
     if (!cv.empty()) {
         EXPECT_EQ(cv.rfind("384 256 1 ", 0), 0u) << cv;

@@ -104,6 +104,13 @@ std::vector<uint8_t> read_radiance(const std::string &path, int width, int heigh
     fail("'" + path + "' has damaged pixel data (" + code_text(rc) + ")");
 }
 
+std::vector<float> rgbe_to_float(int width, int height, const std::vector<uint8_t> &rgbe) {
+    std::vector<float> rgb(static_cast<size_t>(width) * height * 3);
+    int rc = rgbe2fp(width, height, width * 3, 0, 0, rgbe.data(), rgb.data(), 1.0f);
+    if (rc != height) fail("cannot decode the HDR image (" + code_text(rc) + ")");
+    return rgb;
+}
+
 namespace {
 LogLumStats run_stats(int width, int height, const void *data, bool is_float) {
     float table[256];

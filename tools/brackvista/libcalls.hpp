@@ -44,6 +44,9 @@ struct RadianceHeader {
 RadianceHeader read_radiance_header(const std::string &path);
 std::vector<uint8_t> read_radiance(const std::string &path, int width, int height);
 
+// Decodes an RGBE scanline image to float RGB.
+std::vector<float> rgbe_to_float(int width, int height, const std::vector<uint8_t> &rgbe);
+
 // Log-luminance statistics of an RGBE scanline image or a float RGB image.
 LogLumStats stats_rgbe(int width, int height, const std::vector<uint8_t> &rgbe);
 LogLumStats stats_float(int width, int height, const std::vector<float> &rgb);
