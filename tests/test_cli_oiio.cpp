@@ -1,22 +1,21 @@
 // End-to-end tests of the brackvista tool: real brackets, the built-in scene,
 // outputs checked with OpenImageIO and an independent reader, bad input.
-#include <gtest/gtest.h>
-
 #include <OpenImageIO/imageio.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <future>
 #include <cmath>
-#include <cstring>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -36,7 +35,8 @@ const char *kTool = nullptr;
 #endif
 
 #define REQUIRE_TOOL() \
-    if (!kTool) GTEST_SKIP() << "the brackvista tool is not built (BV_BUILD_CLI=OFF or no OpenImageIO)"
+    if (!kTool)        \
+    GTEST_SKIP() << "the brackvista tool is not built (BV_BUILD_CLI=OFF or no OpenImageIO)"
 
 struct Result {
     int code = -1;
@@ -65,8 +65,10 @@ Result run(const std::vector<std::string> &args, const std::string &cwd = "") {
     std::string cmd = cwd.empty() ? "" : "cd " + quote(cwd) + " && ";
     // Only sanitizer builds read these: a leak inside OpenImageIO's PNG
     // reader is not ours to fix (full stacks are needed to match it).
-    cmd += "ASAN_OPTIONS=\"${ASAN_OPTIONS:-}:fast_unwind_on_malloc=0\" LSAN_OPTIONS=print_suppressions=0:suppressions=" +
-           quote(fs::absolute("tests/data/sanitizer/openimageio-leaks.supp").string()) + " ";
+    cmd +=
+        "ASAN_OPTIONS=\"${ASAN_OPTIONS:-}:fast_unwind_on_malloc=0\" "
+        "LSAN_OPTIONS=print_suppressions=0:suppressions=" +
+        quote(fs::absolute("tests/data/sanitizer/openimageio-leaks.supp").string()) + " ";
     cmd += quote(kTool);
     for (const auto &a : args) cmd += " " + quote(a);
     cmd += " >" + quote(base + ".out") + " 2>" + quote(base + ".err");
@@ -147,7 +149,8 @@ TEST(Cli, CommandLineAndHelp) {
     EXPECT_EQ(help.code, 0);
     std::vector<std::future<Result>> helps;
     for (const char *c : {"merge", "tonemap", "info", "demo"})
-        helps.push_back(std::async(std::launch::async, run, std::vector<std::string>{c, "--help"}, ""));
+        helps.push_back(
+            std::async(std::launch::async, run, std::vector<std::string>{c, "--help"}, ""));
     int k = 0;
     for (const char *c : {"merge", "tonemap", "info", "demo"}) {
         EXPECT_NE(help.out.find(c), std::string::npos) << c;
@@ -167,10 +170,12 @@ TEST(Cli, CommandLineAndHelp) {
         {{"frobnicate"}, "unknown command 'frobnicate'"},
         {{"merge", "--frob", "a.png"}, "unknown option '--frob'"},
         {{"merge", "-o"}, "needs a value"},
-        {{"merge", "-o", "x.hdr", "--threads", "many", "a.png", "b.png"}, "--threads must be a number"},
+        {{"merge", "-o", "x.hdr", "--threads", "many", "a.png", "b.png"},
+         "--threads must be a number"},
         {{"merge", "a.png", "b.png"}, "no output file"},
         {{"merge", "-o", "x.png", "a.png", "b.png"}, "use .hdr"},
-        {{"tonemap", "in.hdr", "-o", "x.png", "--brightness", "11"}, "--brightness must lie in -10..10"},
+        {{"tonemap", "in.hdr", "-o", "x.png", "--brightness", "11"},
+         "--brightness must lie in -10..10"},
         {{"tonemap", "in.hdr", "-o", "x.jpg", "--bits", "16"}, "JPEG pictures are 8-bit"},
         {{"tonemap", "in.hdr", "-o", "x.png", "--saturation", "1.5"}, "whole steps"},
         {{"demo", "--size", "8x8"}, "--size must be WxH"},
@@ -302,12 +307,12 @@ std::vector<uint8_t> gamma_profile(uint8_t whole, uint8_t frac) {
     be32(0, static_cast<uint32_t>(p.size()));
     std::memcpy(&p[12], "mntrRGB XYZ ", 12);
     std::memcpy(&p[36], "acsp", 4);
-    be32(128, 1);                      // one tag
+    be32(128, 1);  // one tag
     std::memcpy(&p[132], "rTRC", 4);
-    be32(136, 144);                    // its data offset
+    be32(136, 144);  // its data offset
     be32(140, 14);
     std::memcpy(&p[144], "curv", 4);
-    be32(152, 1);                      // one entry: a pure gamma
+    be32(152, 1);  // one entry: a pure gamma
     p[156] = whole;
     p[157] = frac;
     return p;
@@ -374,7 +379,8 @@ TEST(Cli, ExifAndIccProfileDriveExposuresGammaAndHeader) {
         ASSERT_TRUE(out->write_image(OIIO::TypeDesc::UINT16, px.data()));
         ASSERT_TRUE(out->close());
     }
-    Result g = run({"merge", "-o", dir + "/g.hdr", "-e", "1,2", dir + "/grey0.tif", dir + "/grey1.tif"});
+    Result g =
+        run({"merge", "-o", dir + "/g.hdr", "-e", "1,2", dir + "/grey0.tif", dir + "/grey1.tif"});
     ASSERT_EQ(g.code, 0) << g.err;
     EXPECT_NE(g.out.find("of 40x30 (16-bit)"), std::string::npos) << g.out;
     Image grey;
@@ -391,7 +397,8 @@ TEST(Cli, ExifAndIccProfileDriveExposuresGammaAndHeader) {
         Result a = run({"merge", "-o", dir + "/c.hdr", dark, bright});
         ASSERT_EQ(a.code, 0) << a.err;
         EXPECT_NE(a.out.find("gamma 2.2 (ICC profile)"), std::string::npos) << a.out;
-        EXPECT_NE(slurp(dir + "/c.hdr").find("\nICC_PROFILE=Adobe RGB (1998)\n"), std::string::npos);
+        EXPECT_NE(slurp(dir + "/c.hdr").find("\nICC_PROFILE=Adobe RGB (1998)\n"),
+                  std::string::npos);
     }
 }
 
@@ -425,7 +432,8 @@ TEST(Cli, BadInputFailsOnOneLineAndLeavesNothing) {
         {{"merge", "-o", text + "/out.hdr", a, b}, "cannot write"},
         {{"merge", "-o", dir + "/no/such/dir/out.hdr", a, b}, "cannot write"},
         {{"merge", "-o", dir + "/folder.hdr", a, b}, "it is a folder"},
-        {{"merge", "-o", out, "--exposures", dir + "/none.txt", a, b}, "cannot open exposures file"},
+        {{"merge", "-o", out, "--exposures", dir + "/none.txt", a, b},
+         "cannot open exposures file"},
         {{"merge", "-o", out, "--exposures", "1,2,3", a, b}, "3 values for 2 brackets"},
         {{"demo", "-o", dir + "/demo", dir + "/none"}, "not a folder"},
         {{"tonemap", dir + "/none.hdr", "-o", dir + "/out.png"}, "none.hdr"},
@@ -554,9 +562,12 @@ TEST(Cli, CtrlCCancelsAndRemovesPartialOutput) {
     int status = 0;
     bool exited = false;
     for (int waited = 0; waited < 600 && !exited; ++waited) {
-        if (waitpid(pid, &status, WNOHANG) == pid) exited = true;
-        else if (fs::exists(out_dir)) break;
-        else usleep(50 * 1000);
+        if (waitpid(pid, &status, WNOHANG) == pid)
+            exited = true;
+        else if (fs::exists(out_dir))
+            break;
+        else
+            usleep(50 * 1000);
     }
     if (!exited) {
         usleep(200 * 1000);
@@ -568,8 +579,7 @@ TEST(Cli, CtrlCCancelsAndRemovesPartialOutput) {
     EXPECT_EQ(code, 130);
     if (fs::exists(out_dir)) {
         for (const auto &e : fs::recursive_directory_iterator(out_dir))
-            EXPECT_EQ(e.path().filename().string().find(".part"), std::string::npos)
-                << e.path();
+            EXPECT_EQ(e.path().filename().string().find(".part"), std::string::npos) << e.path();
     }
 }
 

@@ -93,7 +93,8 @@ double Args::number(const std::string &name, double fallback, double lo, double 
 int Args::integer(const std::string &name, int fallback, int lo, int hi) const {
     if (!has(name)) return fallback;
     double v = parse_number(str(name), "--" + name, lo, hi);
-    if (v != std::floor(v)) usage_error("--" + name + " must be a whole number (got " + str(name) + ")");
+    if (v != std::floor(v))
+        usage_error("--" + name + " must be a whole number (got " + str(name) + ")");
     return static_cast<int>(v);
 }
 
@@ -127,7 +128,8 @@ namespace bvcli {
 void add_common_options(std::vector<OptionSpec> &specs) {
     specs.push_back({"threads", 'j', "N", "worker threads (default: one per core)"});
     specs.push_back({"quiet", 'q', nullptr, "print nothing but errors"});
-    specs.push_back({"progress", 0, nullptr, "draw the progress bar even when stderr is not a terminal"});
+    specs.push_back(
+        {"progress", 0, nullptr, "draw the progress bar even when stderr is not a terminal"});
     specs.push_back({"help", 'h', nullptr, "show this help"});
 }
 

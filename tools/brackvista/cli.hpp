@@ -19,14 +19,14 @@ struct Failure : std::runtime_error {
         : std::runtime_error(message), code(exit_code) {}
     int code;
 };
-[[noreturn]] void fail(const std::string &message);        // kFailed
-[[noreturn]] void usage_error(const std::string &message); // kUsage
+[[noreturn]] void fail(const std::string &message);         // kFailed
+[[noreturn]] void usage_error(const std::string &message);  // kUsage
 
 // One option a subcommand accepts. Values are strings; typed getters check them.
 struct OptionSpec {
-    const char *name;      // long name without dashes
-    char short_name;       // 0 = none
-    const char *value;     // value placeholder for help, nullptr = flag
+    const char *name;   // long name without dashes
+    char short_name;    // 0 = none
+    const char *value;  // value placeholder for help, nullptr = flag
     const char *help;
 };
 

@@ -3,8 +3,8 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdarg>
 #include <cmath>
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <functional>
@@ -27,10 +27,10 @@ struct Demo {
     int threads = 1;
     bool quiet = false;
 
-    FloatImage scene;             // built-in only
+    FloatImage scene;  // built-in only
     BracketSet set;
     std::vector<std::string> names;
-    std::vector<float> truth;     // reference exposures, empty when unknown
+    std::vector<float> truth;  // reference exposures, empty when unknown
     std::string truth_source;
     std::vector<float> estimated;
     HdrImage hdr;
@@ -120,15 +120,19 @@ void step_brackets(Demo &d) {
         d.names.push_back(name);
         bar.update(static_cast<float>(k + 1) / d.set.info.size());
     }
-    d.say(format("scene: built-in interior with a sunlit window, %dx%d, %.1f stops of dynamic range",
-                 d.width, d.height, dynamic_range_stops(d.scene)));
-    d.say(format("brackets: %zu exposures 2 stops apart through an sRGB camera curve with noise "
-                 "(seed %llu)", d.set.info.size(), static_cast<unsigned long long>(d.seed)));
+    d.say(
+        format("scene: built-in interior with a sunlit window, %dx%d, %.1f stops of dynamic range",
+               d.width, d.height, dynamic_range_stops(d.scene)));
+    d.say(
+        format("brackets: %zu exposures 2 stops apart through an sRGB camera curve with noise "
+               "(seed %llu)",
+               d.set.info.size(), static_cast<unsigned long long>(d.seed)));
 }
 
 void step_exposures(Demo &d) {
     const int n = static_cast<int>(d.set.info.size());
-    d.estimated = lib::estimate_exposures(n, d.set.width, d.set.height, d.set.bits, d.set.data.data());
+    d.estimated =
+        lib::estimate_exposures(n, d.set.width, d.set.height, d.set.bits, d.set.data.data());
     // Compare in stops relative to the bracket the estimate calls 1.
     size_t ref = 0;
     for (size_t k = 1; k < d.estimated.size(); ++k)
@@ -160,7 +164,8 @@ void compare_with_truth(Demo &d) {
     stops.reserve(rgb.size() / 3);
     for (size_t i = 0; i + 2 < rgb.size(); i += 3) {
         double m = 0.2126 * rgb[i] + 0.7152 * rgb[i + 1] + 0.0722 * rgb[i + 2];
-        double t = 0.2126 * d.scene.rgb[i] + 0.7152 * d.scene.rgb[i + 1] + 0.0722 * d.scene.rgb[i + 2];
+        double t =
+            0.2126 * d.scene.rgb[i] + 0.7152 * d.scene.rgb[i + 1] + 0.0722 * d.scene.rgb[i + 2];
         if (m > 0 && t > 0) stops.push_back(std::log2(m / t));
     }
     if (stops.empty()) return;
@@ -174,9 +179,10 @@ void compare_with_truth(Demo &d) {
         s = std::fabs(s - scale);
         if (s <= 0.25) ++close;
     }
-    d.say(format("merged against the true scene (one global scale): median deviation %.3f stops, "
-                 "%.1f%% of pixels within a quarter stop",
-                 median(stops), 100.0 * close / stops.size()));
+    d.say(
+        format("merged against the true scene (one global scale): median deviation %.3f stops, "
+               "%.1f%% of pixels within a quarter stop",
+               median(stops), 100.0 * close / stops.size()));
 }
 
 void step_merge(Demo &d) {
@@ -192,11 +198,12 @@ void step_merge(Demo &d) {
     save_hdr(tif_out, d.hdr);
     d.wrote("merged.tif");
     LogLumStats s = hdr_stats(d.hdr);
-    d.say(format("merged HDR: %.1f stops from the darkest to the brightest pixel "
-                 "(median to 99.5%%: %.1f stops), gamma %.3g (%s)",
-                 (s.v[BV_LLS_MAX] - s.v[BV_LLS_MIN]) / std::log(2.0),
-                 (s.v[BV_LLS_P995] - s.v[BV_LLS_MEDIAN]) / std::log(2.0), d.merge.gamma,
-                 d.merge.gamma_source.c_str()));
+    d.say(
+        format("merged HDR: %.1f stops from the darkest to the brightest pixel "
+               "(median to 99.5%%: %.1f stops), gamma %.3g (%s)",
+               (s.v[BV_LLS_MAX] - s.v[BV_LLS_MIN]) / std::log(2.0),
+               (s.v[BV_LLS_P995] - s.v[BV_LLS_MEDIAN]) / std::log(2.0), d.merge.gamma,
+               d.merge.gamma_source.c_str()));
     if (!d.scene.rgb.empty()) compare_with_truth(d);
 }
 

@@ -23,7 +23,8 @@ void print_exif(const exifInfo &e) {
     if (e.camera[0]) std::printf("  %-14s %.*s\n", "camera", 64, e.camera);
     if (e.capDate[0]) std::printf("  %-14s %.*s\n", "captured", 20, e.capDate);
     static const char *kProfiles[] = {"sRGB", "Adobe RGB", "ProPhoto RGB"};
-    if (e.profile >= 0 && e.profile <= 2) std::printf("  %-14s %s\n", "profile", kProfiles[e.profile]);
+    if (e.profile >= 0 && e.profile <= 2)
+        std::printf("  %-14s %s\n", "profile", kProfiles[e.profile]);
     print_rational("exposure time", " s", e.exposureNum, e.exposureDen, true);
     print_rational("f-number", "", e.fNumberNum, e.fNumberDen, false);
     if (e.iso > 0) std::printf("  %-14s %d\n", "ISO", e.iso);

@@ -14,7 +14,8 @@ std::vector<OptionSpec> merge_options() {
     std::vector<OptionSpec> s = {
         {"output", 'o', "FILE", "HDR file to write: .hdr (Radiance) or .tif (32-bit float TIFF)"},
         {"exposures", 'e', "LIST|FILE",
-         "relative exposures: comma-separated, one per bracket, or a file of 'name exposure' lines"},
+         "relative exposures: comma-separated, one per bracket, or a file of 'name exposure' "
+         "lines"},
         {"ev-step", 0, "STOPS", "brackets are evenly spaced this many stops apart (0.1..10)"},
         {"estimate", 0, nullptr, "estimate exposures from the pixels even when EXIF has them"},
         {"gamma", 'g', "G", "response curve exponent (0.2..5; default: ICC profile, else 2.2)"},
@@ -37,14 +38,15 @@ int run_merge(int argc, char **argv) {
     const auto specs = merge_options();
     Args args(specs, argc, argv);
     if (args.help()) {
-        print_help("brackvista merge [options] -o OUT.hdr BRACKET BRACKET...",
-                   "Merges bracketed exposures of one scene (JPEG, PNG, 8/16-bit TIFF or camera\n"
-                   "raw, all the same size) into an HDR image. Exposures come from --exposures,\n"
-                   "--ev-step, the files' EXIF (exposure time, f-number, ISO), or are estimated\n"
-                   "from the pixels, in that order. The middle bracket's camera metadata goes\n"
-                   "into the Radiance header.",
-                   specs,
-                   "example:\n  brackvista merge -o church.hdr --exposures memorial/exposures.txt\n");
+        print_help(
+            "brackvista merge [options] -o OUT.hdr BRACKET BRACKET...",
+            "Merges bracketed exposures of one scene (JPEG, PNG, 8/16-bit TIFF or camera\n"
+            "raw, all the same size) into an HDR image. Exposures come from --exposures,\n"
+            "--ev-step, the files' EXIF (exposure time, f-number, ISO), or are estimated\n"
+            "from the pixels, in that order. The middle bracket's camera metadata goes\n"
+            "into the Radiance header.",
+            specs,
+            "example:\n  brackvista merge -o church.hdr --exposures memorial/exposures.txt\n");
         return kOk;
     }
     const int threads = apply_common_options(args);

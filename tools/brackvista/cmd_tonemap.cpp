@@ -21,7 +21,9 @@ int run_tonemap(int argc, char **argv) {
                    "Renders an HDR image (Radiance .hdr, or .exr / float .tif through\n"
                    "OpenImageIO) into a picture with the library's simple global tone mapper.\n"
                    "Every parameter starts at the library's default.",
-                   specs, "example:\n  brackvista tonemap church.hdr -o church.png --brightness 2 --saturation 1\n");
+                   specs,
+                   "example:\n  brackvista tonemap church.hdr -o church.png --brightness 2 "
+                   "--saturation 1\n");
         return kOk;
     }
     const int threads = apply_common_options(args);

@@ -2,16 +2,16 @@
 #include "imageio.hpp"
 
 #include <OpenImageIO/imageio.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
-#include <cstring>
 #include <cstdio>
-#include <dirent.h>
-#include <fcntl.h>
-#include <unistd.h>
-#include <sys/stat.h>
+#include <cstring>
 
 #include "cli.hpp"
 #include "progress.hpp"
@@ -68,7 +68,8 @@ std::unique_ptr<oiio::ImageInput> open_input(const std::string &path) {
     auto in = oiio::ImageInput::open(path);
     if (!in) {
         std::string why = one_line(oiio::geterror());
-        fail("'" + path + "' is not an image that can be read" + (why.empty() ? "" : " (" + why + ")"));
+        fail("'" + path + "' is not an image that can be read" +
+             (why.empty() ? "" : " (" + why + ")"));
     }
     return in;
 }
@@ -129,8 +130,9 @@ BracketInfo probe_bracket(const std::string &path) {
     std::string model = spec.get_string_attribute("Model");
     if (!make.empty() && model.rfind(make, 0) != 0) model = make + " " + model;
     copy_text(e.camera, sizeof e.camera, model);
-    copy_text(e.capDate, sizeof e.capDate,
-              spec.get_string_attribute("Exif:DateTimeOriginal", spec.get_string_attribute("DateTime")));
+    copy_text(
+        e.capDate, sizeof e.capDate,
+        spec.get_string_attribute("Exif:DateTimeOriginal", spec.get_string_attribute("DateTime")));
     e.profile = 0;
     b.profile_name = "sRGB";
     if (!b.icc.empty()) {
@@ -215,13 +217,17 @@ void write_picture(const std::string &path, const std::string &shown, const std:
                    int width, int height, int bits, const void *pixels, const exifInfo *meta) {
     auto out = oiio::ImageOutput::create(format_ext == ".tif" ? "tiff" : format_ext.substr(1));
     if (!out) fail("cannot write '" + shown + "': no writer for " + format_ext + " files");
-    oiio::ImageSpec spec(width, height, 3, bits == 16 ? oiio::TypeDesc::UINT16 : oiio::TypeDesc::UINT8);
+    oiio::ImageSpec spec(width, height, 3,
+                         bits == 16 ? oiio::TypeDesc::UINT16 : oiio::TypeDesc::UINT8);
     if (format_ext == ".jpg" || format_ext == ".jpeg") spec.attribute("Compression", "jpeg:95");
     if (meta) {
-        if (meta->camera[0]) spec.attribute("Model", std::string(meta->camera, strnlen(meta->camera, 64)));
-        if (meta->capDate[0]) spec.attribute("DateTime", std::string(meta->capDate, strnlen(meta->capDate, 20)));
+        if (meta->camera[0])
+            spec.attribute("Model", std::string(meta->camera, strnlen(meta->camera, 64)));
+        if (meta->capDate[0])
+            spec.attribute("DateTime", std::string(meta->capDate, strnlen(meta->capDate, 20)));
         if (meta->exposureNum > 0 && meta->exposureDen > 0)
-            spec.attribute("ExposureTime", static_cast<float>(meta->exposureNum) / meta->exposureDen);
+            spec.attribute("ExposureTime",
+                           static_cast<float>(meta->exposureNum) / meta->exposureDen);
         if (meta->fNumberNum > 0 && meta->fNumberDen > 0)
             spec.attribute("FNumber", static_cast<float>(meta->fNumberNum) / meta->fNumberDen);
         if (meta->iso > 0) spec.attribute("Exif:PhotographicSensitivity", meta->iso);
@@ -275,8 +281,8 @@ bool is_directory(const std::string &path) {
 }
 
 std::vector<std::string> list_images(const std::string &folder) {
-    static const char *kExt[] = {".jpg", ".jpeg", ".png", ".tif", ".tiff", ".cr2", ".cr3",
-                                 ".nef", ".arw", ".dng", ".orf", ".rw2", ".raf", ".pef", ".srw"};
+    static const char *kExt[] = {".jpg", ".jpeg", ".png", ".tif", ".tiff", ".cr2", ".cr3", ".nef",
+                                 ".arw", ".dng",  ".orf", ".rw2", ".raf",  ".pef", ".srw"};
     std::vector<std::string> files;
     DIR *d = opendir(folder.c_str());
     if (!d) fail("cannot open folder '" + folder + "': " + std::strerror(errno));

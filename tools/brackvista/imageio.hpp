@@ -1,11 +1,11 @@
 // Image files through OpenImageIO: brackets with their camera metadata, pictures out.
 #pragma once
 
+#include <Brackvista40Lib1.h>
+
 #include <cstdint>
 #include <string>
 #include <vector>
-
-#include <Brackvista40Lib1.h>
 
 namespace bvcli {
 
@@ -13,14 +13,14 @@ namespace bvcli {
 struct BracketInfo {
     std::string path;
     int width = 0, height = 0, channels = 0;
-    int bits = 8;                   // 8, or 16 for anything deeper
-    double exposure_time = 0;       // seconds, 0 unknown
-    double fnumber = 0;             // 0 unknown
-    int iso = 0;                    // 0 unknown
-    std::vector<uint8_t> icc;       // embedded ICC profile, empty if none
-    bool linear = false;            // decoder delivers linear values (camera raw)
-    exifInfo exif{};                // camera metadata in the library's record
-    std::string profile_name;       // "sRGB", "Adobe RGB (1998)", ... or ""
+    int bits = 8;              // 8, or 16 for anything deeper
+    double exposure_time = 0;  // seconds, 0 unknown
+    double fnumber = 0;        // 0 unknown
+    int iso = 0;               // 0 unknown
+    std::vector<uint8_t> icc;  // embedded ICC profile, empty if none
+    bool linear = false;       // decoder delivers linear values (camera raw)
+    exifInfo exif{};           // camera metadata in the library's record
+    std::string profile_name;  // "sRGB", "Adobe RGB (1998)", ... or ""
 };
 
 // Brackets decoded to 3 interleaved channels, back to back, one bit depth.

@@ -89,14 +89,16 @@ RadianceHeader read_radiance_header(const std::string &path) {
     h.header_lines = rc;
     h.has_primaries = dims.primariesCount > 0;
     h.exif.profile = -1;
-    if (extract_rgbe_exif(path.c_str(), &h.exif) < 0) fail("cannot read the header of '" + path + "'");
+    if (extract_rgbe_exif(path.c_str(), &h.exif) < 0)
+        fail("cannot read the header of '" + path + "'");
     return h;
 }
 
 std::vector<uint8_t> read_radiance(const std::string &path, int width, int height) {
     const size_t bytes = static_cast<size_t>(width) * height * 4;
     if (bytes / 4 / width != static_cast<size_t>(height) || bytes > (size_t(1) << 34))
-        fail("'" + path + "' is too large (" + std::to_string(width) + "x" + std::to_string(height) + ")");
+        fail("'" + path + "' is too large (" + std::to_string(width) + "x" +
+             std::to_string(height) + ")");
     std::vector<uint8_t> rgbe(bytes);
     int rc = bv_io_read_rgbe(width, height, path.c_str(), rgbe.data());
     if (rc == height) return rgbe;

@@ -1,12 +1,12 @@
 // The library calls the tool makes, each turning a negative code into a message.
 #pragma once
 
+#include <Brackvista40Lib1.h>
+
 #include <array>
 #include <cstdint>
 #include <string>
 #include <vector>
-
-#include <Brackvista40Lib1.h>
 
 namespace bvcli {
 namespace lib {

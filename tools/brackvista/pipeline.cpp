@@ -3,9 +3,9 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <map>
 #include <sstream>
@@ -61,8 +61,8 @@ void parse_exposures(const std::string &arg, std::vector<std::string> &inputs,
         char *end = nullptr;
         double v = std::strtod(value.c_str(), &end);
         if (*end || !(v > 0) || !std::isfinite(v))
-            fail("exposures file '" + arg + "' line " + std::to_string(line_no) +
-                 ": exposure '" + value + "' is not a positive number");
+            fail("exposures file '" + arg + "' line " + std::to_string(line_no) + ": exposure '" +
+                 value + "' is not a positive number");
         by_name[name] = static_cast<float>(v);
         order.push_back(name);
     }

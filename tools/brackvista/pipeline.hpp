@@ -1,10 +1,10 @@
 // The workflow steps shared by merge, tonemap, info and demo.
 #pragma once
 
+#include <Brackvista40Lib1.h>
+
 #include <string>
 #include <vector>
-
-#include <Brackvista40Lib1.h>
 
 #include "imageio.hpp"
 #include "progress.hpp"
@@ -33,16 +33,16 @@ struct HdrImage {
     std::vector<float> rgb;     // float RGB image when is_float
     exifInfo exif{};
     bool has_exif = false;
-    std::string profile;        // colour profile name for the header
+    std::string profile;  // colour profile name for the header
 };
 
 struct MergeReport {
     std::vector<float> exposures;  // per bracket, as merged
     std::string exposure_source;   // "given", "EXIF", "fixed spacing", "estimated"
     float gamma = 2.2f;
-    std::string gamma_source;      // "ICC profile", "default", "given", "raw decoder"
-    float stats[3] = {};           // min, max, mean luminance x 256
-    int middle = 0;                // bracket whose metadata went into the header
+    std::string gamma_source;  // "ICC profile", "default", "given", "raw decoder"
+    float stats[3] = {};       // min, max, mean luminance x 256
+    int middle = 0;            // bracket whose metadata went into the header
 };
 
 // Merges decoded brackets; the middle bracket's metadata goes to the header.

@@ -1,14 +1,15 @@
 // Progress bar, interrupt handling and atomic outputs.
 #include "progress.hpp"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "cli.hpp"
 

@@ -19,7 +19,8 @@ uint64_t mix(uint64_t z) {
     return z ^ (z >> 31);
 }
 double hash01(int64_t x, int64_t y, uint64_t salt) {
-    uint64_t h = mix(static_cast<uint64_t>(x) * 0x100000001b3ull ^ mix(static_cast<uint64_t>(y) + salt));
+    uint64_t h =
+        mix(static_cast<uint64_t>(x) * 0x100000001b3ull ^ mix(static_cast<uint64_t>(y) + salt));
     return (h >> 11) * (1.0 / 9007199254740992.0);
 }
 
@@ -98,8 +99,8 @@ Rgb interior(double x, double y, double aspect) {
         double tone = 0.35 + 0.15 * hash01(static_cast<int64_t>(plank), 3, 17) + 0.1 * grain;
         Rgb wood{0.55, 0.33, 0.17};
         double px = x - (y - floor_y) * 0.9;  // the sun patch leans like the light
-        bool patch = px > 0.42 && px < 0.62 && y < floor_y + 0.12 &&
-                     std::fmod(px - 0.42, 0.1) > 0.008;
+        bool patch =
+            px > 0.42 && px < 0.62 && y < floor_y + 0.12 && std::fmod(px - 0.42, 0.1) > 0.008;
         double lit = light * 1.5 + (patch ? 1.8 : 0.0);
         return wood * tone * warm * lit;
     }
@@ -185,7 +186,8 @@ BracketSet render_brackets(const FloatImage &scene, const BracketPlan &plan, uin
             double x = scene.rgb[i] * e;
             // Shot noise grows with the signal, read noise sets a floor.
             double sigma = std::sqrt(0.0004 * std::min(x, 1.0) + 0.0008 * 0.0008);
-            double u1 = std::max(hash01(static_cast<int64_t>(i), static_cast<int64_t>(k), seed), 1e-12);
+            double u1 =
+                std::max(hash01(static_cast<int64_t>(i), static_cast<int64_t>(k), seed), 1e-12);
             double u2 = hash01(static_cast<int64_t>(i), static_cast<int64_t>(k), seed + 1);
             double g = std::sqrt(-2 * std::log(u1)) * std::cos(6.283185307179586 * u2);
             double v = std::clamp(x + sigma * g, 0.0, 1.0);

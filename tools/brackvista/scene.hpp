@@ -13,8 +13,8 @@ namespace bvcli {
 FloatImage render_scene(int width, int height);
 
 struct BracketPlan {
-    std::vector<float> exposures;  // relative exposure of each bracket, darkest first
-    double seconds_at_1 = 1.0 / 64; // exposure time of exposure factor 1 (for EXIF)
+    std::vector<float> exposures;    // relative exposure of each bracket, darkest first
+    double seconds_at_1 = 1.0 / 64;  // exposure time of exposure factor 1 (for EXIF)
 };
 BracketPlan default_bracket_plan();
 

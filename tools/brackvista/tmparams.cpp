@@ -15,7 +15,8 @@ const std::vector<TmOption> &tonemap_options() {
         std::vector<TmOption> t = {
             {"exposure", 0, -10, 10, false, "exposure, brighter when positive"},
             {"brightness", 1, -10, 10, false, "brightness: bends the contrast curve"},
-            {"adaptation", 2, -10, 10, false, "adaptation: to the whole image (-10) or each pixel (10)"},
+            {"adaptation", 2, -10, 10, false,
+             "adaptation: to the whole image (-10) or each pixel (10)"},
             {"white-clip", 3, 0, 30, false, "white point clip, in steps of 3 % of the range"},
             {"black-clip", 4, 0, 40, false, "black point clip, in steps of 2 % of the range"},
             {"temperature", 12, -15, 15, true, "colour temperature, -260 K of white per step"},
@@ -23,8 +24,8 @@ const std::vector<TmOption> &tonemap_options() {
         };
         // Colour adjustments per hue band, three slots each from slot 20,
         // then the master values that add to every band.
-        static const char *kBands[] = {"reds",   "oranges", "yellows", "greens",
-                                       "aquas",  "blues",   "purples", "magentas"};
+        static const char *kBands[] = {"reds",  "oranges", "yellows", "greens",
+                                       "aquas", "blues",   "purples", "magentas"};
         static std::deque<std::string> names, helps;
         auto add = [&](const std::string &name, int slot, const std::string &help) {
             names.push_back(name);
@@ -33,7 +34,8 @@ const std::vector<TmOption> &tonemap_options() {
         };
         for (int b = 0; b < 8; ++b) {
             std::string band = kBands[b];
-            add(band + "-hue", BV_CA_SLOT_BANDS + 3 * b, band + ": hue shift, 0.3 degrees per unit");
+            add(band + "-hue", BV_CA_SLOT_BANDS + 3 * b,
+                band + ": hue shift, 0.3 degrees per unit");
             add(band + "-sat", BV_CA_SLOT_BANDS + 3 * b + 1, band + ": saturation (-100 grey)");
             add(band + "-light", BV_CA_SLOT_BANDS + 3 * b + 2, band + ": lightness (-100 black)");
         }
@@ -64,7 +66,8 @@ TmParam tonemap_param_from(const Args &args) {
         if (!args.has(o.name)) continue;
         double v = args.number(o.name, 0, o.lo, o.hi);
         if (o.whole && v != std::floor(v))
-            usage_error(std::string("--") + o.name + " takes whole steps (got " + args.str(o.name) + ")");
+            usage_error(std::string("--") + o.name + " takes whole steps (got " + args.str(o.name) +
+                        ")");
         p.slot[o.slot] = static_cast<float>(v);
     }
     return p;

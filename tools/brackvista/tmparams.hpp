@@ -1,9 +1,9 @@
 // Tone-mapping parameters by name: one table gives options, help, ranges and slots.
 #pragma once
 
-#include <vector>
-
 #include <Brackvista40Lib1.h>
+
+#include <vector>
 
 #include "cli.hpp"
 
@@ -11,9 +11,9 @@ namespace bvcli {
 
 struct TmOption {
     const char *name;
-    int slot;          // TmParam slot it sets
-    double lo, hi;     // accepted range
-    bool whole;        // integer steps only
+    int slot;       // TmParam slot it sets
+    double lo, hi;  // accepted range
+    bool whole;     // integer steps only
     const char *help;
 };
 const std::vector<TmOption> &tonemap_options();
