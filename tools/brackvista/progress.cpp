@@ -10,6 +10,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 
 #include "cli.hpp"
 
@@ -92,7 +93,8 @@ Progress::Progress(const std::string &label) : previous_(g_current) {
 }
 
 Progress::~Progress() {
-    if (g_drawn && bar_enabled() && !interrupted()) {
+    // A failing step leaves its bar unfinished and erased, not at 100 %.
+    if (g_drawn && bar_enabled() && !interrupted() && std::uncaught_exceptions() == 0) {
         draw(1.0f);
         std::fputc('\n', stderr);
         g_drawn = false;
