@@ -132,6 +132,40 @@ inline void render(const CurveSet &s, float range, float r, float g, float b, fl
     if (s.tables) utils::apply_luts(out, s.hue, s.value, s.use_value);
 }
 
+// Where the three samples of an output pixel go: interleaved at the channel
+// offsets (first and last exchanged for BGR), or into three planes.
+template <class T>
+struct PixelSink {
+    T *out;
+    size_t plane, row;
+    int width, ch, off_r, off_g, off_b;
+    bool planar, bgr;
+    explicit PixelSink(const Job &j)
+        : out(static_cast<T *>(j.output)),
+          plane(static_cast<size_t>(j.dim.width) * static_cast<size_t>(j.dim.height)),
+          row(j.out_row),
+          width(j.dim.width),
+          ch(j.dim.channels),
+          off_r(j.dim.bgr ? j.dim.channels - 1 : 0),
+          off_g((j.dim.channels - 1) / 2),
+          off_b(j.dim.bgr ? 0 : j.dim.channels - 1),
+          planar(j.planar),
+          bgr(j.dim.bgr != 0) {}
+    void store(int y, int x, T r, T g, T b) const {
+        if (planar) {
+            const size_t p = static_cast<size_t>(y) * width + x;
+            out[(bgr ? 2 : 0) * plane + p] = r;
+            out[plane + p] = g;
+            out[(bgr ? 0 : 2) * plane + p] = b;
+        } else {
+            T *px = out + static_cast<size_t>(y) * row + static_cast<size_t>(x) * ch;
+            px[off_r] = r;
+            px[off_g] = g;
+            px[off_b] = b;
+        }
+    }
+};
+
 template <class T>
 inline T to_sample(float v, float range) {
     v *= range;
@@ -145,11 +179,8 @@ void map_rows(const Job &j, int first, int end) {
     const DimParam &d = j.dim;
     const int w = d.width;
     const int ch = d.channels;
-    const size_t plane = static_cast<size_t>(w) * static_cast<size_t>(d.height);
-    // Sample offsets of R, G, B (first and last exchanged for BGR).
-    const int off_r = d.bgr ? ch - 1 : 0, off_g = (ch - 1) / 2, off_b = d.bgr ? 0 : ch - 1;
     const int in_g = (ch - 1) / 2, in_b = ch - 1;
-    T *out = static_cast<T *>(j.output);
+    const PixelSink<T> sink(j);
     const CurveSet &base = j.sets[0];
     for (int y = first; y < end; ++y) {
         const unsigned char *row = j.input + (j.rgbe ? static_cast<size_t>(y) * w * 4
@@ -193,17 +224,7 @@ void map_rows(const Job &j, int first, int end) {
             }
             const T sr = to_sample<T>(o[0], j.range), sg = to_sample<T>(o[1], j.range),
                     sb = to_sample<T>(o[2], j.range);
-            if (j.planar) {
-                const size_t p = static_cast<size_t>(y) * w + x;
-                out[(d.bgr ? 2 : 0) * plane + p] = sr;
-                out[plane + p] = sg;
-                out[(d.bgr ? 0 : 2) * plane + p] = sb;
-            } else {
-                T *px = out + static_cast<size_t>(y) * j.out_row + static_cast<size_t>(x) * ch;
-                px[off_r] = sr;
-                px[off_g] = sg;
-                px[off_b] = sb;
-            }
+            sink.store(y, x, sr, sg, sb);
         }
     }
 }
@@ -218,11 +239,9 @@ void map_rows_plain(const Job &j, int first, int end) {
     const DimParam &d = j.dim;
     const int w = d.width;
     const int ch = d.channels;
-    const size_t plane = static_cast<size_t>(w) * static_cast<size_t>(d.height);
-    const int off_r = d.bgr ? ch - 1 : 0, off_g = (ch - 1) / 2, off_b = d.bgr ? 0 : ch - 1;
     const int in_g = (ch - 1) / 2, in_b = ch - 1;
     const CurveSet &s = j.sets[0];
-    T *out = static_cast<T *>(j.output);
+    const PixelSink<T> sink(j);
     alignas(16) float cp[3][kChunk];
     alignas(16) float sig[kChunk];
     alignas(16) int32_t q[3][kChunk];
@@ -282,17 +301,7 @@ void map_rows_plain(const Job &j, int first, int end) {
                 const T sr = black[i] ? 0 : static_cast<T>(q[0][i]);
                 const T sg = black[i] ? 0 : static_cast<T>(q[1][i]);
                 const T sb = black[i] ? 0 : static_cast<T>(q[2][i]);
-                if (j.planar) {
-                    const size_t p = static_cast<size_t>(y) * w + x;
-                    out[(d.bgr ? 2 : 0) * plane + p] = sr;
-                    out[plane + p] = sg;
-                    out[(d.bgr ? 0 : 2) * plane + p] = sb;
-                } else {
-                    T *px = out + static_cast<size_t>(y) * j.out_row + static_cast<size_t>(x) * ch;
-                    px[off_r] = sr;
-                    px[off_g] = sg;
-                    px[off_b] = sb;
-                }
+                sink.store(y, x, sr, sg, sb);
             }
         }
     }
