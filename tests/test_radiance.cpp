@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "../fuzz/rle_reference.hpp"
 #include "core/radiance_io.hpp"
 #include "core/rgbe_pixel.hpp"
 #include "test_support.hpp"
@@ -60,33 +61,7 @@ std::string write_text(const std::string &name, const std::string &content) {
     return p;
 }
 
-// The packet rule written out step by step, to hold the library's encoder to.
-Bytes reference_encode(const Bytes &c) {
-    Bytes out;
-    size_t base = 0, lit = 0;
-    const size_t n = c.size();
-    auto literal = [&] {
-        out.push_back(uint8_t(lit));
-        out.insert(out.end(), c.begin() + base, c.begin() + base + lit);
-        base += lit;
-        lit = 0;
-    };
-    while (base < n) {
-        const size_t p = base + lit;
-        size_t r = 1;
-        while (r < 127 && p + r < n && c[p + r] == c[p]) ++r;
-        if (r >= 5) {
-            if (lit > 0) literal();
-            out.push_back(uint8_t(128 + r));
-            out.push_back(c[p]);
-            base += r;
-        } else {
-            lit = std::min<size_t>(lit + r, 127);
-            if (lit == 127 || base + lit >= n) literal();
-        }
-    }
-    return out;
-}
+Bytes reference_encode(const Bytes &c) { return bvref::reference_encode(c.data(), c.size()); }
 
 Bytes encode(const Bytes &c) {
     Bytes out(2 * c.size() + 2);
