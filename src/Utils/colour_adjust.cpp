@@ -106,14 +106,7 @@ struct AdjustJob {
     int bits;    // 8, 16 or 32
     size_t row;  // row length in samples
     bool bgr;
-    bool temperature;
-    WhiteGains gains;
-    bool saturation;
-    float sat_factor;
-    bool tables;
-    bool use_value;
-    const float *hue;
-    const float *value;
+    ColourStage colour;
 };
 
 struct AdjustRecord {
@@ -132,12 +125,11 @@ void adjust_rows(const AdjustJob &j, T *base, float range, int first, int end) {
         for (int x = 0; x < j.width; ++x, px += j.channels) {
             float rgb[3] = {static_cast<float>(px[ci]) / range, static_cast<float>(px[cg]) / range,
                             static_cast<float>(px[co]) / range};
-            if (j.temperature) {
+            if (j.colour.temperature) {
                 const float lum = 0.2126f * rgb[0] + 0.7152f * rgb[1] + 0.0722f * rgb[2];
-                apply_temperature(rgb[0], rgb[1], rgb[2], lum, j.gains);
+                apply_temperature(rgb[0], rgb[1], rgb[2], lum, j.colour.gains);
             }
-            if (j.saturation) apply_saturation(rgb, j.sat_factor);
-            if (j.tables) apply_luts(rgb, j.hue, j.value, j.use_value);
+            j.colour.finish(rgb);
             const int at[3] = {ci, cg, co};
             for (int c = 0; c < 3; ++c) {
                 const float v = clamp01(rgb[c]);
@@ -184,20 +176,17 @@ int adjust_colors(int threads, bv_progress_cb cb, const TmParam &colour, void *i
     j.bits = (dim.bitsOut == 16 || dim.bitsOut == 32) ? dim.bitsOut : 8;
     j.row = dim.rowOut > 0 ? static_cast<size_t>(dim.rowOut) : packed;
     j.bgr = dim.bgr != 0;
-    j.temperature = static_cast<int>(colour.slot[12]) != 0;
-    if (j.temperature) j.gains = temperature_gains(colour.slot[12]);
-    j.saturation = static_cast<int>(colour.slot[13]) != 0;
-    j.sat_factor = colour.slot[13] * 0.1f + 1.0f;
-    j.tables = has_table_params(colour);
-    if (!j.temperature && !j.saturation && !j.tables) return dim.height;
+    j.colour = colour_stage_from(colour);
+    j.colour.tables = has_table_params(colour);
+    if (!j.colour.any()) return dim.height;
 
     if (!progress(cb, 0.0f)) return BV_CA_ECANCEL;
     Scratch<float> hue, value;
-    if (j.tables) {
+    if (j.colour.tables) {
         if (!hue.alloc(3 * kLutEntries) || !value.alloc(kLutEntries)) return BV_CA_ENOMEM;
-        j.use_value = build_colour_luts(colour, kLutEntries, hue.get(), value.get()) > 0;
-        j.hue = hue.get();
-        j.value = value.get();
+        j.colour.use_value = build_colour_luts(colour, kLutEntries, hue.get(), value.get()) > 0;
+        j.colour.hue = hue.get();
+        j.colour.value = value.get();
     }
     if (threads <= 1) {
         adjust_colors_orig(j, 0, dim.height);

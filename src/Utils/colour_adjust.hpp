@@ -92,4 +92,34 @@ inline void apply_luts(float rgb[3], const float *hue, const float *value,
     for (int c = 0; c < 3; ++c) rgb[c] = clamp01(shape[c] * (high - low) + low);
 }
 
+// The per-pixel colour stages one parameter record asks for, shared by the
+// tone mapper and bv_adjust_colors. The tables are attached by the caller.
+struct ColourStage {
+    bool temperature = false;  // slot 12 as an integer is non-zero
+    WhiteGains gains{};
+    bool saturation = false;   // slot 13 as an integer is non-zero
+    float sat_factor = 1.0f;
+    bool tables = false;
+    bool use_value = false;
+    const float *hue = nullptr;
+    const float *value = nullptr;
+
+    bool any() const noexcept { return temperature || saturation || tables; }
+    // Saturation, then the hue tables, on a 0..1 pixel.
+    void finish(float rgb[3]) const noexcept {
+        if (saturation) apply_saturation(rgb, sat_factor);
+        if (tables) apply_luts(rgb, hue, value, use_value);
+    }
+};
+
+// Temperature and saturation settings of a record (tables left off).
+inline ColourStage colour_stage_from(const TmParam &p) noexcept {
+    ColourStage c;
+    c.temperature = static_cast<int>(p.slot[12]) != 0;
+    if (c.temperature) c.gains = temperature_gains(p.slot[12]);
+    c.saturation = static_cast<int>(p.slot[13]) != 0;
+    c.sat_factor = p.slot[13] * 0.1f + 1.0f;
+    return c;
+}
+
 }  // namespace bv::utils

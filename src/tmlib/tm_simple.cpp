@@ -30,14 +30,7 @@ struct CurveSet {
     float m;    // contrast exponent
     float lo;   // black end, after the black clip
     float inv;  // 1 / (white end after the clip - black end)
-    bool temperature;
-    utils::WhiteGains gains;
-    bool saturation;
-    float sat_factor;
-    bool tables;
-    bool use_value;
-    const float *hue;
-    const float *value;
+    utils::ColourStage colour;
 };
 
 struct Job {
@@ -107,10 +100,7 @@ CurveSet make_curve(const TmParam &p, const LogLumStats &st, float range) {
     cs.m = m;
     cs.lo = static_cast<float>(lo_clip);
     cs.inv = static_cast<float>(1.0 / ((hi - s[3] * 0.03 * d) - lo_clip));
-    cs.temperature = static_cast<int>(s[12]) != 0;
-    if (cs.temperature) cs.gains = utils::temperature_gains(s[12]);
-    cs.saturation = static_cast<int>(s[13]) != 0;
-    cs.sat_factor = s[13] * 0.1f + 1.0f;
+    cs.colour = utils::colour_stage_from(p);
     return cs;
 }
 
@@ -121,15 +111,14 @@ inline void render(const CurveSet &s, float range, float r, float g, float b, fl
     const float scale = s.a * e_scale;
     const float y = 0.2126f * r + 0.7152f * g + 0.0722f * b;
     const float lambda = y * scale * s.c + s.a0;
-    if (s.temperature) utils::apply_temperature(r, g, b, y, s.gains);
+    if (s.colour.temperature) utils::apply_temperature(r, g, b, y, s.colour.gains);
     const float sigma = std::pow(s.f * lambda, s.m) + 1e-20f;
     const float in[3] = {r, g, b};
     for (int ch = 0; ch < 3; ++ch) {
         const float cp = in[ch] * scale;
         out[ch] = (range * cp / (cp + sigma) - s.lo) * s.inv;
     }
-    if (s.saturation) utils::apply_saturation(out, s.sat_factor);
-    if (s.tables) utils::apply_luts(out, s.hue, s.value, s.use_value);
+    s.colour.finish(out);
 }
 
 // Where the three samples of an output pixel go: interleaved at the channel
@@ -317,7 +306,7 @@ int tm_simple_orig(const Job &j, int first, int end) {
     if (lo < hi) {
         const CurveSet &b = j.sets[0];
         const bool plain =
-            !(j.region_map && j.regions > 0) && !b.temperature && !b.saturation && !b.tables;
+            !(j.region_map && j.regions > 0) && !b.colour.any();
         if (j.range > 255.0f)
             plain ? map_rows_plain<uint16_t>(j, lo, hi) : map_rows<uint16_t>(j, lo, hi);
         else
@@ -374,10 +363,10 @@ int tm_simple_impl(const TmParam *params, const unsigned char *region_map, const
         const int rc =
             getColorAdjustmentLUTs(BV_CA_MODE_TABLES, &colour, utils::kLutEntries, 8, hue, value);
         if (rc < 0) continue;  // that set simply goes without tables
-        curves[k].tables = true;
-        curves[k].use_value = rc != 0;
-        curves[k].hue = hue;
-        curves[k].value = value;
+        curves[k].colour.tables = true;
+        curves[k].colour.use_value = rc != 0;
+        curves[k].colour.hue = hue;
+        curves[k].colour.value = value;
     }
 
     Job j{};
