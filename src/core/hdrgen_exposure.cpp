@@ -52,6 +52,35 @@ void repair_order(int n, int32_t *order, const bool *unfound, bool *present) {
     }
 }
 
+// Repeatedly takes the largest value above `floor` not taken yet (ties to
+// the lowest index), marking it `taken`; passes that find nothing repeat the
+// previous pick and are repaired afterwards. Returns 0, or -4 without memory.
+template <class T>
+int take_largest_first(int n, T *work, T floor, T taken, int32_t *picked) {
+    Scratch<bool> flags(2 * static_cast<size_t>(n));
+    if (!flags) return -4;
+    bool *unfound = flags.get();
+    int prev = 0;
+    for (int i = 0; i < n; ++i) {
+        int best = -1;
+        T best_v = floor;
+        for (int j = 0; j < n; ++j)
+            if (work[j] > best_v) {
+                best_v = work[j];
+                best = j;
+            }
+        if (best < 0) {
+            picked[i] = prev;
+            unfound[i] = true;
+            continue;
+        }
+        work[best] = taken;
+        picked[i] = prev = best;
+    }
+    repair_order(n, picked, unfound, flags.get() + n);
+    return 0;
+}
+
 }  // namespace
 
 Taps stat_taps(int channels) noexcept {
@@ -114,28 +143,8 @@ int median_stats(int n, int width, int height, int rowStride, int channels, int 
 
 int order_brightest_first(int n, const int32_t *stats, int32_t *work, int32_t *order) {
     std::memcpy(work, stats, sizeof(int32_t) * static_cast<size_t>(n));
-    Scratch<bool> flags(2 * static_cast<size_t>(n));
-    if (!flags) return -4;
-    bool *unfound = flags.get();
-    int prev = 0;
-    for (int i = 0; i < n; ++i) {
-        int best = -1;
-        int32_t best_v = -1;
-        for (int j = 0; j < n; ++j)
-            if (work[j] > best_v) {
-                best_v = work[j];
-                best = j;
-            }
-        if (best < 0) {
-            order[i] = prev;
-            unfound[i] = true;
-            continue;
-        }
-        work[best] = kTakenStat;
-        order[i] = prev = best;
-    }
-    repair_order(n, order, unfound, flags.get() + n);
-    return 0;
+    // Only statistics of 0 or more can be taken.
+    return take_largest_first<int32_t>(n, work, -1, kTakenStat, order);
 }
 
 int estimate_ev(int wholeStops, int n, int32_t *stats, float *result, float evStep, float *table,
@@ -180,29 +189,11 @@ int estimate_ev(int wholeStops, int n, int32_t *stats, float *result, float evSt
 
 int ascending_order(int n, const float *values, float *work, int32_t *order) {
     std::memcpy(work, values, sizeof(float) * static_cast<size_t>(n));
-    Scratch<bool> flags(2 * static_cast<size_t>(n));
-    if (!flags) return -4;
-    bool *unfound = flags.get();
     Scratch<int32_t> desc(static_cast<size_t>(n));
     if (!desc) return -4;
-    int prev = 0;
-    for (int i = 0; i < n; ++i) {
-        int best = -1;
-        float best_v = -99999999.0f;
-        for (int j = 0; j < n; ++j)
-            if (work[j] > best_v && work[j] > kTakenValue) {
-                best_v = work[j];
-                best = j;
-            }
-        if (best < 0) {
-            desc[i] = prev;
-            unfound[i] = true;
-            continue;
-        }
-        work[best] = kTakenValue;
-        desc[i] = prev = best;
-    }
-    repair_order(n, desc.get(), unfound, flags.get() + n);
+    // -99999999 rounds to the taken mark -1e8 in single precision, so one
+    // comparison keeps out both taken entries and anything below it.
+    if (take_largest_first<float>(n, work, -99999999.0f, kTakenValue, desc.get()) < 0) return -4;
     for (int i = 0; i < n; ++i) order[i] = desc[n - 1 - i];
     return n;
 }
