@@ -103,22 +103,22 @@ struct Image {
 bool read_image(const std::string &path, Image *img) {
     auto in = OIIO::ImageInput::open(path);
     if (!in) return false;
-    const auto &spec = in->spec();
-    img->width = spec.width;
-    img->height = spec.height;
-    img->channels = spec.nchannels;
-    img->format = spec.format;
-    img->px.resize(static_cast<size_t>(spec.width) * spec.height * spec.nchannels);
-    return in->read_image(0, 0, 0, spec.nchannels, OIIO::TypeDesc::FLOAT, img->px.data());
+    const auto &ispec = in->spec();
+    img->width = ispec.width;
+    img->height = ispec.height;
+    img->channels = ispec.nchannels;
+    img->format = ispec.format;
+    img->px.resize(static_cast<size_t>(ispec.width) * ispec.height * ispec.nchannels);
+    return in->read_image(0, 0, 0, ispec.nchannels, OIIO::TypeDesc::FLOAT, img->px.data());
 }
 
 void write_png(const std::string &path, int w, int h, uint8_t level) {
     auto out = OIIO::ImageOutput::create(path);
     ASSERT_TRUE(out);
-    OIIO::ImageSpec spec(w, h, 3, OIIO::TypeDesc::UINT8);
+    OIIO::ImageSpec ispec(w, h, 3, OIIO::TypeDesc::UINT8);
     std::vector<uint8_t> px(static_cast<size_t>(w) * h * 3);
     for (size_t i = 0; i < px.size(); ++i) px[i] = static_cast<uint8_t>(level + (i / 3) % 7);
-    ASSERT_TRUE(out->open(path, spec));
+    ASSERT_TRUE(out->open(path, ispec));
     ASSERT_TRUE(out->write_image(OIIO::TypeDesc::UINT8, px.data()));
     ASSERT_TRUE(out->close());
 }
@@ -331,15 +331,15 @@ void write_jpeg_bracket(const std::string &path, float gain, float seconds,
             }
     auto out = OIIO::ImageOutput::create("jpeg");
     ASSERT_TRUE(out);
-    OIIO::ImageSpec spec(w, h, 3, OIIO::TypeDesc::UINT8);
-    spec.attribute("Make", "Acme");
-    spec.attribute("Model", "Acme Bracketer");
-    spec.attribute("ExposureTime", seconds);
-    spec.attribute("FNumber", 8.0f);
-    spec.attribute("Exif:PhotographicSensitivity", 200);
+    OIIO::ImageSpec ispec(w, h, 3, OIIO::TypeDesc::UINT8);
+    ispec.attribute("Make", "Acme");
+    ispec.attribute("Model", "Acme Bracketer");
+    ispec.attribute("ExposureTime", seconds);
+    ispec.attribute("FNumber", 8.0f);
+    ispec.attribute("Exif:PhotographicSensitivity", 200);
     if (!icc.empty())
-        spec.attribute("ICCProfile", OIIO::TypeDesc(OIIO::TypeDesc::UINT8, icc.size()), icc.data());
-    ASSERT_TRUE(out->open(path, spec));
+        ispec.attribute("ICCProfile", OIIO::TypeDesc(OIIO::TypeDesc::UINT8, icc.size()), icc.data());
+    ASSERT_TRUE(out->open(path, ispec));
     ASSERT_TRUE(out->write_image(OIIO::TypeDesc::UINT8, px.data()));
     ASSERT_TRUE(out->close());
 }
@@ -372,10 +372,10 @@ TEST(Cli, ExifAndIccProfileDriveExposuresGammaAndHeader) {
     // 16-bit TIFF brackets merge at 16 bits; grey ones are spread to RGB.
     for (int k = 0; k < 2; ++k) {
         auto out = OIIO::ImageOutput::create("tiff");
-        OIIO::ImageSpec spec(40, 30, 1, OIIO::TypeDesc::UINT16);
+        OIIO::ImageSpec ispec(40, 30, 1, OIIO::TypeDesc::UINT16);
         std::vector<uint16_t> px(40 * 30);
         for (size_t i = 0; i < px.size(); ++i) px[i] = static_cast<uint16_t>((i * 50 + 2000) << k);
-        ASSERT_TRUE(out->open(dir + "/grey" + std::to_string(k) + ".tif", spec));
+        ASSERT_TRUE(out->open(dir + "/grey" + std::to_string(k) + ".tif", ispec));
         ASSERT_TRUE(out->write_image(OIIO::TypeDesc::UINT16, px.data()));
         ASSERT_TRUE(out->close());
     }

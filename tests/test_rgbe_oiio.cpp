@@ -16,9 +16,9 @@ namespace {
 bool load_rgb8(const std::string &path, int *w, int *h, std::vector<uint8_t> *px) {
     auto in = OIIO::ImageInput::open(path);
     if (!in) return false;
-    const OIIO::ImageSpec &spec = in->spec();
-    *w = spec.width;
-    *h = spec.height;
+    const OIIO::ImageSpec &ispec = in->spec();
+    *w = ispec.width;
+    *h = ispec.height;
     px->resize(static_cast<size_t>(*w) * *h * 3);
     const bool ok = in->read_image(0, 0, 0, 3, OIIO::TypeDesc::UINT8, px->data());
     in->close();

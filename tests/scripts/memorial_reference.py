@@ -51,8 +51,8 @@ def main():
     with open(os.path.join(out, "size.txt"), "w") as f:
         f.write("%d %d\n" % (w, h))
     cv2.setRNGSeed(1)
-    for spec in argv[2:]:
-        name, idx = spec.split("=")
+    for subset in argv[2:]:
+        name, idx = subset.split("=")
         sel = [int(i) for i in idx.split(",")]
         imgs = [images[i] for i in sel]
         t = np.array([times[i] for i in sel], dtype=np.float32)

@@ -34,7 +34,7 @@ Args::Args(const std::vector<OptionSpec> &specs, int argc, char **argv) {
             options_done = true;
             continue;
         }
-        const OptionSpec *spec = nullptr;
+        const OptionSpec *opt = nullptr;
         std::string value;
         bool inline_value = false;
         if (a[1] == '-') {
@@ -45,23 +45,23 @@ Args::Args(const std::vector<OptionSpec> &specs, int argc, char **argv) {
                 name = name.substr(0, eq);
                 inline_value = true;
             }
-            spec = find(name, 0);
+            opt = find(name, 0);
         } else if (a.size() == 2) {
-            spec = find("", a[1]);
+            opt = find("", a[1]);
         }
-        if (!spec)
+        if (!opt)
             usage_error("unknown option '" + a + "' (see brackvista " + g_command + " --help)");
-        if (spec->value) {
+        if (opt->value) {
             if (!inline_value) {
                 if (i + 1 >= argc)
-                    usage_error("option --" + std::string(spec->name) + " needs a value " +
-                                spec->value);
+                    usage_error("option --" + std::string(opt->name) + " needs a value " +
+                                opt->value);
                 value = argv[++i];
             }
         } else if (inline_value) {
-            usage_error("option --" + std::string(spec->name) + " takes no value");
+            usage_error("option --" + std::string(opt->name) + " takes no value");
         }
-        values_[spec->name] = value;
+        values_[opt->name] = value;
     }
 }
 

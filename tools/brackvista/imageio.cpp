@@ -105,34 +105,34 @@ bool contains(const std::vector<uint8_t> &bytes, const char *text) {
 
 BracketInfo probe_bracket(const std::string &path) {
     auto in = open_input(path);
-    const oiio::ImageSpec &spec = in->spec();
+    const oiio::ImageSpec &ispec = in->spec();
     BracketInfo b;
     b.path = path;
-    b.width = spec.width;
-    b.height = spec.height;
-    b.channels = spec.nchannels;
-    b.bits = spec.format.size() <= 1 ? 8 : 16;
-    b.exposure_time = spec.get_float_attribute("ExposureTime", 0.0f);
-    b.fnumber = spec.get_float_attribute("FNumber", 0.0f);
-    b.iso = spec.get_int_attribute("Exif:PhotographicSensitivity",
-                                   spec.get_int_attribute("Exif:ISOSpeedRatings", 0));
-    if (const oiio::ParamValue *p = spec.find_attribute("ICCProfile")) {
+    b.width = ispec.width;
+    b.height = ispec.height;
+    b.channels = ispec.nchannels;
+    b.bits = ispec.format.size() <= 1 ? 8 : 16;
+    b.exposure_time = ispec.get_float_attribute("ExposureTime", 0.0f);
+    b.fnumber = ispec.get_float_attribute("FNumber", 0.0f);
+    b.iso = ispec.get_int_attribute("Exif:PhotographicSensitivity",
+                                   ispec.get_int_attribute("Exif:ISOSpeedRatings", 0));
+    if (const oiio::ParamValue *p = ispec.find_attribute("ICCProfile")) {
         const auto *bytes = static_cast<const uint8_t *>(p->data());
         size_t n = p->type().size() * static_cast<size_t>(p->nvalues());
         b.icc.assign(bytes, bytes + n);
     }
-    std::string cs = spec.get_string_attribute("oiio:ColorSpace");
+    std::string cs = ispec.get_string_attribute("oiio:ColorSpace");
     b.linear = (cs == "linear" || cs == "Linear" || cs == "scene_linear" || cs == "lin_srgb");
     in->close();
 
     exifInfo &e = b.exif;
-    std::string make = spec.get_string_attribute("Make");
-    std::string model = spec.get_string_attribute("Model");
+    std::string make = ispec.get_string_attribute("Make");
+    std::string model = ispec.get_string_attribute("Model");
     if (!make.empty() && model.rfind(make, 0) != 0) model = make + " " + model;
     copy_text(e.camera, sizeof e.camera, model);
     copy_text(
         e.capDate, sizeof e.capDate,
-        spec.get_string_attribute("Exif:DateTimeOriginal", spec.get_string_attribute("DateTime")));
+        ispec.get_string_attribute("Exif:DateTimeOriginal", ispec.get_string_attribute("DateTime")));
     e.profile = 0;
     b.profile_name = "sRGB";
     if (!b.icc.empty()) {
@@ -150,11 +150,11 @@ BracketInfo probe_bracket(const std::string &path) {
     to_rational(b.exposure_time, &e.exposureNum, &e.exposureDen);
     to_rational(b.fnumber, &e.fNumberNum, &e.fNumberDen);
     e.iso = b.iso;
-    to_rational(spec.get_float_attribute("Exif:FocalLength", 0.0f), &e.focalNum, &e.focalDen);
-    e.focal35mm = spec.get_int_attribute("Exif:FocalLengthIn35mmFilm", 0);
-    to_rational(spec.get_float_attribute("Exif:FocalPlaneXResolution", 0.0f), &e.fpXResNum,
+    to_rational(ispec.get_float_attribute("Exif:FocalLength", 0.0f), &e.focalNum, &e.focalDen);
+    e.focal35mm = ispec.get_int_attribute("Exif:FocalLengthIn35mmFilm", 0);
+    to_rational(ispec.get_float_attribute("Exif:FocalPlaneXResolution", 0.0f), &e.fpXResNum,
                 &e.fpXResDen);
-    e.fpResUnit = spec.get_int_attribute("Exif:FocalPlaneResolutionUnit", 0);
+    e.fpResUnit = ispec.get_int_attribute("Exif:FocalPlaneResolutionUnit", 0);
     return b;
 }
 
@@ -217,24 +217,24 @@ void write_picture(const std::string &path, const std::string &shown, const std:
                    int width, int height, int bits, const void *pixels, const exifInfo *meta) {
     auto out = oiio::ImageOutput::create(format_ext == ".tif" ? "tiff" : format_ext.substr(1));
     if (!out) fail("cannot write '" + shown + "': no writer for " + format_ext + " files");
-    oiio::ImageSpec spec(width, height, 3,
+    oiio::ImageSpec ispec(width, height, 3,
                          bits == 16 ? oiio::TypeDesc::UINT16 : oiio::TypeDesc::UINT8);
-    if (format_ext == ".jpg" || format_ext == ".jpeg") spec.attribute("Compression", "jpeg:95");
+    if (format_ext == ".jpg" || format_ext == ".jpeg") ispec.attribute("Compression", "jpeg:95");
     if (meta) {
         if (meta->camera[0])
-            spec.attribute("Model", std::string(meta->camera, strnlen(meta->camera, 64)));
+            ispec.attribute("Model", std::string(meta->camera, strnlen(meta->camera, 64)));
         if (meta->capDate[0])
-            spec.attribute("DateTime", std::string(meta->capDate, strnlen(meta->capDate, 20)));
+            ispec.attribute("DateTime", std::string(meta->capDate, strnlen(meta->capDate, 20)));
         if (meta->exposureNum > 0 && meta->exposureDen > 0)
-            spec.attribute("ExposureTime",
+            ispec.attribute("ExposureTime",
                            static_cast<float>(meta->exposureNum) / meta->exposureDen);
         if (meta->fNumberNum > 0 && meta->fNumberDen > 0)
-            spec.attribute("FNumber", static_cast<float>(meta->fNumberNum) / meta->fNumberDen);
-        if (meta->iso > 0) spec.attribute("Exif:PhotographicSensitivity", meta->iso);
+            ispec.attribute("FNumber", static_cast<float>(meta->fNumberNum) / meta->fNumberDen);
+        if (meta->iso > 0) ispec.attribute("Exif:PhotographicSensitivity", meta->iso);
     }
-    spec.attribute("Software", "brackvista");
+    ispec.attribute("Software", "brackvista");
     QuietStderr quiet;
-    if (!out->open(path, spec) ||
+    if (!out->open(path, ispec) ||
         !out->write_image(bits == 16 ? oiio::TypeDesc::UINT16 : oiio::TypeDesc::UINT8, pixels) ||
         !out->close())
         fail("cannot write '" + shown + "': " + one_line(out->geterror()));
@@ -242,13 +242,13 @@ void write_picture(const std::string &path, const std::string &shown, const std:
 
 FloatImage read_float_image(const std::string &path) {
     auto in = open_input(path);
-    const oiio::ImageSpec &spec = in->spec();
+    const oiio::ImageSpec &ispec = in->spec();
     FloatImage img;
-    img.width = spec.width;
-    img.height = spec.height;
+    img.width = ispec.width;
+    img.height = ispec.height;
     if (img.width < 1 || img.height < 1) fail("'" + path + "' has no pixels");
     size_t n = static_cast<size_t>(img.width) * img.height;
-    int nch = std::min(spec.nchannels, 3);
+    int nch = std::min(ispec.nchannels, 3);
     std::vector<float> raw(n * nch);
     QuietStderr quiet;
     if (!in->read_image(0, 0, 0, nch, oiio::TypeDesc::FLOAT, raw.data()))
@@ -267,10 +267,10 @@ void write_float_image(const std::string &path, const std::string &shown,
     auto out = oiio::ImageOutput::create(format_ext.substr(1));
     if (!out) fail("cannot write '" + shown + "': no writer for " + format_ext + " files");
     // Half floats keep 10 mantissa bits over 30 stops: plenty for a reference.
-    oiio::ImageSpec spec(img.width, img.height, 3, oiio::TypeDesc::HALF);
-    spec.attribute("compression", "zip");
+    oiio::ImageSpec ispec(img.width, img.height, 3, oiio::TypeDesc::HALF);
+    ispec.attribute("compression", "zip");
     QuietStderr quiet;
-    if (!out->open(path, spec) || !out->write_image(oiio::TypeDesc::FLOAT, img.rgb.data()) ||
+    if (!out->open(path, ispec) || !out->write_image(oiio::TypeDesc::FLOAT, img.rgb.data()) ||
         !out->close())
         fail("cannot write '" + shown + "': " + one_line(out->geterror()));
 }
