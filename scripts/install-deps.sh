@@ -9,7 +9,6 @@ $SUDO apt-get install -y -qq --no-install-recommends \
   build-essential cmake pkg-config clang libclang-rt-14-dev \
   libgtest-dev libgmock-dev libbenchmark-dev \
   libopenimageio-dev openimageio-tools libtiff-tools \
-  libopencv-core-dev \
   python3 python3-opencv python3-numpy \
   icc-profiles-free colord-data >/dev/null
 echo "dependencies installed"
