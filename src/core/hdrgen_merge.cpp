@@ -6,10 +6,14 @@
 
 #include "core/bv_internal.hpp"
 #include "core/hdrgen.hpp"
+#include "core/rgbe_pixel.hpp"
 
 namespace bv::hdrgen {
 
 namespace {
+
+using rgbe::frexp_exponent;
+using rgbe::pow2f;
 
 constexpr int kLevels = 65536;
 constexpr float kNoMin = 1e9f;
@@ -41,22 +45,6 @@ void fill_weights(Weight *t, int s, float inv_exposure) {
 uint8_t clamp_byte(float v) {
     if (v >= 255.0f) return 255;
     return v > 0.0f ? static_cast<uint8_t>(static_cast<int>(v)) : 0;
-}
-
-// Exponent e of frexp(m) for a normal positive float m, read from its bits
-// (exact, and much cheaper than the library call per pixel).
-int frexp_exponent(float m) {
-    uint32_t bits;
-    std::memcpy(&bits, &m, sizeof bits);
-    return static_cast<int>((bits >> 23) & 0xffu) - 126;
-}
-
-// 2^k as a float, for -126 <= k <= 127.
-float pow2f(int k) {
-    const uint32_t bits = static_cast<uint32_t>(k + 127) << 23;
-    float f;
-    std::memcpy(&f, &bits, sizeof f);
-    return f;
 }
 
 uint8_t exponent_byte(int e) {

@@ -34,6 +34,22 @@ inline void decode(uint8_t r, uint8_t g, uint8_t b, uint8_t e, const float *tabl
     out[2] = b * s;
 }
 
+// Exponent e of frexp(m) for a normal positive float m, read straight from its
+// exponent bits: the same value as the library call, without the call.
+inline int frexp_exponent(float m) noexcept {
+    uint32_t bits;
+    std::memcpy(&bits, &m, sizeof bits);
+    return static_cast<int>((bits >> 23) & 0xffu) - 126;
+}
+
+// 2^k as a float, for -126 <= k <= 127.
+inline float pow2f(int k) noexcept {
+    const uint32_t bits = static_cast<uint32_t>(k + 127) << 23;
+    float f;
+    std::memcpy(&f, &bits, sizeof f);
+    return f;
+}
+
 // Truncated mantissa of an already scaled channel. A channel never exceeds the
 // largest one, so finite inputs land in [0, 256); negatives and NaN (which
 // only arise from bad input) become 0 instead of wrapping.
@@ -64,13 +80,10 @@ inline void encode(float r, float g, float b, double threshold, uint8_t out[4]) 
     // scaling is exact in double whatever m is (a float scale would overflow
     // for m below about 2^-120). For normal floats e comes straight from the
     // exponent bits, which is the same value without the library call.
-    uint32_t bits;
-    std::memcpy(&bits, &m, sizeof bits);
-    const int biased = static_cast<int>(bits >> 23);  // m > 0, so no sign bit
     int e;
     double s;
-    if (biased != 0) {
-        e = biased - 126;
+    if (std::isnormal(m)) {
+        e = frexp_exponent(m);
         const uint64_t sbits = static_cast<uint64_t>(1023 + 8 - e) << 52;
         std::memcpy(&s, &sbits, sizeof s);
     } else {
