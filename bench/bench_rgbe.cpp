@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "core/rgbe_pixel.hpp"
+#include "core/rgbe/rgbe_pixel.hpp"
 
 namespace {
 

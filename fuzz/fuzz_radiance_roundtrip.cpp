@@ -5,7 +5,7 @@
 #include <cstring>
 #include <vector>
 
-#include "core/radiance_io.hpp"
+#include "core/radiance/radiance_io.hpp"
 #include "radiance_memfile.hpp"
 #include "rle_reference.hpp"
 

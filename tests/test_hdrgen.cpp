@@ -7,7 +7,7 @@
 #include <filesystem>
 #include <vector>
 
-#include "core/hdrgen.hpp"
+#include "core/hdrgen/hdrgen.hpp"
 #include "test_support.hpp"
 
 namespace {

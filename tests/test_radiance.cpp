@@ -14,8 +14,8 @@
 #include <vector>
 
 #include "../fuzz/rle_reference.hpp"
-#include "core/radiance_io.hpp"
-#include "core/rgbe_pixel.hpp"
+#include "core/radiance/radiance_io.hpp"
+#include "core/rgbe/rgbe_pixel.hpp"
 #include "test_support.hpp"
 
 namespace {

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "core/rgbe_pixel.hpp"
+#include "core/rgbe/rgbe_pixel.hpp"
 #include "test_support.hpp"
 
 namespace {

@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "Threading/bands.hpp"
-#include "core/rgbe_pixel.hpp"
+#include "core/rgbe/rgbe_pixel.hpp"
 #include "test_support.hpp"
-#include "tmlib/tmlib.hpp"
+#include "tmlib-core/tmlib_core.hpp"
 
 namespace {
 
@@ -90,7 +90,7 @@ TEST(TmToolkit, LogLumMapAndAverages) {
     // Pixels of luminance 1, e^2 and 0 (black), three floats each.
     const float img[9] = {1, 1, 1, e2, e2, e2, 0, 0, 0};
     float out[3] = {0, 0, 0}, map[3];
-    ASSERT_EQ(bv::tm::get_log_lum(0, 3, 1, 3, 0, out, nullptr, img, map, 0, 0), 2);
+    ASSERT_EQ(bv::tmcore::get_log_lum(0, 3, 1, 3, 0, out, nullptr, img, map, 0, 0), 2);
     EXPECT_NEAR(out[0], std::exp(1.0f), 1e-5f);
     EXPECT_NEAR(out[1], std::exp(1.0f), 1e-5f);
     EXPECT_NEAR(out[2], 1.0f, 1e-6f);
@@ -102,78 +102,78 @@ TEST(TmToolkit, LogLumMapAndAverages) {
     float lut8[256];
     for (int i = 0; i < 256; ++i) lut8[i] = i / 255.0f;
     const uint8_t px8[8] = {255, 255, 0, 255, 0, 0, 0, 0};
-    ASSERT_EQ(bv::tm::get_log_lum(2, 2, 1, 4, 0, out, lut8, px8, map, 0, 0), 1);
+    ASSERT_EQ(bv::tmcore::get_log_lum(2, 2, 1, 4, 0, out, lut8, px8, map, 0, 0), 1);
     EXPECT_NEAR(map[0], std::log(1.0f), 1e-6f);
     // 16-bit samples.
     std::vector<float> lut16(65536);
     for (int i = 0; i < 65536; ++i) lut16[i] = i / 65535.0f;
     const uint16_t px16[3] = {0, 65535, 0};
-    ASSERT_EQ(bv::tm::get_log_lum(1, 1, 1, 3, 0, out, lut16.data(), px16, map, 0, 0), 1);
+    ASSERT_EQ(bv::tmcore::get_log_lum(1, 1, 1, 3, 0, out, lut16.data(), px16, map, 0, 0), 1);
     EXPECT_NEAR(map[0], std::log(0.7152f), 1e-6f);
 
     // All black: out[0] stays as it was, the map holds the untouched minimum.
     const float black[6] = {0, 0, 0, 0, 0, 0};
     float kept[3] = {0.25f, 0, 0};
-    EXPECT_EQ(bv::tm::get_log_lum(0, 2, 1, 3, 0, kept, nullptr, black, map, 0, 0), 0);
+    EXPECT_EQ(bv::tmcore::get_log_lum(0, 2, 1, 3, 0, kept, nullptr, black, map, 0, 0), 0);
     EXPECT_EQ(kept[0], 0.25f);
     EXPECT_EQ(map[0], 1e9f);
     EXPECT_EQ(map[1], 1e9f);
 
-    EXPECT_EQ(bv::tm::get_log_lum(3, 2, 1, 3, 0, kept, nullptr, black, map, 0, 0), -1);
-    EXPECT_EQ(bv::tm::get_log_lum(2, 2, 1, 3, 0, kept, nullptr, px8, map, 0, 0), -1);
+    EXPECT_EQ(bv::tmcore::get_log_lum(3, 2, 1, 3, 0, kept, nullptr, black, map, 0, 0), -1);
+    EXPECT_EQ(bv::tmcore::get_log_lum(2, 2, 1, 3, 0, kept, nullptr, px8, map, 0, 0), -1);
 }
 
 TEST(TmToolkit, PercentileSafeguardsTerminate) {
     uint32_t hist[2][256] = {};
     hist[1][100] = 50;
-    EXPECT_EQ(bv::tm::verifPercentile(hist, 1, 10), 10);
+    EXPECT_EQ(bv::tmcore::verifPercentile(hist, 1, 10), 10);
     // Mass at the dark end: the count grows by 5 % steps until it reaches bin 100.
     for (int k = 0; k < 6; ++k) hist[0][k] = 100;
     hist[0][100] = 200;
-    const int c = bv::tm::verifPercentile(hist, 0, 50);
+    const int c = bv::tmcore::verifPercentile(hist, 0, 50);
     EXPECT_GE(c, 600);
     EXPECT_LT(c, 800);
     // Counts the 5 % steps cannot move, and an empty histogram, still return.
-    EXPECT_EQ(bv::tm::verifPercentile(hist, 0, 0), 0);
+    EXPECT_EQ(bv::tmcore::verifPercentile(hist, 0, 0), 0);
     uint32_t empty[1][256] = {};
-    EXPECT_GE(bv::tm::verifPercentile(empty, 0, 1000), 0);
+    EXPECT_GE(bv::tmcore::verifPercentile(empty, 0, 1000), 0);
     // Mass split between both ends makes the search oscillate; it must stop.
     uint32_t split[1][256] = {};
     split[0][0] = 1000;
     split[0][255] = 1000;
-    (void)bv::tm::verifPercentile(split, 0, 999);
+    (void)bv::tmcore::verifPercentile(split, 0, 999);
 }
 
 TEST(TmToolkit, AdjustPercentileSharesItsStepBudget) {
     std::vector<int32_t> top(1000, 0);
     top[990] = 100;  // everything above 90 %: the factor only shrinks
-    bv::tm::GlobalCntAdjust = 0;
-    const float f = bv::tm::adjust_percentile(100, 1000, top.data(), 0.5f);
+    bv::tmcore::GlobalCntAdjust = 0;
+    const float f = bv::tmcore::adjust_percentile(100, 1000, top.data(), 0.5f);
     float want = 0.5f;
     for (int i = 0; i < 40; ++i) want *= 0.99f;
     EXPECT_FLOAT_EQ(f, want);
-    EXPECT_EQ(bv::tm::GlobalCntAdjust, 40);
+    EXPECT_EQ(bv::tmcore::GlobalCntAdjust, 40);
     // The budget is spent: later calls return their factor untouched.
-    EXPECT_EQ(bv::tm::adjust_percentile(100, 1000, top.data(), 0.7f), 0.7f);
+    EXPECT_EQ(bv::tmcore::adjust_percentile(100, 1000, top.data(), 0.7f), 0.7f);
 
     std::vector<int32_t> flat(1000, 1);
-    bv::tm::GlobalCntAdjust = 0;
-    EXPECT_EQ(bv::tm::adjust_percentile(1000, 1000, flat.data(), 0.5f), 0.5f);
-    EXPECT_EQ(bv::tm::GlobalCntAdjust, 1);
+    bv::tmcore::GlobalCntAdjust = 0;
+    EXPECT_EQ(bv::tmcore::adjust_percentile(1000, 1000, flat.data(), 0.5f), 0.5f);
+    EXPECT_EQ(bv::tmcore::GlobalCntAdjust, 1);
     // Mass at the bottom: the factor grows by 1 % steps until 25 % is reached.
     std::vector<int32_t> low(1000, 0);
     low[10] = 60;
     for (int k = 300; k < 340; ++k) low[k] = 1;
-    bv::tm::GlobalCntAdjust = 0;
-    const float g = bv::tm::adjust_percentile(100, 1000, low.data(), 0.5f);
+    bv::tmcore::GlobalCntAdjust = 0;
+    const float g = bv::tmcore::adjust_percentile(100, 1000, low.data(), 0.5f);
     EXPECT_GT(g, 0.6f);
-    EXPECT_LE(bv::tm::GlobalCntAdjust, 40);
-    bv::tm::GlobalCntAdjust = 0;
+    EXPECT_LE(bv::tmcore::GlobalCntAdjust, 40);
+    bv::tmcore::GlobalCntAdjust = 0;
 }
 
 TEST(TmToolkit, CubicThroughTwoPointsFlatAtTheFirst) {
     double a, b, c, d;
-    bv::tm::coeffPoly3(&a, &b, &c, &d, 0.2, 0.1, 0.8, 0.9);
+    bv::tmcore::coeffPoly3(&a, &b, &c, &d, 0.2, 0.1, 0.8, 0.9);
     auto p = [&](double x) { return ((a * x + b) * x + c) * x + d; };
     auto slope = [&](double x) { return (3 * a * x + 2 * b) * x + c; };
     EXPECT_NEAR(p(0.2), 0.1, 1e-12);
@@ -181,7 +181,7 @@ TEST(TmToolkit, CubicThroughTwoPointsFlatAtTheFirst) {
     EXPECT_NEAR(slope(0.2), 0.0, 1e-12);
     // The fixed coefficients leave a slope of -3a(x1 - x0)^2 at x1.
     EXPECT_NEAR(slope(0.8), -3 * a * 0.36, 1e-12);
-    bv::tm::coeffPoly3(&a, &b, &c, &d, 0.5, 0.1, 0.5, 0.9);
+    bv::tmcore::coeffPoly3(&a, &b, &c, &d, 0.5, 0.1, 0.5, 0.9);
     EXPECT_EQ(a + b + c + d, 0.0);
     EXPECT_EQ(d, 0.0);
 }
@@ -189,7 +189,7 @@ TEST(TmToolkit, CubicThroughTwoPointsFlatAtTheFirst) {
 TEST(TmToolkit, MapDoublingWeights) {
     const float in[4] = {1, 2, 3, 4};
     float out[16];
-    ASSERT_EQ(bv::tm::tm1_init(4, 4, 2, 2, 0, in, out), 4);
+    ASSERT_EQ(bv::tmcore::tm1_init(4, 4, 2, 2, 0, in, out), 4);
     EXPECT_NEAR(out[0], 0.5626f + 0.09375f * 7 + 0.0156f * 10, 1e-6f);  // even, even
     EXPECT_NEAR(out[1], 0.375f * 3 + 0.0625f * 10, 1e-6f);              // odd x
     EXPECT_NEAR(out[4], 0.375f * 4 + 0.0625f * 10, 1e-6f);              // odd y
@@ -197,18 +197,18 @@ TEST(TmToolkit, MapDoublingWeights) {
     // A flat map stays flat (the even weights add up to one).
     const float flat[6] = {3, 3, 3, 3, 3, 3};
     float big[35];
-    ASSERT_EQ(bv::tm::tm1_init(7, 5, 3, 2, 0, flat, big), 5);
+    ASSERT_EQ(bv::tmcore::tm1_init(7, 5, 3, 2, 0, flat, big), 5);
     for (float v : big) EXPECT_NEAR(v, 3.0f, 1e-5f);
-    EXPECT_EQ(bv::tm::tm1_init(4, 4, 0, 2, 0, in, out), -1);
+    EXPECT_EQ(bv::tmcore::tm1_init(4, 4, 0, 2, 0, in, out), -1);
 }
 
 TEST(TmToolkit, InterleavedToPlanes) {
     const uint16_t px[8] = {1, 2, 3, 9, 4, 5, 6, 9};  // two RGBA-like pixels
     uint16_t planes[6];
-    ASSERT_EQ(bv::tm::rgb_interleaved2color_planes(2, 1, 4, 16, px, planes), 1);
+    ASSERT_EQ(bv::tmcore::rgb_interleaved2color_planes(2, 1, 4, 16, px, planes), 1);
     const uint16_t want[6] = {1, 4, 2, 5, 9, 9};  // G at 1, B at 3
     EXPECT_EQ(0, std::memcmp(planes, want, sizeof want));
-    EXPECT_EQ(bv::tm::rgb_interleaved2color_planes(2, 1, 3, 32, px, planes), -1);
+    EXPECT_EQ(bv::tmcore::rgb_interleaved2color_planes(2, 1, 3, 32, px, planes), -1);
 }
 
 // ---------------------------------------------------------------- tm_simple
@@ -431,7 +431,7 @@ TEST(TmSimple, LayoutsChannelOrderAndDepths) {
 
     // Planar output equals the interleaved result reordered.
     std::vector<uint8_t> want(rgb8.size());
-    bv::tm::rgb_interleaved2color_planes(w, h, 3, 8, rgb8.data(), want.data());
+    bv::tmcore::rgb_interleaved2color_planes(w, h, 3, 8, rgb8.data(), want.data());
     DimParam dp = d;
     dp.layout = 3;
     EXPECT_EQ(run<uint8_t>(p, nullptr, st, img, dp, 1), want);

@@ -7,7 +7,7 @@
 #include <cstring>
 
 #include "Threading/bands.hpp"
-#include "core/bv_internal.hpp"
+#include "common/boundary.hpp"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <cmath>
 #include <cstring>
 
-namespace bv::tm {
+namespace bv::tmcore {
 
 namespace {
 
@@ -62,13 +62,13 @@ int slider_to_param(int slider, double exponent) {
     return round_half_down(std::pow(slider * 0.01, exponent) * 200000.0);
 }
 
-}  // namespace bv::tm
+}  // namespace bv::tmcore
 
 extern "C" {
 
 BV_API int tmparam_default(unsigned method, int flag, TmParam *rec) {
     if (!rec) return -1;
-    bv::tm::set_defaults(method, flag, *rec);
+    bv::tmcore::set_defaults(method, flag, *rec);
     return 0;
 }
 
@@ -87,11 +87,11 @@ BV_API void init_dim_param(DimParam *p) {
 }
 
 BV_API int param2slider(float value, double exponent) {
-    return bv::tm::param_to_slider(value, exponent);
+    return bv::tmcore::param_to_slider(value, exponent);
 }
 
 BV_API int slider2param(int slider, double exponent) {
-    return bv::tm::slider_to_param(slider, exponent);
+    return bv::tmcore::slider_to_param(slider, exponent);
 }
 
 }  // extern "C"

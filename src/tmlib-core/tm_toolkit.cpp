@@ -4,9 +4,9 @@
 #include <cstdint>
 #include <cstring>
 
-#include "tmlib/tmlib.hpp"
+#include "tmlib-core/tmlib_core.hpp"
 
-namespace bv::tm {
+namespace bv::tmcore {
 
 // The module counter of adjust_percentile (see tmlib.hpp): the only mutable
 // state of the tone-mapping modules, reset by the callers that use it.
@@ -190,4 +190,4 @@ int rgb_interleaved2color_planes(int width, int height, int channels, int bits, 
     return height;
 }
 
-}  // namespace bv::tm
+}  // namespace bv::tmcore

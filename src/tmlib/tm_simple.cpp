@@ -9,9 +9,9 @@
 #endif
 
 #include "Threading/bands.hpp"
-#include "Utils/colour_adjust.hpp"
-#include "core/bv_internal.hpp"
-#include "tmlib/tmlib.hpp"
+#include "Utils/colour_adjust/colour_adjust.hpp"
+#include "common/boundary.hpp"
+#include "tmlib-core/tmlib_core.hpp"
 
 namespace bv::tm {
 

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <filesystem>
 
-#include "core/bv_internal.hpp"
+#include "common/boundary.hpp"
 
 namespace fs = std::filesystem;
 

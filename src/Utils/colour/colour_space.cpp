@@ -3,7 +3,7 @@
 
 #include <cmath>
 
-#include "Utils/colour_math.hpp"
+#include "Utils/colour/colour_math.hpp"
 
 namespace bv::utils {
 

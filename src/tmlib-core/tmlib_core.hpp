@@ -1,12 +1,12 @@
-// Internal interface of the tone-mapping modules: statistics toolkit and the simple tone mapper's
-// pieces.
+// Internal interface of the tone-mapping core: parameter records, slider mapping and the
+// log-luminance statistics toolkit shared by every tone mapper.
 #pragma once
 
 #include <Brackvista40Lib1.h>
 
 #include <cstdint>
 
-namespace bv::tm {
+namespace bv::tmcore {
 
 void set_defaults(unsigned method, int flag, TmParam &rec);
 int param_to_slider(float value, double exponent);
@@ -52,4 +52,4 @@ int tm1_init(int outWidth, int outHeight, int inWidth, int inHeight, int edgeFla
 int rgb_interleaved2color_planes(int width, int height, int channels, int bits, const void *src,
                                  void *dst);
 
-}  // namespace bv::tm
+}  // namespace bv::tmcore

@@ -4,9 +4,9 @@
 #include <cstdint>
 #include <cstring>
 
-#include "core/bv_internal.hpp"
-#include "core/hdrgen.hpp"
-#include "core/rgbe_pixel.hpp"
+#include "common/boundary.hpp"
+#include "core/hdrgen/hdrgen.hpp"
+#include "core/rgbe/rgbe_pixel.hpp"
 
 namespace bv::hdrgen {
 

@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <cstring>
 
-#include "core/bv_internal.hpp"
-#include "core/hdrgen.hpp"
+#include "common/boundary.hpp"
+#include "core/hdrgen/hdrgen.hpp"
 
 namespace bv::hdrgen {
 

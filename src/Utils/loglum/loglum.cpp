@@ -1,11 +1,11 @@
 // Log-luminance statistics of RGBE and float images, with their histogram.
-#include "Utils/loglum.hpp"
+#include "Utils/loglum/loglum.hpp"
 
 #include <cmath>
 #include <cstdint>
 
-#include "core/bv_internal.hpp"
-#include "core/rgbe_pixel.hpp"
+#include "common/boundary.hpp"
+#include "core/rgbe/rgbe_pixel.hpp"
 
 namespace bv::utils {
 

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <string>
 
-#include "core/radiance_io.hpp"
+#include "core/radiance/radiance_io.hpp"
 
 namespace bv::radiance {
 

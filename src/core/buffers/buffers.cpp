@@ -6,8 +6,8 @@
 #include <cstring>
 #include <utility>
 
-#include "core/bv_internal.hpp"
-#include "core/rgbe_pixel.hpp"
+#include "common/boundary.hpp"
+#include "core/rgbe/rgbe_pixel.hpp"
 
 namespace bv::core {
 namespace {

@@ -5,10 +5,10 @@
 #include <cstring>
 #include <utility>
 
-#include "Utils/loglum.hpp"
-#include "core/bv_internal.hpp"
-#include "core/rgbe_convert.hpp"
-#include "core/rgbe_pixel.hpp"
+#include "Utils/loglum/loglum.hpp"
+#include "common/boundary.hpp"
+#include "core/rgbe/rgbe_convert.hpp"
+#include "core/rgbe/rgbe_pixel.hpp"
 
 namespace bv::rgbe {
 

@@ -1,7 +1,7 @@
 // Exposure fusion's own names for the HSL conversions (same arithmetic).
 #include <Brackvista40Lib1.h>
 
-#include "Utils/colour_math.hpp"
+#include "Utils/colour/colour_math.hpp"
 
 extern "C" {
 

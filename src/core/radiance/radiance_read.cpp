@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/radiance_io.hpp"
+#include "core/radiance/radiance_io.hpp"
 
 namespace bv::radiance {
 

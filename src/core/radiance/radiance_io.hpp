@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <cstdio>
 
-#include "core/bv_internal.hpp"
+#include "common/boundary.hpp"
 
 namespace bv::radiance {
 

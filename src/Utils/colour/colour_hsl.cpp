@@ -1,7 +1,7 @@
 // Exported HSL conversions of the core module.
 #include <Brackvista40Lib1.h>
 
-#include "Utils/colour_math.hpp"
+#include "Utils/colour/colour_math.hpp"
 
 extern "C" {
 

@@ -2,8 +2,8 @@
 #include <cmath>
 #include <cstring>
 
-#include "core/bv_internal.hpp"
-#include "core/hdrgen.hpp"
+#include "common/boundary.hpp"
+#include "core/hdrgen/hdrgen.hpp"
 
 namespace bv::hdrgen {
 

@@ -4,7 +4,7 @@
 
 #include <Brackvista40Lib1.h>
 
-#include "Utils/colour_math.hpp"
+#include "Utils/colour/colour_math.hpp"
 
 namespace bv::utils {
 

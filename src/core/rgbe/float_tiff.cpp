@@ -6,9 +6,9 @@
 #include <cstring>
 #include <vector>
 
-#include "core/bv_internal.hpp"
-#include "core/rgbe_convert.hpp"
-#include "core/rgbe_pixel.hpp"
+#include "common/boundary.hpp"
+#include "core/rgbe/rgbe_convert.hpp"
+#include "core/rgbe/rgbe_pixel.hpp"
 
 namespace bv::core {
 namespace {

@@ -1,12 +1,12 @@
 // Per-hue colour tables and the in-place colour adjustment of 8/16-bit and float images.
-#include "Utils/colour_adjust.hpp"
+#include "Utils/colour_adjust/colour_adjust.hpp"
 
 #include <cmath>
 #include <cstdint>
 #include <vector>
 
 #include "Threading/bands.hpp"
-#include "core/bv_internal.hpp"
+#include "common/boundary.hpp"
 
 namespace bv::utils {
 

@@ -1,5 +1,5 @@
 // Scratch-allocation fault injection and the RAII file wrapper.
-#include "core/bv_internal.hpp"
+#include "common/boundary.hpp"
 
 #include <cstdio>
 
