@@ -761,6 +761,58 @@ BV_API int bv_adjust_colors(int threads, bv_progress_cb progressCb, int code,
                             DimParam dim);
 /* @end coloradjust */
 
+/* ===================================================================== */
+/*  Exposure fusion                                                      */
+/* ===================================================================== */
+/* @section fusion */
+
+/* --- Local refinement of a fused picture ------------------------------- */
+/* Codes of bv_fusion_local. */
+enum {
+    BV_FLOCAL_EMODE = -1,    /* a mode other than 2 */
+    BV_FLOCAL_EDEPTH = -2,   /* dim.bitsOut other than 8 or 16 */
+    BV_FLOCAL_EBADARG = -3,  /* NULL image or params, negative size, channels
+                                < 1, dim.rowOut shorter than a row */
+    BV_FLOCAL_ENOMEM = -4,   /* the tile tables could not be allocated */
+    BV_FLOCAL_ECANCEL = -5   /* the progress callback asked to stop */
+};
+
+/* Refines a fused picture in place: the second pass of the fusion's
+ * two-pass mode (fusion slot 9 = 1.0), which calls it with mode 2.
+ *
+ * Mode 2 is a local-contrast refinement on a grid of tiles. The grid step is
+ * the fusion module's InterpolationInterval (40 pixels until a two-pass
+ * fusion sets it to 85). Each tile, twice the step wide and centred on its
+ * grid point, gets a tone curve from its own luma histogram: histogram
+ * equalisation with every bin clipped at slot 10 times the mean bin height
+ * (the clipped counts spread evenly), mixed with the identity by
+ * 0.35 x slot 18 (clamped to 0..1). Between grid points the curves are
+ * interpolated bilinearly, so no tile edge shows. A pixel's R, G and B are
+ * scaled by new luma / old luma, then clamped, which keeps its hue. Slot 10
+ * <= 0 or slot 18 <= 0 leaves the image as it is. No other slot is read.
+ *   progressCb  NULL or a callback told 0.4 .. 1.0 on the calling thread
+ *               (it follows the pyramid stage, which reports up to 0.4).
+ *   params      the fusion record (slots 10 and 18 read, none written).
+ *   wrap        non-zero: the picture is a 360-degree panorama; curves
+ *               between the last and the first tile column are interpolated
+ *               across the seam.
+ *   image       dim.width x dim.height pixels of dim.channels samples,
+ *               dim.bitsOut 16: 16-bit, 8: 8-bit; rows dim.rowOut samples
+ *               apart (0 = packed); R, G, B at 0, (channels-1)/2, channels-1
+ *               (first and last exchanged when dim.bgr). Fewer than three
+ *               channels: the one sample is treated as luma.
+ *   threads     the first forwarded argument of the fusion: worker threads
+ *               (0 or 1 = calling thread). The output is identical for any
+ *               thread count.
+ *   reserved1..reserved4  the other forwarded arguments; not read.
+ * Returns 1 (also for an empty image or a zero strength), or a BV_FLOCAL_*
+ * code; on BV_FLOCAL_ECANCEL the image may be partly refined. Like the whole
+ * fusion, not for concurrent use: InterpolationInterval is module-wide. */
+BV_API int bv_fusion_local(int mode, bv_progress_cb progressCb, const TmParam *params, int wrap,
+                           void *image, int64_t threads, int64_t reserved1, int64_t reserved2,
+                           int64_t reserved3, int64_t reserved4, DimParam dim);
+/* @end fusion */
+
 #ifdef __cplusplus
 }
 #endif
