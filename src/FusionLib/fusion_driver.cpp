@@ -384,13 +384,14 @@ int pyramid_fusion(const Args &a, int threads, bool twoPass, int *adjustThreads)
     Scratch<float> luts(static_cast<size_t>(n) * levels), boost(65536), factors(static_cast<size_t>(n));
     if (!st || !order || !luts || !boost || !factors) return -4;
     uint32_t *dark = st.get(), *bright = dark + n, *sat = bright + n, *key = sat + n;
-    const bool statsOk = stats_order_photos(n, r.w, r.h, r.ch, dim.bitsIn, a.images, dark, bright,
-                                            sat, key, order.get()) >= 0;
+    if (stats_order_photos(n, r.w, r.h, r.ch, dim.bitsIn, a.images, dark, bright, sat, key,
+                           order.get()) < 0)
+        return -4;
     for (int i = 0; i < n; ++i)
         exposure_lut(slot[2], static_cast<double>(sat[i]) / static_cast<double>(r.P), levels,
                      luts.get() + static_cast<size_t>(i) * levels);
     boost_lut(slot[0], dim.bitsOut == 32, boost.get());
-    if (statsOk) image_factors(n, order.get(), slot[1], factors.get());
+    image_factors(n, order.get(), slot[1], factors.get());
 
     WeightJob job;
     job.n = n;
