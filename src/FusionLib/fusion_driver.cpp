@@ -50,13 +50,20 @@ struct TempFiles {
     }
 };
 
-// Seeks to `at` bytes and writes or reads `count` items of `size` bytes.
+// Seeks to `at` bytes; a seek that fails while flushing earlier writes is
+// a failed write (-2), any other a failed seek (-3).
+int seek(FILE *f, uint64_t at) {
+    if (fseeko(f, static_cast<off_t>(at), SEEK_SET) == 0) return 0;
+    return std::ferror(f) ? -2 : -3;
+}
+
+// Writes or reads `count` items of `size` bytes at `at`.
 int put(FILE *f, uint64_t at, const void *p, size_t size, size_t count) {
-    if (fseeko(f, static_cast<off_t>(at), SEEK_SET) != 0) return -3;
+    if (int rc = seek(f, at)) return rc;
     return std::fwrite(p, size, count, f) == count ? 0 : -2;
 }
 int get(FILE *f, uint64_t at, void *p, size_t size, size_t count, const char *what) {
-    if (fseeko(f, static_cast<off_t>(at), SEEK_SET) != 0) return -3;
+    if (int rc = seek(f, at)) return rc;
     const size_t got = std::fread(p, size, count, f);
     if (got == count) return 0;
     std::fprintf(stderr, "could not read %s - returned %d instead of %d\n", what,
@@ -336,7 +343,7 @@ int weights_through_files(const Run &r, WeightJob job, int threads) {
         for (int i = 0; i < r.a.n; ++i) {
             unsigned char *dst = in.get() + static_cast<size_t>(i) * strip * row * sb;
             const uint64_t at = (static_cast<uint64_t>(i) * r.P * r.ch + y0 * row) * sb;
-            if (fseeko(fs, static_cast<off_t>(at), SEEK_SET) != 0) return -3;
+            if (int rc = seek(fs, at)) return rc;
             const size_t got = std::fread(dst, sb, want, fs);
             if (got != want) {
                 std::fprintf(stderr, "could not read fpSource - returned %d instead of %d  at  %d\n",
