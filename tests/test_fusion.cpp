@@ -147,8 +147,8 @@ TEST(FusionExpand, ImpulseWeights) {
     for (const Case &c : cases) {
         std::vector<uint16_t> coarse(25, 0);
         coarse[c.cy * 5 + c.cx] = 10000;
-        std::vector<int32_t> row(10);
-        fu::expand_row(coarse.data(), 5, 5, 1, 10, c.fy, c.wrap != 0, row.data());
+        std::vector<int32_t> row(10), work(10);
+        fu::expand_row(coarse.data(), 5, 5, 1, 10, c.fy, c.wrap != 0, row.data(), work.data());
         EXPECT_EQ(row[c.fx], c.want) << "impulse " << c.cx << "," << c.cy << " at " << c.fx << ","
                                      << c.fy << " wrap " << c.wrap;
     }
@@ -327,12 +327,14 @@ TEST(FusionWeights, Maps) {
     std::vector<float> luts(3 * 256), boost(65536), factors(3, 0.0f);
     for (int i = 0; i < 3; ++i) fu::exposure_lut(1.0f, 0.0, 256, luts.data() + i * 256);
     fu::boost_lut(0.0f, true, boost.data());  // float output: Boost[0] = 0
+    std::vector<double> scores(3 * 3 * 256);
+    fu::score_tables(3, 256, luts.data(), scores.data());
     const void *rows[3] = {img.data(), img.data() + P * 3, img.data() + 2 * P * 3};
     // Image 2 owns slot 0 (pixels 2 and 3), image 0 slot 1 (pixel 3).
     const int32_t slots[3] = {1, -1, 0};
     const uint8_t mask[2] = {0x30, 0x10};
     fu::WeightJob job;
-    job.n = 3; job.width = w; job.rows = rows; job.luts = luts.data(); job.boost = boost.data();
+    job.n = 3; job.width = w; job.rows = rows; job.scores = scores.data(); job.boost = boost.data();
     job.factors = factors.data(); job.maskPlane = P; job.planeStride = P;
     for (int bits : {8, 16, 32}) {
         std::vector<float> f(3 * P);

@@ -29,6 +29,10 @@ int stats_order_photos(int n, int width, int height, int channels, int bits, con
 // the shape, satFraction is its saturated-pixel share.
 void exposure_lut(float g2, double satFraction, int levels, float *lut);
 
+// Each curve times the channel's share of the exposure score (0.2, 0.7,
+// 0.1 of 65536): scores[(i * 3 + c) * levels + v].
+void score_tables(int n, int levels, const float *luts, double *scores);
+
 // The 65536-entry table that turns a weighted exposure score into a weight.
 void boost_lut(float g0, bool floatOutput, float *lut);
 
@@ -46,7 +50,7 @@ struct WeightJob {
     int channels = 3;
     int bits = 8;                    // input samples: 8, 16 or 32 (float)
     const void *const *rows = nullptr;  // per image: its row 0 (packed rows)
-    const float *luts = nullptr;     // n x levels
+    const double *scores = nullptr;  // n x 3 x levels, from score_tables
     int levels = 256;
     const float *boost = nullptr;    // 65536
     const float *factors = nullptr;  // n, 0 = not applied
@@ -86,9 +90,9 @@ void reduce(const uint16_t *in, uint16_t *out, int w, int h, int channels, bool 
 void reduce(const float *in, float *out, int w, int h, int channels, bool wrap, int threads);
 
 // Row y of the 2x enlargement of a coarse level (cw x ch) to a fine width
-// fw; `out` gets fw x channels truncated values.
+// fw; `out` gets fw x channels truncated values. work: 2 x cw x channels.
 void expand_row(const uint16_t *coarse, int cw, int ch, int channels, int fw, int y, bool wrap,
-                int32_t *out);
+                int32_t *out, int32_t *work);
 
 // Gain applied to the detail level k of D under moire mode m.
 float fix_moire(int m, int k, int depth, float g);

@@ -85,6 +85,8 @@ struct Run {
     void *wbuf = nullptr;     // weight maps (memory) or two level buffers (files)
     size_t wlevel1 = 0;       // files: offset of the second level buffer
     TempFiles *files = nullptr;
+    size_t tmpStride = 0;     // per band: an expanded row and two coarse rows
+    float *wrows = nullptr;   // per band: a row of weights, one per sample
 };
 
 template <class W>
@@ -106,21 +108,27 @@ void blend_detail(const Run &r, int k, const W *wk, int32_t *tmp) {
     run_bands(
         0, fh, r.threads,
         [&](const Band &b) {
-            int32_t *e = tmp + static_cast<size_t>(b.index) * row;
+            int32_t *e = tmp + static_cast<size_t>(b.index) * r.tmpStride;
+            float *ws = r.wrows + static_cast<size_t>(b.index) * r.w * r.ch;
             for (int y = b.first; y < b.end; ++y) {
-                expand_row(gc, r.lv.w[k + 1], r.lv.h[k + 1], r.ch, fw, y, r.a.wrap != 0, e);
-                const size_t base = static_cast<size_t>(y) * row;
+                expand_row(gc, r.lv.w[k + 1], r.lv.h[k + 1], r.ch, fw, y, r.a.wrap != 0, e,
+                           e + row);
+                // One weight per pixel, spread over its samples, so that the
+                // blend below is one flat loop.
+                const W *wr = wk + static_cast<size_t>(y) * fw;
                 for (int x = 0; x < fw; ++x) {
-                    const float wv = weight_of(wk[static_cast<size_t>(y) * fw + x], r.wbits);
-                    for (int c = 0; c < r.ch; ++c) {
-                        const size_t s = base + static_cast<size_t>(x) * r.ch + c;
-                        const int d = gk[s] - e[static_cast<size_t>(x) * r.ch + c];
-                        if constexpr (std::is_same<A, float>::value) {
-                            ak[s] += static_cast<float>(d) * wv;
-                        } else {
-                            int v = ak[s] + static_cast<int>(static_cast<float>(d) * wv);
-                            ak[s] = static_cast<A>(v < 0 ? 0 : (v > 65535 ? 65535 : v));
-                        }
+                    const float wv = weight_of(wr[x], r.wbits);
+                    for (int c = 0; c < r.ch; ++c) ws[static_cast<size_t>(x) * r.ch + c] = wv;
+                }
+                const uint16_t *g = gk + static_cast<size_t>(y) * row;
+                A *a = ak + static_cast<size_t>(y) * row;
+                for (size_t s = 0; s < row; ++s) {
+                    const int d = g[s] - e[s];
+                    if constexpr (std::is_same<A, float>::value) {
+                        a[s] += static_cast<float>(d) * ws[s];
+                    } else {
+                        const int v = a[s] + static_cast<int>(static_cast<float>(d) * ws[s]);
+                        a[s] = static_cast<A>(v < 0 ? 0 : (v > 65535 ? 65535 : v));
                     }
                 }
             }
@@ -283,9 +291,10 @@ int collapse_level(const Run &r, int k, const int32_t *table, int32_t *tmp, size
     run_bands(
         0, r.lv.h[k], r.threads,
         [&](const Band &b) {
-            int32_t *e = tmp + static_cast<size_t>(b.index) * row;
+            int32_t *e = tmp + static_cast<size_t>(b.index) * r.tmpStride;
             for (int y = b.first; y < b.end; ++y) {
-                expand_row(coarse, r.lv.w[k + 1], r.lv.h[k + 1], r.ch, fw, y, r.a.wrap != 0, e);
+                expand_row(coarse, r.lv.w[k + 1], r.lv.h[k + 1], r.ch, fw, y, r.a.wrap != 0, e,
+                           e + row);
                 uint16_t *a = ak + static_cast<size_t>(y) * row;
                 for (size_t s = 0; s < row; ++s) {
                     const int v = e[s] + table[a[s]];
@@ -398,6 +407,9 @@ int pyramid_fusion(const Args &a, int threads, bool twoPass, int *adjustThreads)
         exposure_lut(slot[2], static_cast<double>(sat[i]) / static_cast<double>(r.P), levels,
                      luts.get() + static_cast<size_t>(i) * levels);
     boost_lut(slot[0], dim.bitsOut == 32, boost.get());
+    Scratch<double> scores(static_cast<size_t>(n) * 3 * levels);
+    if (!scores) return -4;
+    score_tables(n, levels, luts.get(), scores.get());
     image_factors(n, order.get(), slot[1], factors.get());
 
     WeightJob job;
@@ -405,7 +417,7 @@ int pyramid_fusion(const Args &a, int threads, bool twoPass, int *adjustThreads)
     job.width = r.w;
     job.channels = r.ch;
     job.bits = dim.bitsIn;
-    job.luts = luts.get();
+    job.scores = scores.get();
     job.levels = levels;
     job.boost = boost.get();
     job.factors = factors.get();
@@ -499,8 +511,11 @@ int pyramid_fusion(const Args &a, int threads, bool twoPass, int *adjustThreads)
     const float start = twoPass ? (acc32 ? 0.04f : 0.12f) : (acc32 ? 0.1f : 0.3f);
     const float end = twoPass ? 0.4f : 1.0f, span = twoPass ? 0.08f : 0.2f;
     const int bands = threads < 1 ? 1 : threads;
-    Scratch<int32_t> tmp(static_cast<size_t>(bands) * r.w * r.ch);
-    if (!tmp) return -4;
+    r.tmpStride = (2 * static_cast<size_t>(r.w) + 2) * r.ch;
+    Scratch<int32_t> tmp(static_cast<size_t>(bands) * r.tmpStride);
+    Scratch<float> wrows(static_cast<size_t>(bands) * r.w * r.ch);
+    if (!tmp || !wrows) return -4;
+    r.wrows = wrows.get();
     for (int step = 0; step < n; ++step) {
         const int i = n - 1 - step;
         rc = useFiles ? blend_from_files(r, i, tmp.get()) : blend_from_memory(r, i, tmp.get());

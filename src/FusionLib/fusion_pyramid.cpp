@@ -38,8 +38,28 @@ inline float binomial<float>(float c, float e0, float e1, float e2, float e3, fl
 template <class T>
 using Acc = typename std::conditional<std::is_same<T, float>::value, float, int>::type;
 
+// One output sample with missing neighbours counted as 0 beside the
+// kernel that skips them.
+template <class T>
+inline T reduce_border(const T *ru, const T *rc, const T *rd, size_t L, size_t C, size_t R, bool mu,
+                       bool md, bool ml, bool mr) {
+    using A = Acc<T>;
+    const A u = mu ? A(0) : A(ru[C]), d = md ? A(0) : A(rd[C]);
+    const A l = ml ? A(0) : A(rc[L]), r = mr ? A(0) : A(rc[R]);
+    const A ul = (mu || ml) ? A(0) : A(ru[L]), ur = (mu || mr) ? A(0) : A(ru[R]);
+    const A dl = (md || ml) ? A(0) : A(rd[L]), dr = (md || mr) ? A(0) : A(rd[R]);
+    const A centre = rc[C], sides = u + d + l + r, corners = ul + ur + dl + dr;
+    const bool mv = mu || md, mh = ml || mr;
+    if (!mv && !mh) return binomial<A>(rc[C], u, d, l, r, ul, ur, dl, dr);
+    if (mv && mh)
+        return from_double<T>(kCornerCentre * centre + kCornerSide * sides +
+                              kCornerCorner * corners);
+    return from_double<T>(kEdgeCentre * centre + kEdgeSide * sides + kEdgeCorner * corners);
+}
+
 template <class T>
 void reduce_rows(const T *in, T *out, int w, int h, int ch, bool wrap, int y0, int y1) {
+    using A = Acc<T>;
     const int ow = (w + 1) / 2;
     const size_t stride = static_cast<size_t>(w) * ch;
     for (int oy = y0; oy < y1; ++oy) {
@@ -49,7 +69,7 @@ void reduce_rows(const T *in, T *out, int w, int h, int ch, bool wrap, int y0, i
         const T *ru = mu ? rc : rc - stride;
         const T *rd = md ? rc : rc + stride;
         T *o = out + static_cast<size_t>(oy) * ow * ch;
-        for (int ox = 0; ox < ow; ++ox) {
+        auto general = [&](int ox) {
             const int cx = 2 * ox;
             int xl = cx - 1, xr = cx + 1;
             bool ml = xl < 0, mr = xr >= w;
@@ -60,28 +80,22 @@ void reduce_rows(const T *in, T *out, int w, int h, int ch, bool wrap, int y0, i
             const size_t C = static_cast<size_t>(cx) * ch;
             const size_t L = static_cast<size_t>(ml ? cx : xl) * ch;
             const size_t R = static_cast<size_t>(mr ? cx : xr) * ch;
-            const bool mv = mu || md, mh = ml || mr;
-            for (int c = 0; c < ch; ++c, ++o) {
-                using A = Acc<T>;
-                if (!mv && !mh) {
-                    *o = binomial<A>(rc[C + c], ru[C + c], rd[C + c], rc[L + c], rc[R + c],
-                                     ru[L + c], ru[R + c], rd[L + c], rd[R + c]);
-                    continue;
-                }
-                // Missing neighbours count as 0 beside the kernel that skips them.
-                const A u = mu ? A(0) : A(ru[C + c]), d = md ? A(0) : A(rd[C + c]);
-                const A l = ml ? A(0) : A(rc[L + c]), r = mr ? A(0) : A(rc[R + c]);
-                const A ul = (mu || ml) ? A(0) : A(ru[L + c]), ur = (mu || mr) ? A(0) : A(ru[R + c]);
-                const A dl = (md || ml) ? A(0) : A(rd[L + c]), dr = (md || mr) ? A(0) : A(rd[R + c]);
-                const A centre = rc[C + c], sides = u + d + l + r, corners = ul + ur + dl + dr;
-                if (mv && mh)
-                    *o = from_double<T>(kCornerCentre * centre + kCornerSide * sides +
-                                        kCornerCorner * corners);
-                else
-                    *o = from_double<T>(kEdgeCentre * centre + kEdgeSide * sides +
-                                        kEdgeCorner * corners);
-            }
+            for (int c = 0; c < ch; ++c)
+                o[static_cast<size_t>(ox) * ch + c] =
+                    reduce_border(ru, rc, rd, L + c, C + c, R + c, mu, md, ml, mr);
+        };
+        if (mu || md || ow < 3) {
+            for (int ox = 0; ox < ow; ++ox) general(ox);
+            continue;
         }
+        general(0);
+        // Inside: every neighbour exists.
+        const size_t end = static_cast<size_t>(ow - 1) * ch;
+        for (size_t s = ch; s < end; ++s) {
+            const size_t C = 2 * s - (s % ch), L = C - ch, R = C + ch;
+            o[s] = binomial<A>(rc[C], ru[C], rd[C], rc[L], rc[R], ru[L], ru[R], rd[L], rd[R]);
+        }
+        general(ow - 1);
     }
 }
 
@@ -132,37 +146,68 @@ void reduce(const float *in, float *out, int w, int h, int ch, bool wrap, int th
 }
 
 void expand_row(const uint16_t *coarse, int cw, int chh, int ch, int fw, int y, bool wrap,
-                int32_t *out) {
+                int32_t *out, int32_t *work) {
     const int cy = y / 2;
     const size_t stride = static_cast<size_t>(cw) * ch;
     const uint16_t *C = coarse + static_cast<size_t>(cy) * stride;
     const uint16_t *U = cy > 0 ? C - stride : C;
     const uint16_t *D = cy + 1 < chh ? C + stride : C;
     const bool yodd = y & 1;
-    for (int x = 0; x < fw; ++x) {
-        const int cx = x / 2;
-        const int l = cx > 0 ? cx - 1 : (wrap ? cw - 1 : 0);
-        const int r = cx + 1 < cw ? cx + 1 : (wrap ? 0 : cx);
+    // Column sums of the coarse rows the fine row reads: even rows use the
+    // centre row (A) and the rows above and below (B); odd rows the pair
+    // of rows around them (A). The weights then apply to integer sums.
+    int32_t *A = work, *B = work + stride;
+    if (yodd) {
+        for (size_t s = 0; s < stride; ++s) A[s] = C[s] + D[s];
+    } else {
+        for (size_t s = 0; s < stride; ++s) {
+            A[s] = C[s];
+            B[s] = U[s] + D[s];
+        }
+    }
+    auto pair = [&](int cx, int l, int r) {
         const size_t pc = static_cast<size_t>(cx) * ch, pl = static_cast<size_t>(l) * ch,
                      pr = static_cast<size_t>(r) * ch;
-        int32_t *o = out + static_cast<size_t>(x) * ch;
-        if (!yodd && !(x & 1)) {
-            for (int c = 0; c < ch; ++c)
-                o[c] = static_cast<int32_t>(
-                    0.5626 * C[pc + c] + 0.09375 * (U[pc + c] + D[pc + c] + C[pl + c] + C[pr + c]) +
-                    0.0156 * (U[pl + c] + U[pr + c] + D[pl + c] + D[pr + c]));
-        } else if (!yodd) {
-            for (int c = 0; c < ch; ++c)
-                o[c] = static_cast<int32_t>(0.375 * (C[pc + c] + C[pr + c]) +
-                                            0.0625 * (U[pc + c] + U[pr + c] + D[pc + c] + D[pr + c]));
-        } else if (!(x & 1)) {
-            for (int c = 0; c < ch; ++c)
-                o[c] = static_cast<int32_t>(0.375 * (C[pc + c] + D[pc + c]) +
-                                            0.0625 * (C[pl + c] + D[pl + c] + C[pr + c] + D[pr + c]));
-        } else {
-            for (int c = 0; c < ch; ++c)
-                o[c] = (C[pc + c] + C[pr + c] + D[pc + c] + D[pr + c]) >> 2;
+        int32_t *e = out + 2 * pc, *o = e + ch;
+        const bool odd_too = 2 * cx + 1 < fw;
+        for (int c = 0; c < ch; ++c) {
+            if (yodd) {
+                e[c] = static_cast<int32_t>(0.375 * A[pc + c] + 0.0625 * (A[pl + c] + A[pr + c]));
+                if (odd_too) o[c] = (A[pc + c] + A[pr + c]) >> 2;
+            } else {
+                e[c] = static_cast<int32_t>(0.5626 * A[pc + c] +
+                                            0.09375 * (B[pc + c] + A[pl + c] + A[pr + c]) +
+                                            0.0156 * (B[pl + c] + B[pr + c]));
+                if (odd_too)
+                    o[c] = static_cast<int32_t>(0.375 * (A[pc + c] + A[pr + c]) +
+                                                0.0625 * (B[pc + c] + B[pr + c]));
+            }
         }
+    };
+    auto border = [&](int cx) {
+        pair(cx, cx > 0 ? cx - 1 : (wrap ? cw - 1 : 0), cx + 1 < cw ? cx + 1 : (wrap ? 0 : cx));
+    };
+    const int pairs = (fw + 1) / 2;
+    border(0);
+    if (pairs > 1) {
+        // Inside: both neighbours exist; one flat loop the compiler can
+        // vectorise.
+        const size_t lo = static_cast<size_t>(ch), hi = static_cast<size_t>(pairs - 1) * ch;
+        if (yodd) {
+            for (size_t s = lo; s < hi; ++s) {
+                const size_t x2 = 2 * s - (s % ch);
+                out[x2] = static_cast<int32_t>(0.375 * A[s] + 0.0625 * (A[s - ch] + A[s + ch]));
+                out[x2 + ch] = (A[s] + A[s + ch]) >> 2;
+            }
+        } else {
+            for (size_t s = lo; s < hi; ++s) {
+                const size_t x2 = 2 * s - (s % ch);
+                out[x2] = static_cast<int32_t>(0.5626 * A[s] + 0.09375 * (B[s] + A[s - ch] + A[s + ch]) +
+                                               0.0156 * (B[s - ch] + B[s + ch]));
+                out[x2 + ch] = static_cast<int32_t>(0.375 * (A[s] + A[s + ch]) + 0.0625 * (B[s] + B[s + ch]));
+            }
+        }
+        border(pairs - 1);
     }
 }
 
