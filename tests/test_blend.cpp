@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <utility>
 #include <vector>
 
 #include "Utils/blend/blend.hpp"
@@ -148,6 +149,30 @@ TEST(Blend, ChannelOrderRowLengthsAndSpareSamples) {
     // over 0; row 1: 255 over 255 gives 254.
     const uint8_t want[10] = {49, 0, 77, 149, 5, 254, 0, 77, 19, 5};
     EXPECT_EQ(0, std::memcmp(res, want, sizeof want));
+}
+
+// Three channels in either order take different paths inside: blending a
+// BGR result must give the RGB blend with its first and last samples swapped.
+TEST(Blend, BgrResultMatchesSwappedRgbResult) {
+    const int w = 700, h = 5, n = 2;  // wider than one internal chunk
+    bvtest::Rng rng(11);
+    std::vector<uint16_t> stack(size_t(n) * w * h * 3);
+    std::vector<uint8_t> rgb(size_t(w) * h * 3), brush(size_t(w) * h * 2);
+    for (auto &v : stack) v = uint16_t(rng.next());
+    for (auto &v : rgb) v = uint8_t(rng.next());
+    for (size_t p = 0; p < brush.size() / 2; ++p)
+        brush[2 * p] = uint8_t(rng.next()), brush[2 * p + 1] = uint8_t(p / 40 % 5 == 4 ? 255 : p / 40 % 5);
+    std::vector<uint8_t> bgr = rgb;
+    for (size_t p = 0; p < bgr.size(); p += 3) std::swap(bgr[p], bgr[p + 2]);
+    const float evs[2] = {-1, 1};
+    TmParam rec[4] = {layer(30, -1), layer(80, 1), layer(99, -1), layer(10, 1)};
+    rec[0].slot[55] = 3;
+    DimParam d = dim_of(w, h, 3, 16, 8);
+    ASSERT_EQ(bv_blend(1, n, rec, evs, brush.data(), stack.data(), d, rgb.data()), h);
+    d.bgr = 1;
+    ASSERT_EQ(bv_blend(1, n, rec, evs, brush.data(), stack.data(), d, bgr.data()), h);
+    for (size_t p = 0; p < bgr.size(); p += 3) std::swap(bgr[p], bgr[p + 2]);
+    EXPECT_EQ(bgr, rgb);
 }
 
 // Random 8- and 16-bit stacks with a random brush give the same bytes for any

@@ -40,6 +40,81 @@ inline int mix(int src, int res, const Factors &f, int shift, int max) {
     return v < max ? v : max;
 }
 
+// Pixels per chunk of the three-channel path: the untouched result of a
+// chunk stays on the stack for the brush layers.
+constexpr int kChunk = 512;
+
+// result[i] = min((src[i] * a + result[i] * b) >> shift, max) over n samples,
+// and the brush mix of such a layer value into the base value. Plain loops
+// the compiler vectorises; built twice (AVX2 and the baseline) and chosen
+// at load time, with the same integer results either way.
+#define BV_BLEND_KERNELS(In, Out)                                                              \
+    __attribute__((target_clones("avx2", "default"))) void base_run(                          \
+        const In *src, Out *res, int n, Factors f, int shift, int max) {                      \
+        for (int i = 0; i < n; ++i) {                                                          \
+            const int v = (src[i] * f.a + res[i] * f.b) >> shift;                              \
+            res[i] = static_cast<Out>(v < max ? v : max);                                      \
+        }                                                                                      \
+    }                                                                                          \
+    __attribute__((target_clones("avx2", "default"))) void layer_run(                         \
+        const In *src, const Out *orig, const int *s1, Out *res, int n, Factors f, int shift,  \
+        int max) {                                                                             \
+        for (int i = 0; i < n; ++i) {                                                          \
+            int u = (src[i] * f.a + orig[i] * f.b) >> shift;                                   \
+            u = u < max ? u : max;                                                             \
+            res[i] = static_cast<Out>((res[i] * (256 - s1[i]) + u * s1[i]) >> 8);              \
+        }                                                                                      \
+    }
+BV_BLEND_KERNELS(uint8_t, uint8_t)
+BV_BLEND_KERNELS(uint8_t, uint16_t)
+BV_BLEND_KERNELS(uint16_t, uint8_t)
+BV_BLEND_KERNELS(uint16_t, uint16_t)
+#undef BV_BLEND_KERNELS
+
+// Natural-order three-channel results, the common case: the base layer over
+// whole chunks, then each run of pixels painted with one brush layer.
+template <class In, class Out>
+void blend_rows_rgb(int rows, const Factors &base, const Factors *layer, int brush_layers,
+                    const uint8_t *brush, const In *stack, const int64_t *offsets,
+                    const DimParam &dim, const Scales &sc, Out *result) {
+    const int w = dim.width;
+    const size_t row_in = static_cast<size_t>(dim.rowIn), row_out = static_cast<size_t>(dim.rowOut);
+    Out orig[3 * kChunk];
+    int s1[3 * kChunk];
+    int16_t which[kChunk];
+    for (int y = 0; y < rows; ++y) {
+        const In *s0 = stack + offsets[0] + y * row_in;
+        Out *res = result + y * row_out;
+        const uint8_t *br = brush ? brush + static_cast<size_t>(y) * 2 * w : nullptr;
+        for (int x0 = 0; x0 < w; x0 += kChunk) {
+            const int n = w - x0 < kChunk ? w - x0 : kChunk;
+            Out *r = res + 3 * static_cast<size_t>(x0);
+            if (br) std::memcpy(orig, r, sizeof(Out) * 3 * n);
+            base_run(s0 + 3 * static_cast<size_t>(x0), r, 3 * n, base, sc.shift, sc.max);
+            if (!br) continue;
+            const uint8_t *bp = br + 2 * static_cast<size_t>(x0);
+            for (int p = 0; p < n; ++p) {
+                const int strength = bp[2 * p], k = bp[2 * p + 1];
+                const int l = k < brush_layers ? k : brush_layers - 1;
+                which[p] = static_cast<int16_t>(k == 255 || strength == 0 ? -1 : l);
+            }
+            for (int p = 0; p < n;) {
+                const int l = which[p];
+                int q = p + 1;
+                while (q < n && which[q] == l) ++q;
+                if (l >= 0) {
+                    for (int i = p; i < q; ++i)
+                        s1[3 * i] = s1[3 * i + 1] = s1[3 * i + 2] = bp[2 * i] + 1;
+                    const In *sl = stack + offsets[l + 1] + y * row_in + 3 * static_cast<size_t>(x0 + p);
+                    layer_run(sl, orig + 3 * p, s1 + 3 * p, r + 3 * p, 3 * (q - p), layer[l],
+                              sc.shift, sc.max);
+                }
+                p = q;
+            }
+        }
+    }
+}
+
 template <class In, class Out>
 int blend_rows(int rows, const float *opacities, const int64_t *offsets, int brush_layers,
                const uint8_t *brush, const In *stack, const DimParam &dim, Out *result) {
@@ -50,8 +125,13 @@ int blend_rows(int rows, const float *opacities, const int64_t *offsets, int bru
     const size_t row_in = static_cast<size_t>(dim.rowIn), row_out = static_cast<size_t>(dim.rowOut);
     const Factors base = factors_for(opacities[0], sc);
     const bool painted = brush && brush_layers > 0;
-    std::vector<Factors> layer(static_cast<size_t>(painted ? brush_layers : 0));
-    for (size_t l = 0; l < layer.size(); ++l) layer[l] = factors_for(opacities[l + 1], sc);
+    Factors layer[kMaxBrushLayers];
+    for (int l = 0; painted && l < brush_layers; ++l) layer[l] = factors_for(opacities[l + 1], sc);
+    if (ch == 3 && !dim.bgr) {
+        blend_rows_rgb(rows, base, layer, brush_layers, painted ? brush : nullptr, stack, offsets,
+                       dim, sc, result);
+        return rows;
+    }
     const In *src0 = stack + offsets[0];
     for (int y = 0; y < rows; ++y) {
         const In *s0 = src0 + static_cast<size_t>(y) * row_in;
@@ -67,7 +147,7 @@ int blend_rows(int rows, const float *opacities, const int64_t *offsets, int bru
                 const int strength = br[2 * x], k = br[2 * x + 1];
                 if (k < 255 && strength > 0) {
                     const int l = k < brush_layers ? k : brush_layers - 1;
-                    const Factors &f = layer[static_cast<size_t>(l)];
+                    const Factors &f = layer[l];
                     const In *sl = stack + offsets[l + 1] + static_cast<size_t>(y) * row_in +
                                    static_cast<size_t>(x) * ch;
                     const int s1 = strength + 1, keep = 256 - s1;
