@@ -786,7 +786,8 @@ enum {
  * grid point, gets a tone curve from its own luma histogram: histogram
  * equalisation with every bin clipped at slot 10 times the mean bin height
  * (the clipped counts spread evenly), mixed with the identity by
- * 0.35 x slot 18 (clamped to 0..1). Between grid points the curves are
+ * 0.35 x slot 18 (clamped to 0..1; slot 10 above 256 clips nothing; grid
+ * steps below 8 count as 8). Between grid points the curves are
  * interpolated bilinearly, so no tile edge shows. A pixel's R, G and B are
  * scaled by new luma / old luma, then clamped, which keeps its hue. Slot 10
  * <= 0 or slot 18 <= 0 leaves the image as it is. No other slot is read.

@@ -100,6 +100,20 @@ TEST(FusionLocal, CodesAndNeutralSettings) {
     EXPECT_EQ(run(img, dim_of(0, 20, 3, 8)), 1);
 }
 
+// Out-of-range settings are held to sensible limits, never overflow.
+TEST(FusionLocal, ExtremeSettingsStayDefined) {
+    const DimParam d = dim_of(30, 20, 3, 16);
+    TmParam p = two_pass_slots();
+    p.slot[10] = 1e30f;
+    p.slot[18] = INFINITY;
+    for (int interval : {1, 2147483647}) {
+        std::vector<uint8_t> img = two_halves(30, 20, 3, 16, 5);
+        bv::fusion::InterpolationInterval = interval;
+        EXPECT_EQ(run(img, d, 2, 1, p), 1);
+    }
+    bv::fusion::InterpolationInterval = bv::fusion::kDefaultInterpolationInterval;
+}
+
 // Local contrast rises in both halves although they sit far apart in level,
 // and the dark half stays darker than the bright one.
 TEST(FusionLocal, RaisesContrastInEveryRegion) {

@@ -212,9 +212,13 @@ int refine_local_contrast(bv_progress_cb progress_cb, const TmParam &params, boo
     const float clip = params.slot[10], strength = params.slot[18];
     if (!(clip > 0.0f) || !(strength > 0.0f) || dim.width == 0 || dim.height == 0) return 1;
     const float mix = strength * kMixPerUnit < 1.0f ? strength * kMixPerUnit : 1.0f;
+    // At 256 times the mean no bin can be clipped any more.
+    const float limit = clip < kBins ? clip : static_cast<float>(kBins);
 
     Grid g;
-    g.step = interval < kMinInterval ? kMinInterval : interval;
+    // One tile over the whole picture is the coarsest grid there is.
+    const int longest = dim.width > dim.height ? dim.width : dim.height;
+    g.step = interval < kMinInterval ? kMinInterval : (interval > longest ? longest : interval);
     g.cols = (dim.width + g.step - 1) / g.step;
     g.rows = (dim.height + g.step - 1) / g.step;
     g.wrap = wrap;
@@ -226,8 +230,8 @@ int refine_local_contrast(bv_progress_cb progress_cb, const TmParam &params, boo
     im.off_r = dim.bgr ? last : 0;
     im.off_g = last / 2;
     im.off_b = dim.bgr ? 0 : last;
-    if (dim.bitsOut == 8) return refine<uint8_t>(progress_cb, im, g, clip, mix, threads);
-    return refine<uint16_t>(progress_cb, im, g, clip, mix, threads);
+    if (dim.bitsOut == 8) return refine<uint8_t>(progress_cb, im, g, limit, mix, threads);
+    return refine<uint16_t>(progress_cb, im, g, limit, mix, threads);
 }
 
 }  // namespace bv::fusion
