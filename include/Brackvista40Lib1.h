@@ -5,7 +5,7 @@
  * success (usually rows processed or a count), a negative code from the
  * family's table on failure. Sections follow the order data flows: buffers and
  * pixels, threads and progress, colour, RGBE, Radiance files, HDR generation,
- * tone mapping.
+ * tone mapping, fusion, exposure blend.
  *
  * Buffer layouts used throughout:
  *   RGB8 image      interleaved unsigned 8-bit samples, rows top to bottom.
@@ -891,7 +891,8 @@ enum {
  * grid point, gets a tone curve from its own luma histogram: histogram
  * equalisation with every bin clipped at slot 10 times the mean bin height
  * (the clipped counts spread evenly), mixed with the identity by
- * 0.35 x slot 18 (clamped to 0..1). Between grid points the curves are
+ * 0.35 x slot 18 (clamped to 0..1; slot 10 above 256 clips nothing; grid
+ * steps below 8 count as 8). Between grid points the curves are
  * interpolated bilinearly, so no tile edge shows. A pixel's R, G and B are
  * scaled by new luma / old luma, then clamped, which keeps its hue. Slot 10
  * <= 0 or slot 18 <= 0 leaves the image as it is. No other slot is read.
@@ -917,6 +918,71 @@ BV_API int bv_fusion_local(int mode, bv_progress_cb progressCb, const TmParam *p
                            void *image, int64_t threads, int64_t reserved1, int64_t reserved2,
                            int64_t reserved3, int64_t reserved4, DimParam dim);
 /* @end fusion */
+
+/* ===================================================================== */
+/*  Exposure blend                                                       */
+/* ===================================================================== */
+/* @section blend */
+/* Codes of the exposure blend. */
+enum {
+    BV_BLEND_UNTOUCHED = 1,  /* bv_blend: no layer has a positive opacity */
+    BV_BLEND_ETHREAD = -2,   /* a worker thread could not be created */
+    BV_BLEND_EBADARG = -3,   /* NULL pointer, n < 1, negative size, channels
+                                < 1, bits other than 8/16, short rows */
+    BV_BLEND_ENOMEM = -4     /* the layer tables could not be allocated */
+};
+
+/* Paints source exposures back into a processed result, in place.
+ *   layers  1 + B records: record 0 is the base layer (applies everywhere),
+ *           records 1..B the brush layers, B = (int)record0.slot[55] when a
+ *           brush is given (at most 255, a brush byte addresses no more),
+ *           else 0. Per record: slot 51 opacity in percent (limited to 99 %,
+ *           so the result always keeps 1 %; <= 0: layer off), slot 52 the
+ *           wanted exposure value: the exposure of evs closest to it is
+ *           used (equal distances: the lower EV for a negative target, the
+ *           higher for a positive one, the first for 0; an exact match wins
+ *           at once). n < 2 or evs NULL: exposure 0.
+ *   evs     n exposure values, or NULL.
+ *   brush   NULL, or 2 bytes per pixel, rows of dim.width pixels: strength,
+ *           layer index (255 = not painted; an index >= B uses layer B - 1).
+ *           A painted pixel of strength s mixes (s + 1) / 256 of its layer's
+ *           blend into the base blend; strength 0 keeps the base blend.
+ *   stack   n exposures, dim.bitsIn (8 or 16) bits, natural channel order,
+ *           rows dim.rowIn samples apart (0 = packed), exposure i at
+ *           i * rowIn * height samples.
+ *   result  dim.bitsOut (8 or 16) bits, rows dim.rowOut samples apart
+ *           (0 = packed), first and last channel exchanged when dim.bgr.
+ *           Only the samples at 0, (channels-1)/2 and channels-1 change.
+ * Layer blend, fixed point per sample: (src * a + res * b) >> sh, limited to
+ * the output range, with a = opacity * S, b = (1 - opacity) * R truncated;
+ * 8-bit output: R = 65535, sh = 16; 16-bit: R = 255, sh = 8; S = 65535 for
+ * 8-bit sources, else 255. A layer at opacity 0 thus still maps 8-bit
+ * samples v to (v * 65535) >> 16.
+ * threads: bands of height / threads rows (the last takes the rest); fewer
+ * than 2 threads or fewer than 3 rows a band work on the calling thread.
+ * Identical output for any thread count.
+ * Returns the rows of the last band (the height when run on one thread), 0
+ * for an empty image, BV_BLEND_UNTOUCHED, or a BV_BLEND_* code; on
+ * BV_BLEND_ETHREAD every started thread has been joined and the result is
+ * partly blended. */
+BV_API int bv_blend(int threads, int n, const TmParam *layers, const float *evs,
+                    const uint8_t *brush, const void *stack, DimParam dim, void *result);
+
+/* Draws a selection over the last exposure of an 8-bit stack for display:
+ * exposure n - 1 (at (n - 1) * inRowLen * rows bytes) is copied row by row
+ * into out (width * channels bytes a row; rows inRowLen / outRowLen bytes
+ * apart) and every selected pixel is tinted towards blue (R at 0, G at
+ * (channels-1)/2, B at channels-1).
+ *   mode != 0  selection is a bit mask, one bit per pixel in row order, most
+ *              significant bit first: R, G, B * 0.75, plus 63.75 on blue.
+ *   mode == 0  selection is one byte per pixel: m != 0 moves the pixel by
+ *              m / 1020 (at most a quarter) towards pure blue.
+ * Returns 0; BV_BLEND_EBADARG for NULL buffers, n < 1, negative sizes,
+ * channels < 1 or row lengths shorter than width * channels. */
+BV_API int brush_selection_preview(int mode, int n, int width, int rows, int inRowLen,
+                                   int outRowLen, int channels, const uint8_t *stack,
+                                   const uint8_t *selection, uint8_t *out);
+/* @end blend */
 
 #ifdef __cplusplus
 }

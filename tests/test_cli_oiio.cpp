@@ -584,3 +584,64 @@ TEST(Cli, CtrlCCancelsAndRemovesPartialOutput) {
 }
 
 }  // namespace
+
+namespace {
+
+// Grey PNG whose left `split` columns hold `left` and the rest `right`.
+void write_split_png(const std::string &path, int w, int h, int split, uint8_t left, uint8_t right) {
+    auto out = OIIO::ImageOutput::create(path);
+    ASSERT_TRUE(out);
+    std::vector<uint8_t> px(static_cast<size_t>(w) * h * 3);
+    for (size_t i = 0; i < px.size(); ++i) px[i] = static_cast<int>(i / 3 % w) < split ? left : right;
+    ASSERT_TRUE(out->open(path, OIIO::ImageSpec(w, h, 3, OIIO::TypeDesc::UINT8)));
+    ASSERT_TRUE(out->write_image(OIIO::TypeDesc::UINT8, px.data()));
+    ASSERT_TRUE(out->close());
+}
+
+// Brackets of 40, 120, 220 at EV -2, 0, +2 over a result of 100: a base layer
+// of 50 % at 0 EV gives 109 (fixed point, not 110); a brush layer of 99 % at
+// +2 EV painted on the left half gives 218 there.
+TEST(Cli, BlendPaintsLayersThroughAMask) {
+    REQUIRE_TOOL();
+    const std::string dir = fresh_dir("blend");
+    const int w = 32, h = 24;
+    const uint8_t levels[3] = {40, 120, 220};
+    std::vector<std::string> args = {"blend", "-q", "-o", dir + "/out.png", dir + "/result.png"};
+    for (int k = 0; k < 3; ++k) {
+        args.push_back(dir + "/b" + std::to_string(k) + ".png");
+        write_split_png(args.back(), w, h, 0, 0, levels[k]);
+    }
+    write_split_png(dir + "/result.png", w, h, 0, 0, 100);
+    write_split_png(dir + "/mask.png", w, h, w / 2, 255, 0);
+    write_split_png(dir + "/small.png", w - 1, h, 0, 0, 100);
+    std::vector<std::string> ok = args;
+    ok.insert(ok.end(), {"-e", "1,4,16", "--base", "50@0", "--layers", "99@2", "--brush",
+                         dir + "/mask.png"});
+    Result r = run(ok);
+    ASSERT_EQ(r.code, 0) << r.err;
+    Image img;
+    ASSERT_TRUE(read_image(dir + "/out.png", &img));
+    ASSERT_EQ(img.width, w);
+    for (int x = 0; x < w; ++x)
+        EXPECT_EQ(std::lround(img.px[(5 * w + x) * 3 + 1] * 255), x < w / 2 ? 218 : 109) << x;
+
+    std::vector<std::string> no_mask = args, nothing = args, wrong_size = ok;
+    no_mask.insert(no_mask.end(), {"--layers", "99@2"});
+    nothing.insert(nothing.end(), {"--base", "0@1"});
+    wrong_size[4] = dir + "/small.png";
+    const struct {
+        std::vector<std::string> args;
+        int code;
+        std::string says;
+    } bad[] = {{no_mask, 2, "one mask per layer"},
+               {nothing, 2, "nothing to blend"},
+               {wrong_size, 1, "the picture is 31x24"}};
+    for (const auto &c : bad) {
+        Result b = run(c.args);
+        EXPECT_EQ(b.code, c.code) << b.err;
+        EXPECT_EQ(b.err_lines(), 1) << b.err;
+        EXPECT_NE(b.err.find(c.says), std::string::npos) << b.err;
+    }
+}
+
+}  // namespace
