@@ -50,7 +50,6 @@ struct Fusion {
     const int32_t *slots = nullptr;
     const uint8_t *mask = nullptr;
     uint64_t scratch = 0;
-    size_t extra_scratch = 0;
     Fusion() { tmparam_default(10, 0, &params); }
 
     size_t bound() const { return static_cast<size_t>(static_cast<float>(w * h) * 1.5 + 0.5); }
@@ -61,7 +60,7 @@ struct Fusion {
         size_t bytes = 2 * ch * bound();
         const size_t picture = stride * h * sb;
         if (picture > bytes) bytes = picture;
-        std::vector<uint8_t> buf(bytes + scratch + extra_scratch, fill);
+        std::vector<uint8_t> buf(bytes + scratch, fill);
         DimParam d;
         init_dim_param(&d);
         d.width = w;
@@ -444,6 +443,20 @@ TEST(FusionDriver, ThreadsAndFilesGiveOnePicture) {
 // The caller's scratch, whole or partial, holds the accumulator and the
 // weights without changing a bit; every failed allocation gives -4.
 TEST(FusionDriver, ScratchPlacementAndAllocationFailures) {
+    for (int cfg : {3, 2}) {  // float output and padded rows put the scratch after the picture
+        Fusion f = configured(kConfigs[cfg]);
+        const Stack s = make_stack(f);
+        std::vector<uint8_t> ref, out;
+        ASSERT_EQ(f.run(s.get(f.bitsIn), &ref), 1);
+        uint64_t need = 0;
+        ASSERT_EQ(mem4fusion(1, f.n, f.wbits, f.acc, &need, 0,
+                             static_cast<uint64_t>(f.w) | static_cast<uint64_t>(f.h) << 32, f.ch), 1);
+        for (uint64_t budget : {need, need / 2}) {
+            f.scratch = budget;
+            ASSERT_EQ(f.run(s.get(f.bitsIn), &out), 1);
+            EXPECT_EQ(out, ref) << kConfigs[cfg].name << " budget " << budget;
+        }
+    }
     Fusion f = configured(kConfigs[1]);
     const Stack s = make_stack(f);
     std::vector<uint8_t> ref, out;

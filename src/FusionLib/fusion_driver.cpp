@@ -452,7 +452,13 @@ int pyramid_fusion(const Args &a, int threads, bool twoPass, int *adjustThreads)
     const size_t level1 = r.D > 0 ? static_cast<size_t>(r.lv.w[1]) * r.lv.h[1] : 0;
     const size_t wvalues = useFiles ? r.P + level1 : static_cast<size_t>(n - 1) * r.P + r.L;
     const size_t wBytes = wvalues * r.wbytes;
-    unsigned char *spare = static_cast<unsigned char *>(a.output) + 2 * static_cast<size_t>(r.ch) * r.L;
+    // The caller's scratch follows the 2 x channels x L bytes of output, or
+    // the picture itself when that is larger (float output, long rows).
+    const size_t outBytes = static_cast<size_t>(r.h) *
+                            (dim.rowOut > 0 ? static_cast<size_t>(dim.rowOut) : static_cast<size_t>(r.w) * r.ch) *
+                            sample_bytes(dim.bitsOut == 16 || dim.bitsOut == 32 ? dim.bitsOut : 8);
+    unsigned char *spare = static_cast<unsigned char *>(a.output) +
+                           std::max(2 * static_cast<size_t>(r.ch) * r.L, outBytes);
     Scratch<unsigned char> accOwn, wOwn, gOwn;
     uint64_t budget = a.scratchBytes;
     if (budget >= accBytes && aligned(spare, accSize)) {
