@@ -7,6 +7,7 @@
 
 #include "Threading/bands.hpp"
 #include "common/boundary.hpp"
+#include "common/pixels.hpp"
 
 namespace bv::utils {
 
@@ -109,28 +110,21 @@ struct AdjustJob {
     ColourStage colour;
 };
 
-struct AdjustRecord {
-    const AdjustJob *job;
-    int first, end;
-    int result;
-};
-
 template <class T>
 void adjust_rows(const AdjustJob &j, T *base, float range, int first, int end) {
-    const int ci = j.bgr ? j.channels - 1 : 0;
-    const int cg = (j.channels - 1) / 2;
-    const int co = j.bgr ? 0 : j.channels - 1;
+    const ChannelOffsets o = channel_offsets(j.channels, j.bgr);
+    const int at[3] = {o.r, o.g, o.b};
     for (int y = first; y < end; ++y) {
         T *px = base + static_cast<size_t>(y) * j.row;
         for (int x = 0; x < j.width; ++x, px += j.channels) {
-            float rgb[3] = {static_cast<float>(px[ci]) / range, static_cast<float>(px[cg]) / range,
-                            static_cast<float>(px[co]) / range};
+            float rgb[3] = {static_cast<float>(px[o.r]) / range,
+                            static_cast<float>(px[o.g]) / range,
+                            static_cast<float>(px[o.b]) / range};
             if (j.colour.temperature) {
                 const float lum = 0.2126f * rgb[0] + 0.7152f * rgb[1] + 0.0722f * rgb[2];
                 apply_temperature(rgb[0], rgb[1], rgb[2], lum, j.colour.gains);
             }
             j.colour.finish(rgb);
-            const int at[3] = {ci, cg, co};
             for (int c = 0; c < 3; ++c) {
                 const float v = clamp01(rgb[c]);
                 if constexpr (sizeof(T) == 4)
@@ -149,38 +143,35 @@ int adjust_colors_orig(const AdjustJob &j, int first, int end) {
         adjust_rows(j, reinterpret_cast<float *>(j.image), 1.0f, first, end);
     else
         adjust_rows(j, j.image, 255.0f, first, end);
-    return end;
-}
-
-void *adjust_colors_threaded(void *arg) {
-    auto *r = static_cast<AdjustRecord *>(arg);
-    r->result = adjust_colors_orig(*r->job, r->first, r->end);
-    return nullptr;
+    return end - first;
 }
 
 int adjust_colors(int threads, bv_progress_cb cb, const TmParam &colour, void *image,
                   const DimParam &dim) {
-    if (dim.width < 0 || dim.height < 0 || dim.channels < 0) return BV_CA_EBADARG;
-    if (dim.width == 0 || dim.height == 0) return 0;
-    if (dim.channels < 3) return dim.height;
-    size_t packed;
-    if (!checked_mul(static_cast<size_t>(dim.width), static_cast<size_t>(dim.channels), &packed))
-        return BV_CA_EBADARG;
-    if (dim.rowOut < 0 || (dim.rowOut > 0 && static_cast<size_t>(dim.rowOut) < packed))
-        return BV_CA_EBADARG;
+    const threading::DimBands rows(dim, 3);
+    switch (rows.status()) {
+        case threading::DimBands::kEmpty:
+            return 0;
+        case threading::DimBands::kFewChannels:
+            return dim.height;  // nothing to colour
+        case threading::DimBands::kBad:
+            return BV_CA_EBADARG;
+        case threading::DimBands::kOk:
+            break;
+    }
 
     AdjustJob j{};
     j.image = static_cast<unsigned char *>(image);
     j.width = dim.width;
     j.channels = dim.channels;
     j.bits = (dim.bitsOut == 16 || dim.bitsOut == 32) ? dim.bitsOut : 8;
-    j.row = dim.rowOut > 0 ? static_cast<size_t>(dim.rowOut) : packed;
+    j.row = rows.row_samples();
     j.bgr = dim.bgr != 0;
     j.colour = colour_stage_from(colour);
     j.colour.tables = has_table_params(colour);
     if (!j.colour.any()) return dim.height;
 
-    if (!progress(cb, 0.0f)) return BV_CA_ECANCEL;
+    if (!threading::report_progress(cb, 0.0f)) return BV_CA_ECANCEL;
     Scratch<float> hue, value;
     if (j.colour.tables) {
         if (!hue.alloc(3 * kLutEntries) || !value.alloc(kLutEntries)) return BV_CA_ENOMEM;
@@ -188,21 +179,11 @@ int adjust_colors(int threads, bv_progress_cb cb, const TmParam &colour, void *i
         j.colour.hue = hue.get();
         j.colour.value = value.get();
     }
-    if (threads <= 1) {
-        adjust_colors_orig(j, 0, dim.height);
-    } else {
-        std::vector<AdjustRecord> records(static_cast<size_t>(threads));
-        const int rc = threading::run_bands(
-            0, dim.height, threads,
-            [&](const threading::Band &b) {
-                AdjustRecord &r = records[static_cast<size_t>(b.index)];
-                r = AdjustRecord{&j, b.first, b.end, 0};
-                adjust_colors_threaded(&r);
-            },
-            threading::OnSpawnFailure::Fail);
-        if (rc < 0) return BV_CA_EDEPTH;
-    }
-    progress(cb, 1.0f);
+    const int rc = rows.run(
+        threads, [&](const threading::Band &b) { return adjust_colors_orig(j, b.first, b.end); },
+        BV_CA_EDEPTH);
+    if (rc < 0) return rc;
+    threading::report_progress(cb, 1.0f);
     return dim.height;
 }
 

@@ -5,7 +5,7 @@
 #include <cstdint>
 
 #include "common/boundary.hpp"
-#include "core/rgbe/rgbe_pixel.hpp"
+#include "common/pixels.hpp"
 
 namespace bv::utils {
 
@@ -71,7 +71,7 @@ void scan_rgbe(int width, int height, const float *table, const uint8_t *rgbe,
                Accumulator &acc) noexcept {
     uint64_t index = 0;
     for (int y = 0; y < height; ++y) {
-        const bv::rgbe::Row row(rgbe, width, y);
+        const bv::RgbeRow row(rgbe, width, y);
         for (int x = 0; x < width; ++x, ++index) {
             const uint8_t e = row.e[x];
             if (e == 0) continue;
