@@ -106,7 +106,7 @@ float adjust_percentile(uint64_t count, int nbins, const int32_t *hist, float fa
     const int hi = static_cast<int>(0.9 * nbins);
     const int lo = static_cast<int>(0.25 * nbins);
     for (;;) {
-        const int k = utils::percentile(count, static_cast<uint32_t>(nbins), hist, factor);
+        const int k = loglum::percentile(count, static_cast<uint32_t>(nbins), hist, factor);
         if (GlobalCntAdjust > 39) return factor;
         ++GlobalCntAdjust;
         if (k > hi) {

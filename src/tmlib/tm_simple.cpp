@@ -31,7 +31,7 @@ struct CurveSet {
     float m;    // contrast exponent
     float lo;   // black end, after the black clip
     float inv;  // 1 / (white end after the clip - black end)
-    utils::ColourStage colour;
+    coloradjust::ColourStage colour;
 };
 
 struct Job {
@@ -94,7 +94,7 @@ CurveSet make_curve(const TmParam &p, const LogLumStats &st, float range) {
     cs.m = m;
     cs.lo = static_cast<float>(lo_clip);
     cs.inv = static_cast<float>(1.0 / ((hi - s[3] * 0.03 * d) - lo_clip));
-    cs.colour = utils::colour_stage_from(p);
+    cs.colour = coloradjust::colour_stage_from(p);
     return cs;
 }
 
@@ -105,7 +105,7 @@ inline void render(const CurveSet &s, float range, float r, float g, float b, fl
     const float scale = s.a * e_scale;
     const float y = 0.2126f * r + 0.7152f * g + 0.0722f * b;
     const float lambda = y * scale * s.c + s.a0;
-    if (s.colour.temperature) utils::apply_temperature(r, g, b, y, s.colour.gains);
+    if (s.colour.temperature) coloradjust::apply_temperature(r, g, b, y, s.colour.gains);
     const float sigma = std::pow(s.f * lambda, s.m) + 1e-20f;
     const float in[3] = {r, g, b};
     for (int ch = 0; ch < 3; ++ch) {
@@ -335,7 +335,7 @@ int tm_simple_impl(const TmParam *params, const unsigned char *region_map, const
         if (v > 0.0f) regions = v >= kMaxRegionSets ? kMaxRegionSets : static_cast<int>(v);
     }
     const size_t sets = static_cast<size_t>(regions) + 1;
-    const size_t lut = static_cast<size_t>(utils::kLutEntries);
+    const size_t lut = static_cast<size_t>(coloradjust::kLutEntries);
     Scratch<float> hue_tables, value_tables;
     if (!hue_tables.alloc(sets * lut * 3) || !value_tables.alloc(sets * lut)) return BV_TM_ENOMEM;
     // Also rejects NaN statistics.
@@ -347,12 +347,12 @@ int tm_simple_impl(const TmParam *params, const unsigned char *region_map, const
         TmParam colour;
         std::memcpy(&colour, &params[k], sizeof colour);
         curves[k] = make_curve(colour, stats, range);
-        if (!utils::has_table_params(colour) && colour.slot[13] == 0.0f) continue;
+        if (!coloradjust::has_table_params(colour) && colour.slot[13] == 0.0f) continue;
         float *hue = hue_tables.get() + k * lut * 3;
         float *value = value_tables.get() + k * lut;
         curves[k].colour.tables = true;
         curves[k].colour.use_value =
-            utils::build_colour_luts(colour, utils::kLutEntries, hue, value) != 0;
+            coloradjust::build_colour_luts(colour, coloradjust::kLutEntries, hue, value) != 0;
         curves[k].colour.hue = hue;
         curves[k].colour.value = value;
     }

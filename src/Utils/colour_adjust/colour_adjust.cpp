@@ -9,7 +9,7 @@
 #include "common/boundary.hpp"
 #include "common/pixels.hpp"
 
-namespace bv::utils {
+namespace bv::coloradjust {
 
 namespace {
 
@@ -92,8 +92,8 @@ int build_colour_luts(const TmParam &p, int entries, float *hue, float *value) n
 
 WhiteGains temperature_gains(float step) noexcept {
     float xyz[3];
-    kelvin_to_xyz(6500.0f, xyz);  // a temperature off the locus keeps D65
-    kelvin_to_xyz(6500.0f - step * 260.0f, xyz);
+    colour::kelvin_to_xyz(6500.0f, xyz);  // a temperature off the locus keeps D65
+    colour::kelvin_to_xyz(6500.0f - step * 260.0f, xyz);
     return WhiteGains{xyz[0] * 1.0521265f, xyz[2] * 0.9184811f};
 }
 
@@ -188,16 +188,16 @@ int adjust_colors(int threads, bv_progress_cb cb, const TmParam &colour, void *i
 }
 
 }  // namespace
-}  // namespace bv::utils
+}  // namespace bv::coloradjust
 
 extern "C" {
 
 BV_API int has_color_param(int mode, const TmParam *rec) {
     if (!rec) return BV_CA_EBADARG;
-    if (mode == BV_CA_MODE_TABLES) return bv::utils::has_table_params(*rec) ? mode : 0;
+    if (mode == BV_CA_MODE_TABLES) return bv::coloradjust::has_table_params(*rec) ? mode : 0;
     if (mode == BV_CA_MODE_ALL) {
         const bool any = static_cast<int>(rec->slot[12]) != 0 ||
-                         static_cast<int>(rec->slot[13]) != 0 || bv::utils::has_table_params(*rec);
+                         static_cast<int>(rec->slot[13]) != 0 || bv::coloradjust::has_table_params(*rec);
         return any ? mode : 0;
     }
     return BV_CA_EBADARG;
@@ -208,7 +208,7 @@ BV_API int getColorAdjustmentLUTs(int mode, const TmParam *rec, int entries, int
     if (!rec || !hueTable || !valueTable) return BV_CA_EBADARG;
     if (mode != BV_CA_MODE_ALL && mode != BV_CA_MODE_TABLES) return BV_CA_EBADARG;
     if (entries < 2 || (bits != 8 && bits != 16 && bits != 32)) return BV_CA_EBADARG;
-    return bv::utils::build_colour_luts(*rec, entries, hueTable, valueTable);
+    return bv::coloradjust::build_colour_luts(*rec, entries, hueTable, valueTable);
 }
 
 BV_API int bv_adjust_colors(int threads, bv_progress_cb progressCb, int code, const TmParam *params,
@@ -217,7 +217,7 @@ BV_API int bv_adjust_colors(int threads, bv_progress_cb progressCb, int code, co
     (void)params;
     if (!colour || !image) return BV_CA_EBADARG;
     return bv::c_boundary(BV_CA_ENOMEM, BV_CA_ENOMEM, [&] {
-        return bv::utils::adjust_colors(threads, progressCb, *colour, image, dim);
+        return bv::coloradjust::adjust_colors(threads, progressCb, *colour, image, dim);
     });
 }
 

@@ -9,7 +9,7 @@
 #include "common/boundary.hpp"
 #include "common/pixels.hpp"
 
-namespace bv::core {
+namespace bv::buffers {
 namespace {
 
 using u8 = unsigned char;
@@ -98,9 +98,9 @@ int copy_rows(int rows, size_t bytes, size_t src_stride, size_t dst_stride, cons
     return rows;
 }
 
-}  // namespace bv::core
+}  // namespace bv::buffers
 
-using namespace bv::core;
+using namespace bv::buffers;
 
 extern "C" {
 

@@ -8,7 +8,7 @@
 
 #include "common/pixels.hpp"
 
-namespace bv::core {
+namespace bv::buffers {
 namespace {
 
 // Reads n bytes, missing ones as 0, into b.
@@ -40,9 +40,9 @@ uint64_t ordered(FILE *f, int n, uint16_t order) noexcept {
 }
 
 }  // namespace
-}  // namespace bv::core
+}  // namespace bv::buffers
 
-using namespace bv::core;
+using namespace bv::buffers;
 using bv::round_half_down;
 using bv::trunc_to_int;
 

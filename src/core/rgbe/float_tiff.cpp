@@ -11,7 +11,7 @@
 #include "core/rgbe/rgbe_convert.hpp"
 #include "core/rgbe/rgbe_pixel.hpp"
 
-namespace bv::core {
+namespace bv::rgbe {
 namespace {
 
 constexpr uint16_t kLittle = 0x4949;  // "II"
@@ -170,25 +170,25 @@ int write_tiff(const char *path, int width, int height, int normalise,
 }
 
 }  // namespace
-}  // namespace bv::core
+}  // namespace bv::rgbe
 
 extern "C" {
 
-float readfloat(uint16_t order, FILE *f) { return bv::core::read_biased(order, f); }
+float readfloat(uint16_t order, FILE *f) { return bv::rgbe::read_biased(order, f); }
 
 int fp2rgbe(const char *path, int width, int height, int samplesPerPixel, int64_t dataOffset,
             float *minOut, float *maxOut, float *meanOut, unsigned char *rgbe) {
     if (!path || !minOut || !maxOut || !meanOut || width < 0 || samplesPerPixel < 1 ||
         dataOffset < 0 || (height > 0 && width > 0 && !rgbe))
         return BV_RGBE_ERR_ARG;
-    return bv::core::read_tiff(path, width, height, samplesPerPixel, dataOffset, minOut, maxOut,
+    return bv::rgbe::read_tiff(path, width, height, samplesPerPixel, dataOffset, minOut, maxOut,
                                meanOut, rgbe);
 }
 
 int fp_save(const char *path, int width, int height, int normalise, const unsigned char *rgbe) {
     if (!rgbe || width < 1 || height < 1 || width > 65535 || height > 65535) return BV_RGBE_ERR_ARG;
     if (!path) return BV_RGBE_ERR_WRITE;
-    return bv::core::write_tiff(path, width, height, normalise, rgbe);
+    return bv::rgbe::write_tiff(path, width, height, normalise, rgbe);
 }
 
 }  // extern "C"

@@ -16,7 +16,7 @@ int make_normaliser(int width, int height, const float *table, const uint8_t *rg
                     Normaliser *n) noexcept {
     LogLumStats stats{};
     stats.v[BV_LLS_MIN] = 8.0f;  // RGBE input
-    const int rc = bv::utils::log_min_max_moy(width, height, table, rgbe, &stats);
+    const int rc = bv::loglum::log_min_max_moy(width, height, table, rgbe, &stats);
     if (rc < 0) return rc;
     const float lo = static_cast<float>(std::exp(stats.v[BV_LLS_MIN]));
     const float hi = static_cast<float>(std::exp(stats.v[BV_LLS_P995]));
