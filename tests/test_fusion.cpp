@@ -326,14 +326,12 @@ TEST(FusionWeights, Maps) {
     std::vector<float> luts(3 * 256), boost(65536), factors(3, 0.0f);
     for (int i = 0; i < 3; ++i) fu::exposure_lut(1.0f, 0.0, 256, luts.data() + i * 256);
     fu::boost_lut(0.0f, true, boost.data());  // float output: Boost[0] = 0
-    std::vector<double> scores(3 * 3 * 256);
-    fu::score_tables(3, 256, luts.data(), scores.data());
     const void *rows[3] = {img.data(), img.data() + P * 3, img.data() + 2 * P * 3};
     // Image 2 owns slot 0 (pixels 2 and 3), image 0 slot 1 (pixel 3).
     const int32_t slots[3] = {1, -1, 0};
     const uint8_t mask[2] = {0x30, 0x10};
     fu::WeightJob job;
-    job.n = 3; job.width = w; job.rows = rows; job.scores = scores.data(); job.boost = boost.data();
+    job.n = 3; job.width = w; job.rows = rows; job.luts = luts.data(); job.boost = boost.data();
     job.factors = factors.data(); job.maskPlane = P; job.planeStride = P;
     for (int bits : {8, 16, 32}) {
         std::vector<float> f(3 * P);

@@ -29,10 +29,6 @@ int stats_order_photos(int n, int width, int height, int channels, int bits, con
 // the shape, satFraction is its saturated-pixel share.
 void exposure_lut(float g2, double satFraction, int levels, float *lut);
 
-// Each curve times the channel's share of the exposure score (0.2, 0.7,
-// 0.1 of 65536): scores[(i * 3 + c) * levels + v].
-void score_tables(int n, int levels, const float *luts, double *scores);
-
 // The 65536-entry table that turns a weighted exposure score into a weight.
 void boost_lut(float g0, bool floatOutput, float *lut);
 
@@ -50,7 +46,7 @@ struct WeightJob {
     int channels = 3;
     int bits = 8;                    // input samples: 8, 16 or 32 (float)
     const void *const *rows = nullptr;  // per image: its row 0 (packed rows)
-    const double *scores = nullptr;  // n x 3 x levels, from score_tables
+    const float *luts = nullptr;     // n x levels
     int levels = 256;
     const float *boost = nullptr;    // 65536
     const float *factors = nullptr;  // n, 0 = not applied

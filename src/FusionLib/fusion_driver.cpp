@@ -407,9 +407,6 @@ int pyramid_fusion(const Args &a, int threads, bool twoPass, int *adjustThreads)
         exposure_lut(slot[2], static_cast<double>(sat[i]) / static_cast<double>(r.P), levels,
                      luts.get() + static_cast<size_t>(i) * levels);
     boost_lut(slot[0], dim.bitsOut == 32, boost.get());
-    Scratch<double> scores(static_cast<size_t>(n) * 3 * levels);
-    if (!scores) return -4;
-    score_tables(n, levels, luts.get(), scores.get());
     image_factors(n, order.get(), slot[1], factors.get());
 
     WeightJob job;
@@ -417,7 +414,7 @@ int pyramid_fusion(const Args &a, int threads, bool twoPass, int *adjustThreads)
     job.width = r.w;
     job.channels = r.ch;
     job.bits = dim.bitsIn;
-    job.scores = scores.get();
+    job.luts = luts.get();
     job.levels = levels;
     job.boost = boost.get();
     job.factors = factors.get();

@@ -76,9 +76,10 @@ inline void weigh_row(const WeightJob &j, int y, float *w) {
         } else {
             for (int i = 0; i < j.n; ++i) {
                 const T *p = static_cast<const T *>(j.rows[i]) + pix * ch;
-                const double *t = j.scores + static_cast<size_t>(i) * 3 * j.levels;
-                const double score = t[code16(p[o.r])] + t[j.levels + code16(p[o.g])] +
-                                     t[2 * j.levels + code16(p[o.b])];
+                const float *lut = j.luts + static_cast<size_t>(i) * j.levels;
+                // 0.2, 0.7 and 0.1 of 65536 for the first, middle and last channel.
+                const double score = lut[code16(p[o.r])] * 13107.2 +
+                                     lut[code16(p[o.g])] * 45875.2 + lut[code16(p[o.b])] * 6553.6;
                 int idx = static_cast<int>(score);
                 if (idx > 65535) idx = 65535;
                 float wi = j.boost[idx];
@@ -171,16 +172,6 @@ void exposure_lut(float g2, double satFraction, int levels, float *lut) {
         const double y = v < c ? 1.0 - std::pow(1.0 - t, b) : 1.0 - k * std::pow(t - 1.0, a);
         lut[v] = static_cast<float>(y > 0.0 ? y : 0.0);
     }
-}
-
-void score_tables(int n, int levels, const float *luts, double *scores) {
-    // 0.2, 0.7 and 0.1 of 65536 for the first, middle and last channel.
-    const double weight[3] = {13107.2, 45875.2, 6553.6};
-    for (int i = 0; i < n; ++i)
-        for (int c = 0; c < 3; ++c)
-            for (int v = 0; v < levels; ++v)
-                scores[(static_cast<size_t>(i) * 3 + c) * levels + v] =
-                    luts[static_cast<size_t>(i) * levels + v] * weight[c];
 }
 
 void boost_lut(float g0, bool floatOutput, float *lut) {
