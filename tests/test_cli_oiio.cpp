@@ -483,7 +483,7 @@ TEST(Cli, DemoOnBuiltInSceneAndOnItsBrackets) {
     ASSERT_EQ(r.code, 0) << r.err;
     const std::string d = work + "/brackvista-demo";
     for (const char *f : {"scene-truth.exr", "merged.hdr", "merged.tif", "tonemapped.png",
-                          "summary.txt", "brackets/bracket-1.jpg", "brackets/bracket-7.jpg"})
+                          "fused.png", "summary.txt", "brackets/bracket-1.jpg", "brackets/bracket-7.jpg"})
         EXPECT_TRUE(fs::exists(d + "/" + f)) << f;
     EXPECT_EQ(slurp(d + "/summary.txt") + "  summary.txt\n", r.out);
 
@@ -533,6 +533,7 @@ TEST(Cli, DemoOnBuiltInSceneAndOnItsBrackets) {
     std::string again = fresh_dir("demo2");
     ASSERT_EQ(run({"demo", "-q", "--size", "384x256", "-o", again}).code, 0);
     EXPECT_EQ(slurp(again + "/merged.hdr"), slurp(d + "/merged.hdr"));
+    EXPECT_EQ(slurp(again + "/fused.png"), slurp(d + "/fused.png"));
     Result f = run({"demo", "-o", work + "/fromfolder", d + "/brackets"});
     ASSERT_EQ(f.code, 0) << f.err;
     EXPECT_NE(f.out.find("against the EXIF ones"), std::string::npos) << f.out;
