@@ -27,7 +27,8 @@ struct Stack {
                     const double r = std::exp2(8.0 * x / kWidth - 6.0 + 2.0 * y / kHeight) *
                                      (1.0 + 0.2 * std::sin(x * 0.3) * std::sin(y * 0.2));
                     for (int c = 0; c < 3; ++c) {
-                        double v = std::pow(r * (0.8 + 0.15 * c) * std::exp2(2.0 * (i - n / 2)), 1 / 2.2);
+                        double v =
+                            std::pow(r * (0.8 + 0.15 * c) * std::exp2(2.0 * (i - n / 2)), 1 / 2.2);
                         data[((static_cast<size_t>(i) * kHeight + y) * kWidth + x) * 3 + c] =
                             static_cast<T>((v > 1.0 ? 1.0 : v) * top);
                     }
@@ -61,8 +62,8 @@ void run_fusion(benchmark::State &state, int n, bool files) {
         benchmark::DoNotOptimize(out.data());
     }
     for (const std::string &f : {src, w, pyr}) std::remove(f.c_str());
-    state.counters["MP/s"] = benchmark::Counter(kPixels * 1e-6 * state.iterations(),
-                                                benchmark::Counter::kIsRate);
+    state.counters["MP/s"] =
+        benchmark::Counter(kPixels * 1e-6 * state.iterations(), benchmark::Counter::kIsRate);
 }
 
 void BM_Fusion_3x8(benchmark::State &s) { run_fusion<uint8_t>(s, 3, false); }

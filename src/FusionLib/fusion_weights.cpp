@@ -78,8 +78,8 @@ inline void weigh_row(const WeightJob &j, int y, float *w) {
                 const T *p = static_cast<const T *>(j.rows[i]) + pix * ch;
                 const float *lut = j.luts + static_cast<size_t>(i) * j.levels;
                 // 0.2, 0.7 and 0.1 of 65536 for the first, middle and last channel.
-                const double score = lut[code16(p[o.r])] * 13107.2 +
-                                     lut[code16(p[o.g])] * 45875.2 + lut[code16(p[o.b])] * 6553.6;
+                const double score = lut[code16(p[o.r])] * 13107.2 + lut[code16(p[o.g])] * 45875.2 +
+                                     lut[code16(p[o.b])] * 6553.6;
                 int idx = static_cast<int>(score);
                 if (idx > 65535) idx = 65535;
                 float wi = j.boost[idx];
@@ -118,8 +118,8 @@ inline void weigh_row(const WeightJob &j, int y, float *w) {
 }  // namespace
 
 int stats_order_photos(int n, int width, int height, int channels, int bits, const void *images,
-                       uint32_t *darkPct, uint32_t *brightPct, uint32_t *saturated,
-                       uint32_t *key, int32_t *order) {
+                       uint32_t *darkPct, uint32_t *brightPct, uint32_t *saturated, uint32_t *key,
+                       int32_t *order) {
     const size_t pixels = static_cast<size_t>(width) * static_cast<size_t>(height);
     const size_t image_samples = pixels * static_cast<size_t>(channels);
     Scratch<int32_t> keys(static_cast<size_t>(n)), work(static_cast<size_t>(n));

@@ -1,7 +1,6 @@
 // brackvista fuse: bracketed exposures straight to one picture by pyramid fusion.
 #include <OpenImageIO/imagebuf.h>
 #include <OpenImageIO/imagebufalgo.h>
-
 #include <unistd.h>
 
 #include <cstdio>
@@ -27,14 +26,16 @@ std::vector<OptionSpec> fuse_options() {
          "exposure curve: 'gaussian' (default) or a number 0.1..10 for the curve that adapts to "
          "each bracket's clipped share (higher keeps more shadow detail)"},
         {"detail", 'd', "S", "detail strength 0..20 (default 2; 0 = plain fusion)"},
-        {"moire", 0, "M", "moire mode 0..7: calm the coarse levels of repeated patterns (default 0)"},
+        {"moire", 0, "M",
+         "moire mode 0..7: calm the coarse levels of repeated patterns (default 0)"},
         {"wrap", 0, nullptr, "the brackets are 360-degree panoramas: blend across the side edges"},
         {"mask", 0, "IMAGE",
          "ghost selection: a picture of the brackets' size whose light pixels take only one "
          "bracket (see --mask-bracket)"},
         {"mask-bracket", 0, "K", "bracket (1 = first given) used inside --mask (default middle)"},
         {"temp-dir", 0, "DIR",
-         "keep weight maps in temporary files in DIR instead of memory (stacks larger than memory)"},
+         "keep weight maps in temporary files in DIR instead of memory (stacks larger than "
+         "memory)"},
     };
     add_common_options(s);
     return s;
@@ -92,7 +93,8 @@ std::vector<uint8_t> fuse_brackets(const BracketSet &set, const FuseJob &job) {
     dim.bitsOut = job.bits;
     // The library works in the output buffer: it spans 2 x 3 x pyram_len2 bytes.
     const size_t pixels = static_cast<size_t>(set.width) * set.height;
-    const size_t bound = static_cast<size_t>(static_cast<double>(static_cast<float>(pixels)) * 1.5 + 0.5);
+    const size_t bound =
+        static_cast<size_t>(static_cast<double>(static_cast<float>(pixels)) * 1.5 + 0.5);
     size_t bytes = 2 * 3 * bound;
     if (bytes < pixels * 3 * (job.bits / 8)) bytes = pixels * 3 * (job.bits / 8);
     std::vector<uint8_t> picture(bytes);
@@ -100,12 +102,12 @@ std::vector<uint8_t> fuse_brackets(const BracketSet &set, const FuseJob &job) {
     int rc;
     {
         Progress bar("fusing");
-        rc = bv_fusion(&Progress::library_callback, &param, nullptr, n, 16, 16, 0.0f, options, 0,
-                       src.empty() ? nullptr : src.c_str(), 0,
-                       wmap.empty() ? nullptr : wmap.c_str(), wpyr.empty() ? nullptr : wpyr.c_str(),
-                       0, 0, 0, dim, job.wrap ? 1 : 0, nullptr, set.data.data(),
-                       job.slots.empty() ? nullptr : job.slots.data(),
-                       job.mask.empty() ? nullptr : job.mask.data(), 0, picture.data());
+        rc =
+            bv_fusion(&Progress::library_callback, &param, nullptr, n, 16, 16, 0.0f, options, 0,
+                      src.empty() ? nullptr : src.c_str(), 0, wmap.empty() ? nullptr : wmap.c_str(),
+                      wpyr.empty() ? nullptr : wpyr.c_str(), 0, 0, 0, dim, job.wrap ? 1 : 0,
+                      nullptr, set.data.data(), job.slots.empty() ? nullptr : job.slots.data(),
+                      job.mask.empty() ? nullptr : job.mask.data(), 0, picture.data());
     }
     if (rc == BV_FU_ECANCEL) check_interrupted();
     if (rc < 0) {
@@ -129,8 +131,7 @@ int run_fuse(int argc, char **argv) {
                    "raw, all the same size) straight into a natural-looking picture: each pixel\n"
                    "is taken mostly from the brackets that expose it well, blended over a\n"
                    "pyramid so that no seams show. No HDR file and no exposure values needed.",
-                   specs,
-                   "example:\n  brackvista fuse -o church.png memorial/*.png --detail 4\n");
+                   specs, "example:\n  brackvista fuse -o church.png memorial/*.png --detail 4\n");
         return kOk;
     }
     const int threads = apply_common_options(args);
@@ -147,8 +148,8 @@ int run_fuse(int argc, char **argv) {
     param.slot[0] = static_cast<float>(args.number("exposure-boost", 0, -10, 10));
     param.slot[1] = static_cast<float>(args.integer("rank-bias", 0, -10, 10));
     const std::string curve = args.str("curve", "gaussian");
-    param.slot[2] = curve == "gaussian" ? 0.0f
-                                        : static_cast<float>(parse_number(curve, "--curve", 0.1, 10));
+    param.slot[2] =
+        curve == "gaussian" ? 0.0f : static_cast<float>(parse_number(curve, "--curve", 0.1, 10));
     param.slot[8] = static_cast<float>(args.number("detail", 2, 0, 20));
     param.slot[13] = static_cast<float>(args.integer("moire", 0, 0, 7));
     job.bits = bits;
