@@ -1,6 +1,7 @@
 // bv_fusion of 24-megapixel stacks (3 x 8-bit, 5 x 16-bit), in memory and through temporary files.
 #include <Brackvista40Lib1.h>
 #include <benchmark/benchmark.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cmath>
@@ -50,10 +51,14 @@ void run_fusion(benchmark::State &state, int n, bool files) {
     DimParam d;
     init_dim_param(&d);
     d.width = kWidth, d.height = kHeight, d.bitsIn = sizeof(T) * 8, d.bitsOut = 8;
-    std::vector<uint8_t> out(static_cast<size_t>(2 * 3 * (kPixels * 1.5 + 0.5)));
+    std::vector<uint8_t> out(static_cast<size_t>(2 * 3 * (kPixels * 1.5 + 0.5)), 1);
     const std::string dir = "/tmp/bv-bench-fusion-" + std::to_string(getpid());
     const std::string src = dir + ".stack", w = dir + ".weights", pyr = dir + ".pyramid";
     const uint64_t options = static_cast<uint64_t>(state.range(0)) | (files ? 1ull << 32 : 0);
+    // Process CPU time (every thread) and the growth of the peak resident
+    // size over the stack and buffers already held: the fusion's own memory.
+    struct rusage before, after;
+    getrusage(RUSAGE_SELF, &before);
     for (auto _ : state) {
         if (bv_fusion(nullptr, &p, nullptr, n, 16, 16, 0, options, 0, files ? src.c_str() : nullptr,
                       0, files ? w.c_str() : nullptr, files ? pyr.c_str() : nullptr, 0, 0, 0, d, 0,
@@ -61,7 +66,13 @@ void run_fusion(benchmark::State &state, int n, bool files) {
             state.SkipWithError("bv_fusion failed");
         benchmark::DoNotOptimize(out.data());
     }
+    getrusage(RUSAGE_SELF, &after);
     for (const std::string &f : {src, w, pyr}) std::remove(f.c_str());
+    auto secs = [](const timeval &t) { return t.tv_sec + t.tv_usec * 1e-6; };
+    state.counters["cpu_s"] = (secs(after.ru_utime) + secs(after.ru_stime) - secs(before.ru_utime) -
+                               secs(before.ru_stime)) / state.iterations();
+    state.counters["peak_MiB"] = after.ru_maxrss / 1024.0;
+    state.counters["fusion_MiB"] = (after.ru_maxrss - before.ru_maxrss) / 1024.0;
     state.counters["MP/s"] =
         benchmark::Counter(kPixels * 1e-6 * state.iterations(), benchmark::Counter::kIsRate);
 }

@@ -23,8 +23,8 @@ std::vector<OptionSpec> fuse_options() {
         {"rank-bias", 0, "B",
          "favour brighter (B > 0) or darker (B < 0) brackets, whole numbers -10..10 (default 0)"},
         {"curve", 0, "SHAPE",
-         "exposure curve: 'gaussian' (default) or a number 0.1..10 for the curve that adapts to "
-         "each bracket's clipped share (higher keeps more shadow detail)"},
+         "exposure curve: 'gaussian' (default), or a number 0.1..10: a curve whose steepness "
+         "adapts to each bracket's clipped share (higher is steeper)"},
         {"detail", 'd', "S", "detail strength 0..20 (default 2; 0 = plain fusion)"},
         {"moire", 0, "M",
          "moire mode 0..7: calm the coarse levels of repeated patterns (default 0)"},
