@@ -48,15 +48,30 @@ constexpr int kChunk = 512;
 // and the brush mix of such a layer value into the base value. Plain loops
 // the compiler vectorises; built twice (AVX2 and the baseline) and chosen
 // at load time, with the same integer results either way.
+// ThreadSanitizer's runtime is not up yet when load-time resolvers run, so
+// its builds keep the baseline only.
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define BV_NO_CLONES
+#endif
+#endif
+#if defined(__SANITIZE_THREAD__) || !defined(__x86_64__)
+#define BV_NO_CLONES
+#endif
+#ifdef BV_NO_CLONES
+#define BV_CLONES
+#else
+#define BV_CLONES __attribute__((target_clones("avx2", "default")))
+#endif
 #define BV_BLEND_KERNELS(In, Out)                                                              \
-    __attribute__((target_clones("avx2", "default"))) void base_run(                          \
+    BV_CLONES void base_run(                                                                   \
         const In *src, Out *res, int n, Factors f, int shift, int max) {                      \
         for (int i = 0; i < n; ++i) {                                                          \
             const int v = (src[i] * f.a + res[i] * f.b) >> shift;                              \
             res[i] = static_cast<Out>(v < max ? v : max);                                      \
         }                                                                                      \
     }                                                                                          \
-    __attribute__((target_clones("avx2", "default"))) void layer_run(                         \
+    BV_CLONES void layer_run(                                                                  \
         const In *src, const Out *orig, const int *s1, Out *res, int n, Factors f, int shift,  \
         int max) {                                                                             \
         for (int i = 0; i < n; ++i) {                                                          \
@@ -70,6 +85,7 @@ BV_BLEND_KERNELS(uint8_t, uint16_t)
 BV_BLEND_KERNELS(uint16_t, uint8_t)
 BV_BLEND_KERNELS(uint16_t, uint16_t)
 #undef BV_BLEND_KERNELS
+#undef BV_CLONES
 
 // Natural-order three-channel results, the common case: the base layer over
 // whole chunks, then each run of pixels painted with one brush layer.
