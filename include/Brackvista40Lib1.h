@@ -766,6 +766,111 @@ BV_API int bv_adjust_colors(int threads, bv_progress_cb progressCb, int code,
 /* ===================================================================== */
 /* @section fusion */
 
+/* --- Pyramid fusion of brackets ---------------------------------------- */
+/* Codes of bv_fusion and mem4fusion. */
+enum {
+    BV_FU_OK = 1,
+    BV_FU_EBADARG = -1,  /* NULL params, output or exposures, n < 1, empty
+                            image, channels outside 1..4, dim.rowOut shorter
+                            than a row; mem4fusion: a mode other than 1, 2 */
+    BV_FU_EDEPTH = -2,   /* unsupported bit depths (input 8, 16 or 32; weight
+                            maps 8, 16 or 32; accumulator 16 or 32; float
+                            input needs accumulator 32 and float output), or a
+                            failed write to a temporary file */
+    BV_FU_EREAD = -3,    /* a failed seek or short read of a temporary file */
+    BV_FU_ENOMEM = -4,
+    BV_FU_ECANCEL = -5   /* the progress callback asked to stop */
+};
+
+/* Fuses n bracketed exposures of one scene straight into one picture: a
+ * weight per pixel and bracket from how well exposed it is, Laplacian
+ * pyramids of the brackets blended with Gaussian pyramids of the weights,
+ * then collapsed with a detail boost, then bv_adjust_colors (code 10, or 15
+ * after the two-pass mode).
+ *   progressContext  NULL or a callback, called on the calling thread after
+ *                    each bracket (0.3 .. 0.8; 0.1 .. with a 32-bit
+ *                    accumulator; 0.12 .. 0.32 in two-pass mode).
+ *   params      fusion slots: 0 exposure boost (0 default; higher favours
+ *               well-exposed pixels more strongly), 1 rank bias (integer
+ *               part non-zero: brighter brackets weigh 2^(bias/2) more at
+ *               the top of the order, less at the bottom, factor >= 0.1),
+ *               2 curve shape (<= 0 Gaussian around mid-grey, > 0 an
+ *               asymmetric curve that adapts to the bracket's saturated
+ *               share), 8 detail strength (0 = plain fusion; above 5 it
+ *               ramps over the levels), 9 = 1.0 two-pass mode (then
+ *               bv_fusion_local refines the result; slots 0, 1, 2, 10, 18
+ *               are rewritten, slot 1 restored at the end), 13 moire mode
+ *               0..7 (limits the gain of coarse levels), 19 = 1.0 skips the
+ *               pyramid fusion (only the final passes run). Defaults:
+ *               tmparam_default(10, ...).
+ *   colour      colour settings for bv_adjust_colors (NULL: none applied).
+ *   n           number of brackets (>= 1; one bracket is passed through
+ *               the pyramid with the weight 1).
+ *   weightBits  8, 16 or 32 (float): precision of the weight maps.
+ *   accBits     16: the blended pyramid in 15-bit fixed point. 32 is
+ *               accepted for 8/16-bit input but the collapse has no 32-bit
+ *               form: the output is then left as it was (and colour
+ *               adjusted); float input requires 32 and runs in 16 bits.
+ *   reserved    ignored.
+ *   options     low 32 bits: worker threads (< 1 counts as 1) of every
+ *               stage; high 32 bits non-zero: use temporary files.
+ *   local1, local2, local3..local5  forwarded to bv_fusion_local as its
+ *               threads and reserved arguments (two-pass mode only).
+ *   sourcePath, weightPath, pyramidPath  temporary files (created or
+ *               truncated, "wb+") for the bracket stack, the weight maps
+ *               and one weight pyramid. Used when the options ask for them,
+ *               all three are given and not (n < 3 and 8-bit input);
+ *               a file that cannot be opened, or a stack that cannot be
+ *               written, falls back to memory. The files are left behind
+ *               for the caller to delete. Results are bit-identical to
+ *               the memory mode; memory drops by about (n - 1) weight maps.
+ *   dim         width, height, channels (1..4; R, G, B at 0,
+ *               (channels-1)/2, channels-1), bitsIn 8/16/32 (float 0..1),
+ *               bitsOut 8, 16 or 32 (float 0..1; other values mean 8),
+ *               rowOut output row length in samples (0 = packed), bgr
+ *               (non-zero: first and last output channels exchanged).
+ *   wrap        non-zero: a 360-degree panorama; the left and right edges
+ *               are neighbours in every pyramid step.
+ *   extra       not read.
+ *   exposures   the n brackets, packed, bracket i at sample i * width *
+ *               height * channels, in dim.bitsIn.
+ *   ghostSlots  NULL, or n int32: slot of bracket i in ghostMask (< 0:
+ *               none); ghostSlots[0] < 0 switches the selection off.
+ *   ghostMask   one bit per pixel and slot, slot s at bit s * width *
+ *               height, rows in order, most significant bit first. Where
+ *               a bracket's bit is set, the first such bracket takes the
+ *               whole weight.
+ *   scratchBytes bytes of caller scratch directly after the 2 x channels x
+ *               pyram_len2 bytes of output: the accumulator, then the
+ *               weight maps, are placed there when they fit (see
+ *               mem4fusion), else allocated.
+ *   output      the picture, dim.height rows of dim.rowOut samples; the
+ *               buffer must span at least 2 x channels x pyram_len2(width,
+ *               height) bytes (it holds a bracket pyramid while working),
+ *               pyram_len2 = trunc(1.5 x width x height + 0.5).
+ * Results are bit-identical for any thread count. Not for concurrent use
+ * (the two-pass mode sets the module-wide InterpolationInterval).
+ * Returns BV_FU_OK, a BV_FU_* code, or the negative status of
+ * bv_fusion_local or bv_adjust_colors. Short reads of a temporary file also
+ * print "could not read <file> - returned <got> instead of <expected>" on
+ * standard error. */
+BV_API int bv_fusion(bv_progress_cb progressContext, TmParam *params, const TmParam *colour,
+                     int n, int weightBits, int accBits, float reserved, uint64_t options,
+                     int64_t local1, const char *sourcePath, int64_t local2,
+                     const char *weightPath, const char *pyramidPath, int64_t local3,
+                     int64_t local4, int64_t local5, DimParam dim, int wrap, void *extra,
+                     const void *exposures, const int32_t *ghostSlots, const uint8_t *ghostMask,
+                     uint64_t scratchBytes, void *output);
+
+/* Scratch bytes a fusion needs, into *need. size packs the image as
+ * width | (uint64_t)height << 32. With L = pyram_len2 and P = width x
+ * height: mode 1 (pyramid fusion) ((n - 1) x P + L) x weightBits / 8 +
+ * accBits / 8 x channels x L; mode 2 (with the local pass) the larger of
+ * that and accBits / 8 x channels x L + 4 L + 2 (channels x P + 4 channels
+ * x L). Returns 1; BV_FU_EBADARG for another mode or a NULL need. */
+BV_API int mem4fusion(int mode, int n, int weightBits, int accBits, uint64_t *need, int ignored,
+                      uint64_t size, int channels);
+
 /* --- Local refinement of a fused picture ------------------------------- */
 /* Codes of bv_fusion_local. */
 enum {
