@@ -5,17 +5,22 @@ stacks, all in one run. Prints Markdown; --write also writes
 bench/results-fusion.md.
 
 Quality: the 16 memorial brackets, 5 of them two stops apart (0065, 0067,
-0069, 0071, 0073) and 3 (0067, 0069, 0071); every program with its defaults.
+0069, 0071, 0073) and 3 (0067, 0069, 0071); every program with its defaults,
+and the library's two-pass mode (pyramid fusion, then the local pass)
+called through the shared library, since the tool does not offer it.
 Speed: the memorial brackets enlarged to 4000x6000 (24 MP), 3 x 8-bit (0067,
 0069, 0071) and 5 x 16-bit (0065 ... 0073), written as uncompressed TIFF;
 each program runs as its own process under /usr/bin/time -v with 2 threads
-(the time includes reading the brackets and writing the result).
+(the time includes reading the brackets and writing the result). bv_blend
+figures come from bv_bench (bench/bench_blend.cpp), when it is built.
 
     /usr/bin/python3 bench/peers_fusion.py [--tool build/tools/brackvista/brackvista]
         [--skip-speed] [--keep DIR] [--write]
 """
 import argparse
+import ctypes
 import datetime
+import json
 import os
 import platform
 import re
@@ -78,16 +83,18 @@ def tool_has_fuse(tool):
 
 
 def run_timed(cmd, env=None):
-    """Runs cmd under /usr/bin/time -v; returns (seconds, peak MiB) or raises."""
+    """Runs cmd under /usr/bin/time -v; returns (wall s, CPU s, peak MiB) or raises."""
     full = ["/usr/bin/time", "-v"] + cmd
     r = subprocess.run(full, capture_output=True, text=True, env=env)
     if r.returncode != 0:
         raise RuntimeError("%s failed: %s" % (cmd[0], (r.stderr or r.stdout).strip()[-300:]))
     wall = re.search(r"Elapsed \(wall clock\) time.*: (?:(\d+):)?(\d+):([\d.]+)", r.stderr)
     rss = re.search(r"Maximum resident set size \(kbytes\): (\d+)", r.stderr)
+    cpu = sum(float(re.search(r"%s time \(seconds\): ([\d.]+)" % k, r.stderr).group(1))
+              for k in ("User", "System"))
     h, m, s = wall.groups()
     seconds = int(h or 0) * 3600 + int(m) * 60 + float(s)
-    return seconds, int(rss.group(1)) / 1024.0
+    return seconds, cpu, int(rss.group(1)) / 1024.0
 
 
 def fuse_commands(tool, files, out, bits16=False, temp_dir=None):
@@ -107,7 +114,43 @@ def fuse_commands(tool, files, out, bits16=False, temp_dir=None):
     return cmds, env
 
 
-def quality(tool, keep):
+class DimParam(ctypes.Structure):
+    _fields_ = [(n, ctypes.c_int32) for n in
+                "width height channels bitsIn bitsOut rowIn rowOut bgr layout sourceKind".split()]
+
+
+def load_library(path):
+    if not path or not os.path.exists(path):
+        return None
+    lib = ctypes.CDLL(path)
+    if not hasattr(lib, "bv_fusion"):
+        return None
+    vp, i64, cp = ctypes.c_void_p, ctypes.c_int64, ctypes.c_char_p
+    lib.bv_fusion.argtypes = [vp, vp, vp, ctypes.c_int, ctypes.c_int, ctypes.c_int, ctypes.c_float,
+                              ctypes.c_uint64, i64, cp, i64, cp, cp, i64, i64, i64, DimParam,
+                              ctypes.c_int, vp, vp, vp, vp, ctypes.c_uint64, vp]
+    return lib
+
+
+def fuse_two_pass(lib, sources):
+    """The library's two-pass mode (default record of the fusion with slot 9 =
+    1: the pyramid fusion, then the local pass), on BGR arrays as cv2 reads."""
+    h, w = sources[0].shape[:2]
+    stack = np.ascontiguousarray(np.stack([s[..., ::-1] for s in sources]))  # RGB
+    param = (ctypes.c_float * 60)()
+    lib.tmparam_default(10, 0, param)
+    param[9] = 1.0
+    dim = DimParam(w, h, 3, 8, 8, 0, 0, 0, 0, 0)
+    out = np.zeros(2 * 3 * int(1.5 * w * h + 0.5) + 16, np.uint8)
+    rc = lib.bv_fusion(None, param, None, len(sources), 16, 16, 0.0, THREADS, 0, None, 0, None,
+                       None, 0, 0, 0, dim, 0, None, stack.ctypes.data, None, None, 0,
+                       out.ctypes.data)
+    if rc < 0:
+        raise RuntimeError("bv_fusion returned %d" % rc)
+    return out[: w * h * 3].reshape(h, w, 3)[..., ::-1].copy()
+
+
+def quality(tool, keep, lib=None):
     rows = []
     work = keep or tempfile.mkdtemp(prefix="bv-fusion-q-")
     os.makedirs(work, exist_ok=True)
@@ -131,6 +174,10 @@ def quality(tool, keep):
                 fused = fused[..., :3]  # enfuse adds an alpha channel
             q, _ = mef_ssim(sources, fused)
             row[prog] = "%.4f" % q
+        if lib:
+            fused = fuse_two_pass(lib, sources)
+            cv2.imwrite(os.path.join(work, "ours-two-pass-%s.png" % tag), fused)
+            row["Brackvista two-pass"] = "%.4f" % mef_ssim(sources, fused)[0]
         rows.append(row)
     if not keep:
         shutil.rmtree(work, ignore_errors=True)
@@ -175,10 +222,10 @@ def speed(tool):
                             list(cmds.items())[1:])
             for prog, cmd in cmds.items():
                 try:
-                    s, mib = run_timed(cmd, env)
-                    rows.append((name, prog, "%.1f" % s, "%.0f" % mib))
+                    s, cpu, mib = run_timed(cmd, env)
+                    rows.append((name, prog, "%.1f" % s, "%.1f" % cpu, "%.0f" % mib))
                 except RuntimeError as e:
-                    rows.append((name, prog, "failed", str(e)[:60]))
+                    rows.append((name, prog, "failed", "-", str(e)[:60]))
                 for p in out.values():
                     if os.path.exists(p):
                         os.remove(p)
@@ -187,10 +234,35 @@ def speed(tool):
     return rows
 
 
+def blend_bench(bench):
+    """bv_blend beside plain copies, from bv_bench: (case, threads, wall ms,
+    CPU ms of the calling thread), best of 5."""
+    out = subprocess.run([bench, "--benchmark_filter=Blend|Copy", "--benchmark_format=json",
+                          "--benchmark_repetitions=5"], cwd=ROOT, check=True,
+                         capture_output=True, text=True).stdout
+    best = {}
+    for b in json.loads(out)["benchmarks"]:
+        if b.get("run_type") != "iteration" or b.get("error_occurred"):
+            continue
+        name = b["run_name"].replace("/real_time", "")
+        wall, cpu = b["real_time"], b["cpu_time"]
+        if name not in best or wall < best[name][0]:
+            best[name] = (wall, cpu)
+    rows = []
+    for name, (wall, cpu) in best.items():
+        case, threads = name.rsplit("/", 1)
+        rows.append((case, threads, "%.1f" % wall, "%.1f" % cpu if threads == "1" else "-"))
+    return rows
+
+
 def main():
     ap = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     ap.add_argument("--tool", default=os.path.join(ROOT, "build", "tools", "brackvista",
                                                    "brackvista"))
+    ap.add_argument("--lib", default=os.path.join(ROOT, "build", "libBrackvista40Lib1.so"),
+                    help="shared library for the two-pass mode, which the tool does not offer")
+    ap.add_argument("--bench", default=os.path.join(ROOT, "build-bench", "bench", "bv_bench"),
+                    help="benchmark program for the bv_blend figures (skipped when absent)")
     ap.add_argument("--skip-speed", action="store_true")
     ap.add_argument("--keep", help="folder that keeps the fused memorial pictures")
     ap.add_argument("--write", action="store_true", help="also write bench/results-fusion.md")
@@ -198,7 +270,9 @@ def main():
     if not os.path.isdir(DATA):
         sys.exit("the memorial brackets are missing (../shared/data/memorial)")
     tool = args.tool if tool_has_fuse(args.tool) else None
-    progs = (["Brackvista fuse"] if tool else []) + ["enfuse (defaults)", "OpenCV MergeMertens"]
+    lib = load_library(args.lib)
+    progs = ((["Brackvista fuse"] if tool else []) + (["Brackvista two-pass"] if lib else []) +
+             ["enfuse (defaults)", "OpenCV MergeMertens"])
 
     lines = ["# Exposure fusion: quality, speed and memory beside enfuse and OpenCV", ""]
     commit = subprocess.run(["git", "-C", ROOT, "rev-parse", "--short", "HEAD"],
@@ -211,12 +285,18 @@ def main():
         lines.append("`brackvista fuse` was not available in this build: peers only.")
     lines += ["", "## MEF-SSIM on the memorial brackets (higher is better)", "",
               "| Stack | " + " | ".join(progs) + " |", "|---" * (len(progs) + 1) + "|"]
-    for row in quality(tool, args.keep):
+    for row in quality(tool, args.keep, lib):
         lines.append("| %s | %s |" % (row["stack"], " | ".join(row.get(p, "-") for p in progs)))
     if not args.skip_speed:
-        lines += ["", "## 24-megapixel stacks, %d threads (wall time incl. file I/O, peak RSS)"
-                  % THREADS, "", "| Stack | Program | Seconds | Peak MiB |", "|---|---|---|---|"]
+        lines += ["", "## 24-megapixel stacks, %d threads (incl. file I/O; CPU = user + system)"
+                  % THREADS, "", "| Stack | Program | Wall s | CPU s | Peak MiB |",
+                  "|---|---|---|---|---|"]
         for r in speed(tool):
+            lines.append("| %s | %s | %s | %s | %s |" % r)
+    if not args.skip_speed and os.path.exists(args.bench):
+        lines += ["", "## bv_blend of 24 MP (6000x4000, 3 exposures) beside plain copies", "",
+                  "| Case | Threads | Wall ms | CPU ms |", "|---|---|---|---|"]
+        for r in blend_bench(args.bench):
             lines.append("| %s | %s | %s | %s |" % r)
     text = "\n".join(lines) + "\n"
     print(text)

@@ -151,41 +151,20 @@ TEST(Blend, ChannelOrderRowLengthsAndSpareSamples) {
     EXPECT_EQ(0, std::memcmp(res, want, sizeof want));
 }
 
-// Three channels in either order take different paths inside: blending a
-// BGR result must give the RGB blend with its first and last samples swapped.
-TEST(Blend, BgrResultMatchesSwappedRgbResult) {
-    const int w = 700, h = 5, n = 2;  // wider than one internal chunk
-    bvtest::Rng rng(11);
-    std::vector<uint16_t> stack(size_t(n) * w * h * 3);
-    std::vector<uint8_t> rgb(size_t(w) * h * 3), brush(size_t(w) * h * 2);
-    for (auto &v : stack) v = uint16_t(rng.next());
-    for (auto &v : rgb) v = uint8_t(rng.next());
-    for (size_t p = 0; p < brush.size() / 2; ++p)
-        brush[2 * p] = uint8_t(rng.next()), brush[2 * p + 1] = uint8_t(p / 40 % 5 == 4 ? 255 : p / 40 % 5);
-    std::vector<uint8_t> bgr = rgb;
-    for (size_t p = 0; p < bgr.size(); p += 3) std::swap(bgr[p], bgr[p + 2]);
-    const float evs[2] = {-1, 1};
-    TmParam rec[4] = {layer(30, -1), layer(80, 1), layer(99, -1), layer(10, 1)};
-    rec[0].slot[55] = 3;
-    DimParam d = dim_of(w, h, 3, 16, 8);
-    ASSERT_EQ(bv_blend(1, n, rec, evs, brush.data(), stack.data(), d, rgb.data()), h);
-    d.bgr = 1;
-    ASSERT_EQ(bv_blend(1, n, rec, evs, brush.data(), stack.data(), d, bgr.data()), h);
-    for (size_t p = 0; p < bgr.size(); p += 3) std::swap(bgr[p], bgr[p + 2]);
-    EXPECT_EQ(bgr, rgb);
-}
-
-// Random 8- and 16-bit stacks with a random brush give the same bytes for any
-// thread count; the return value is the row count of the last band.
-TEST(Blend, ThreadInvarianceAndBandStatus) {
+// Random 8- and 16-bit stacks (wider than one internal chunk) with a brush
+// give the same bytes for any thread count, the return value being the rows
+// of the last band; and a BGR result, which takes another path inside, gets
+// the RGB blend with its first and last samples swapped.
+TEST(Blend, ThreadInvarianceBandStatusAndChannelOrder) {
     for (int bits_in : {8, 16}) {
-        const int w = 23, h = 37, n = 3;
+        const int w = 523, h = 37, n = 3;
         bvtest::Rng rng(bits_in);
-        const DimParam d = dim_of(w, h, 3, bits_in, 8);
+        DimParam d = dim_of(w, h, 3, bits_in, 8);
         std::vector<uint16_t> stack16(size_t(n) * w * h * 3);
         std::vector<uint8_t> stack8(stack16.size()), brush(size_t(w) * h * 2), base(size_t(w) * h * 3);
         for (size_t i = 0; i < stack16.size(); ++i) stack16[i] = uint16_t(rng.next()), stack8[i] = uint8_t(rng.next());
-        for (auto &b : brush) b = uint8_t(rng.next() % 4 == 0 ? 255 : rng.next());
+        for (size_t p = 0; p < brush.size() / 2; ++p)
+            brush[2 * p] = uint8_t(rng.next()), brush[2 * p + 1] = uint8_t(p / 40 % 5 == 4 ? 255 : p / 40 % 5);
         for (auto &b : base) b = uint8_t(rng.next());
         const float evs[3] = {-2, 0, 2};
         TmParam rec[4] = {layer(40, -3), layer(70, 0), layer(100, 2), layer(25, 1)};
@@ -201,6 +180,11 @@ TEST(Blend, ThreadInvarianceAndBandStatus) {
                       last_rows[k]);
             EXPECT_EQ(res, one) << threads[k] << " threads, " << bits_in << "-bit";
         }
+        d.bgr = 1;
+        for (size_t p = 0; p < base.size(); p += 3) std::swap(base[p], base[p + 2]);
+        ASSERT_EQ(bv_blend(2, n, rec, evs, brush.data(), stack, d, base.data()), 19);
+        for (size_t p = 0; p < base.size(); p += 3) std::swap(base[p], base[p + 2]);
+        EXPECT_EQ(base, one) << "BGR, " << bits_in << "-bit";
     }
 }
 
@@ -209,18 +193,16 @@ TEST(Blend, BadArgumentsAndAllocationFailure) {
     uint8_t res[6] = {};
     const TmParam rec = layer(50, 0);
     const DimParam ok = dim_of(2, 1, 3, 8, 8);
-    auto bad = [&](void (*edit)(DimParam &)) {
+    const struct {
+        int field, value, want;  // DimParam field index (-1: none), its value
+    } cases[] = {{3, 12, BV_BLEND_EBADARG}, {4, 32, BV_BLEND_EBADARG}, {5, 5, BV_BLEND_EBADARG},
+                 {6, -1, BV_BLEND_EBADARG}, {2, 0, BV_BLEND_EBADARG},  {1, -1, BV_BLEND_EBADARG},
+                 {1, 0, 0}};
+    for (const auto &c : cases) {
         DimParam d = ok;
-        edit(d);
-        return bv_blend(1, 1, &rec, nullptr, nullptr, src, d, res);
-    };
-    EXPECT_EQ(bad([](DimParam &d) { d.bitsIn = 12; }), BV_BLEND_EBADARG);
-    EXPECT_EQ(bad([](DimParam &d) { d.bitsOut = 32; }), BV_BLEND_EBADARG);
-    EXPECT_EQ(bad([](DimParam &d) { d.rowIn = 5; }), BV_BLEND_EBADARG);
-    EXPECT_EQ(bad([](DimParam &d) { d.rowOut = -1; }), BV_BLEND_EBADARG);
-    EXPECT_EQ(bad([](DimParam &d) { d.channels = 0; }), BV_BLEND_EBADARG);
-    EXPECT_EQ(bad([](DimParam &d) { d.height = -1; }), BV_BLEND_EBADARG);
-    EXPECT_EQ(bad([](DimParam &d) { d.height = 0; }), 0);
+        reinterpret_cast<int32_t *>(&d)[c.field] = c.value;
+        EXPECT_EQ(bv_blend(1, 1, &rec, nullptr, nullptr, src, d, res), c.want) << c.field;
+    }
     EXPECT_EQ(bv_blend(1, 0, &rec, nullptr, nullptr, src, ok, res), BV_BLEND_EBADARG);
     EXPECT_EQ(bv_blend(1, 1, nullptr, nullptr, nullptr, src, ok, res), BV_BLEND_EBADARG);
     EXPECT_EQ(bv_blend(1, 1, &rec, nullptr, nullptr, nullptr, ok, res), BV_BLEND_EBADARG);

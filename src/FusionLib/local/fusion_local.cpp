@@ -5,6 +5,7 @@
 
 #include "Threading/bands.hpp"
 #include "common/boundary.hpp"
+#include "common/pixels.hpp"
 
 namespace bv::fusion {
 
@@ -32,14 +33,14 @@ struct Image {
     void *data;
     int width, height, channels, bits;
     size_t row;  // samples
-    int off_r, off_g, off_b;
+    ChannelOffsets at;
 };
 
 // Integer luma (54 R + 183 G + 19 B) / 256, on the image's own scale.
 template <class T>
 inline int luma_of(const T *px, const Image &im) {
     if (im.channels < 3) return px[0];
-    return (54 * px[im.off_r] + 183 * px[im.off_g] + 19 * px[im.off_b]) >> 8;
+    return (54 * px[im.at.r] + 183 * px[im.at.g] + 19 * px[im.at.b]) >> 8;
 }
 
 // Tile (tx, ty)'s curve from the luma histogram of its window of 2 x step
@@ -160,9 +161,9 @@ void apply_rows(const Image &im, const Grid &g, const float *curves, const Span 
             if (im.channels < 3) {
                 scale(px[0]);
             } else {
-                scale(px[im.off_r]);
-                scale(px[im.off_g]);
-                scale(px[im.off_b]);
+                scale(px[im.at.r]);
+                scale(px[im.at.g]);
+                scale(px[im.at.b]);
             }
         }
     }
@@ -187,7 +188,7 @@ int refine(bv_progress_cb progress_cb, const Image &im, const Grid &g, float cli
         },
         threading::OnSpawnFailure::RunInline);
     for (int c = 0; c < kProgressChunks; ++c) {
-        if (!progress(progress_cb, 0.4f + 0.6f * static_cast<float>(c) / kProgressChunks))
+        if (!threading::report_progress(progress_cb, 0.4f + 0.6f * static_cast<float>(c) / kProgressChunks))
             return BV_FLOCAL_ECANCEL;
         const int first = static_cast<int>(static_cast<int64_t>(im.height) * c / kProgressChunks);
         const int end = static_cast<int>(static_cast<int64_t>(im.height) * (c + 1) / kProgressChunks);
@@ -196,7 +197,7 @@ int refine(bv_progress_cb progress_cb, const Image &im, const Grid &g, float cli
             [&](const threading::Band &b) { apply_rows<T>(im, g, curves.get(), xs.get(), ys.get(), b.first, b.end); },
             threading::OnSpawnFailure::RunInline);
     }
-    progress(progress_cb, 1.0f);
+    threading::report_progress(progress_cb, 1.0f);
     return 1;
 }
 
@@ -205,12 +206,13 @@ int refine(bv_progress_cb progress_cb, const Image &im, const Grid &g, float cli
 int refine_local_contrast(bv_progress_cb progress_cb, const TmParam &params, bool wrap, void *image,
                           const DimParam &dim, int threads, int interval) {
     if (dim.bitsOut != 8 && dim.bitsOut != 16) return BV_FLOCAL_EDEPTH;
-    if (dim.width < 0 || dim.height < 0 || dim.channels < 1 || dim.rowOut < 0)
+    const threading::DimBands rows(dim, 1);
+    if (rows.status() == threading::DimBands::kBad ||
+        rows.status() == threading::DimBands::kFewChannels)
         return BV_FLOCAL_EBADARG;
-    const int64_t packed = static_cast<int64_t>(dim.width) * dim.channels;
-    if (dim.rowOut > 0 && dim.rowOut < packed) return BV_FLOCAL_EBADARG;
     const float clip = params.slot[10], strength = params.slot[18];
-    if (!(clip > 0.0f) || !(strength > 0.0f) || dim.width == 0 || dim.height == 0) return 1;
+    if (!(clip > 0.0f) || !(strength > 0.0f) || rows.status() == threading::DimBands::kEmpty)
+        return 1;
     const float mix = strength * kMixPerUnit < 1.0f ? strength * kMixPerUnit : 1.0f;
     // At 256 times the mean no bin can be clipped any more.
     const float limit = clip < kBins ? clip : static_cast<float>(kBins);
@@ -225,11 +227,8 @@ int refine_local_contrast(bv_progress_cb progress_cb, const TmParam &params, boo
     Image im;
     im.data = image;
     im.width = dim.width, im.height = dim.height, im.channels = dim.channels, im.bits = dim.bitsOut;
-    im.row = static_cast<size_t>(dim.rowOut > 0 ? dim.rowOut : packed);
-    const int last = dim.channels - 1;
-    im.off_r = dim.bgr ? last : 0;
-    im.off_g = last / 2;
-    im.off_b = dim.bgr ? 0 : last;
+    im.row = rows.row_samples();
+    im.at = channel_offsets(dim.channels, dim.bgr != 0);
     if (dim.bitsOut == 8) return refine<uint8_t>(progress_cb, im, g, limit, mix, threads);
     return refine<uint16_t>(progress_cb, im, g, limit, mix, threads);
 }

@@ -3,10 +3,10 @@
 
 #include <cmath>
 #include <cstring>
-#include <vector>
 
 #include "Threading/bands.hpp"
 #include "common/boundary.hpp"
+#include "common/pixels.hpp"
 
 namespace bv::blend {
 
@@ -48,15 +48,30 @@ constexpr int kChunk = 512;
 // and the brush mix of such a layer value into the base value. Plain loops
 // the compiler vectorises; built twice (AVX2 and the baseline) and chosen
 // at load time, with the same integer results either way.
+// ThreadSanitizer's runtime is not up yet when load-time resolvers run, so
+// its builds keep the baseline only.
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define BV_NO_CLONES
+#endif
+#endif
+#if defined(__SANITIZE_THREAD__) || !defined(__x86_64__)
+#define BV_NO_CLONES
+#endif
+#ifdef BV_NO_CLONES
+#define BV_CLONES
+#else
+#define BV_CLONES __attribute__((target_clones("avx2", "default")))
+#endif
 #define BV_BLEND_KERNELS(In, Out)                                                              \
-    __attribute__((target_clones("avx2", "default"))) void base_run(                          \
+    BV_CLONES void base_run(                                                                   \
         const In *src, Out *res, int n, Factors f, int shift, int max) {                      \
         for (int i = 0; i < n; ++i) {                                                          \
             const int v = (src[i] * f.a + res[i] * f.b) >> shift;                              \
             res[i] = static_cast<Out>(v < max ? v : max);                                      \
         }                                                                                      \
     }                                                                                          \
-    __attribute__((target_clones("avx2", "default"))) void layer_run(                         \
+    BV_CLONES void layer_run(                                                                  \
         const In *src, const Out *orig, const int *s1, Out *res, int n, Factors f, int shift,  \
         int max) {                                                                             \
         for (int i = 0; i < n; ++i) {                                                          \
@@ -70,6 +85,7 @@ BV_BLEND_KERNELS(uint8_t, uint16_t)
 BV_BLEND_KERNELS(uint16_t, uint8_t)
 BV_BLEND_KERNELS(uint16_t, uint16_t)
 #undef BV_BLEND_KERNELS
+#undef BV_CLONES
 
 // Natural-order three-channel results, the common case: the base layer over
 // whole chunks, then each run of pixels painted with one brush layer.
@@ -120,8 +136,8 @@ int blend_rows(int rows, const float *opacities, const int64_t *offsets, int bru
                const uint8_t *brush, const In *stack, const DimParam &dim, Out *result) {
     const Scales sc = scales_for(dim);
     const int w = dim.width, ch = dim.channels;
-    const int mid = (ch - 1) / 2, last = ch - 1;
-    const int out_r = dim.bgr ? last : 0, out_b = dim.bgr ? 0 : last;
+    const ChannelOffsets in = channel_offsets(ch), out = channel_offsets(ch, dim.bgr != 0);
+    const int mid = in.g, last = in.b, out_r = out.r, out_b = out.b;
     const size_t row_in = static_cast<size_t>(dim.rowIn), row_out = static_cast<size_t>(dim.rowOut);
     const Factors base = factors_for(opacities[0], sc);
     const bool painted = brush && brush_layers > 0;
@@ -224,9 +240,10 @@ bool row_length(int32_t given, int width, int channels, int32_t *out) {
 
 int blend_impl(int threads, int n, const TmParam *layers, const float *evs, const uint8_t *brush,
                const void *stack, DimParam dim, void *result) {
-    if (!layers || !stack || !result || n < 1 || dim.width < 0 || dim.height < 0 ||
-        dim.channels < 1 || (dim.bitsIn != 8 && dim.bitsIn != 16) ||
-        (dim.bitsOut != 8 && dim.bitsOut != 16) ||
+    const threading::DimBands rows(dim, 1);
+    if (!layers || !stack || !result || n < 1 || rows.status() == threading::DimBands::kBad ||
+        rows.status() == threading::DimBands::kFewChannels ||
+        (dim.bitsIn != 8 && dim.bitsIn != 16) || (dim.bitsOut != 8 && dim.bitsOut != 16) ||
         !row_length(dim.rowIn, dim.width, dim.channels, &dim.rowIn) ||
         !row_length(dim.rowOut, dim.width, dim.channels, &dim.rowOut))
         return BV_BLEND_EBADARG;
@@ -251,26 +268,22 @@ int blend_impl(int threads, int n, const TmParam *layers, const float *evs, cons
         any = true;
     }
     if (!any) return BV_BLEND_UNTOUCHED;
-    if (dim.width == 0 || dim.height == 0) return 0;
+    if (rows.status() == threading::DimBands::kEmpty) return 0;
 
-    BlendBand whole{0, dim.height, opacity.get(), offset.get(), brush_layers, brush,
-                    stack, &dim, result, 0};
-    if (threads < 2 || dim.height / threads < 3) {
-        blend_threaded(&whole);
-        return whole.status;
-    }
-    std::vector<BlendBand> bands(static_cast<size_t>(threads), whole);
-    const int rc = threading::run_bands(
-        0, dim.height, threads,
+    const BlendBand whole{0, dim.height, opacity.get(), offset.get(), brush_layers, brush,
+                          stack, &dim, result, 0};
+    // Bands thinner than three rows are not worth a thread: one call then.
+    const int bands = (threads < 2 || dim.height / threads < 3) ? 1 : threads;
+    return rows.run(
+        bands,
         [&](const threading::Band &b) {
-            BlendBand &rec = bands[static_cast<size_t>(b.index)];
+            BlendBand rec = whole;
             rec.first = b.first;
             rec.end = b.end;
             blend_threaded(&rec);
+            return rec.status;
         },
-        threading::OnSpawnFailure::Fail);
-    if (rc < 0) return BV_BLEND_ETHREAD;
-    return bands.back().status;
+        BV_BLEND_ETHREAD);
 }
 
 // Pixel index k of a bit mask: bit 0x80 >> (k % 8) of byte k / 8.
@@ -285,7 +298,8 @@ int preview_impl(int mode, int n, int width, int rows, int in_row, int out_row, 
         in_row < packed || out_row < packed)
         return BV_BLEND_EBADARG;
     const uint8_t *src = stack + static_cast<size_t>(n - 1) * in_row * rows;
-    const int mid = (channels - 1) / 2, last = channels - 1;
+    const ChannelOffsets at = channel_offsets(channels);
+    const int mid = at.g, last = at.b;
     for (int y = 0; y < rows; ++y) {
         const uint8_t *s = src + static_cast<size_t>(y) * in_row;
         uint8_t *o = out + static_cast<size_t>(y) * out_row;
