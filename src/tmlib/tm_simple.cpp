@@ -56,7 +56,7 @@ CurveSet make_curve(const TmParam &p, const LogLumStats &st, float range) {
     const double r = high - med;
     const double k = (r <= 4.0) ? -1.5 : ((med - high) + 1.0) * 0.5;
     const double a = std::exp(k - med);
-    const double s1 = s[1], s2 = s[2];
+    const double s1 = s[BV_TM_SLOT_BRIGHTNESS], s2 = s[BV_TM_SLOT_ADAPTATION];
     double c;
     if (s2 <= 0.0 || s1 <= 0.0) {
         c = (s2 + 10.0) * 0.05;
@@ -72,7 +72,7 @@ CurveSet make_curve(const TmParam &p, const LogLumStats &st, float range) {
         m = static_cast<float>((s1 + 10.0) * 0.1 * (m - 0.01) + 0.01);
     else if (s1 > 0.0)
         m = static_cast<float>((10.0 - s1) * 0.1 * (m - 0.9) + 0.9);
-    const double s0 = s[0];
+    const double s0 = s[BV_TM_SLOT_EXPOSURE];
     double x;
     if (s0 > 0.0)
         x = s0 * (0.4 - 0.01 * s0);
@@ -86,14 +86,14 @@ CurveSet make_curve(const TmParam &p, const LogLumStats &st, float range) {
     const double hi = range * H / (std::pow(f * (c * H + a0), m) + H + 1e-20);
     const double lo = range * L / (std::pow(f * (c * L + a0), m) + L + 1e-20);
     const double d = hi - lo;
-    const double lo_clip = lo + s[4] * 0.02 * d;
+    const double lo_clip = lo + s[BV_TM_SLOT_BLACK_CLIP] * 0.02 * d;
     cs.a = static_cast<float>(a);
     cs.c = static_cast<float>(c);
     cs.a0 = static_cast<float>(a0);
     cs.f = static_cast<float>(f);
     cs.m = m;
     cs.lo = static_cast<float>(lo_clip);
-    cs.inv = static_cast<float>(1.0 / ((hi - s[3] * 0.03 * d) - lo_clip));
+    cs.inv = static_cast<float>(1.0 / ((hi - s[BV_TM_SLOT_WHITE_CLIP] * 0.03 * d) - lo_clip));
     cs.colour = coloradjust::colour_stage_from(p);
     return cs;
 }
@@ -320,8 +320,8 @@ namespace {
 int tm_simple_impl(const TmParam *params, const unsigned char *region_map, const LogLumStats &stats,
                    const float *exp_table, const void *input, void *output, const DimParam &dim,
                    int threads) {
-    const bool rgbe = dim.sourceKind != 10;
-    const bool planar = dim.layout == 3;
+    const bool rgbe = dim.sourceKind != BV_SOURCE_FLOAT_RGB;
+    const bool planar = dim.layout == BV_LAYOUT_PLANES;
     if ((rgbe && !exp_table) || dim.channels < 1 || (planar && dim.channels < 3))
         return BV_TM_EBADARG;
     const threading::DimBands rows(dim, 1);
@@ -331,7 +331,7 @@ int tm_simple_impl(const TmParam *params, const unsigned char *region_map, const
     const TmParam &base = params[0];
     int regions = 0;
     if (region_map) {
-        const float v = base.slot[55];
+        const float v = base.slot[BV_TM_SLOT_REGION_SETS];
         if (v > 0.0f) regions = v >= kMaxRegionSets ? kMaxRegionSets : static_cast<int>(v);
     }
     const size_t sets = static_cast<size_t>(regions) + 1;
@@ -347,7 +347,8 @@ int tm_simple_impl(const TmParam *params, const unsigned char *region_map, const
         TmParam colour;
         std::memcpy(&colour, &params[k], sizeof colour);
         curves[k] = make_curve(colour, stats, range);
-        if (!coloradjust::has_table_params(colour) && colour.slot[13] == 0.0f) continue;
+        if (!coloradjust::has_table_params(colour) && colour.slot[BV_TM_SLOT_SATURATION] == 0.0f)
+            continue;
         float *hue = hue_tables.get() + k * lut * 3;
         float *value = value_tables.get() + k * lut;
         curves[k].colour.tables = true;
@@ -371,7 +372,7 @@ int tm_simple_impl(const TmParam *params, const unsigned char *region_map, const
     j.out_row = rows.row_samples();
     j.first_row = 0;
     j.end_row = dim.height;
-    const float first = base.slot[56], end = base.slot[57];
+    const float first = base.slot[BV_TM_SLOT_FIRST_ROW], end = base.slot[BV_TM_SLOT_END_ROW];
     if (first > 0.0f && first < dim.height - 1) j.first_row = static_cast<int>(first);
     if (end > 0.0f && end < dim.height) j.end_row = static_cast<int>(end);
 

@@ -119,8 +119,8 @@ struct Source {
 // One output row. Each pixel sums its brackets in registers, in ascending
 // exposure order; the brackets' rows are read side by side.
 template <class T, int kChannels>
-void merge_row(const Source<T> *src, int n, int width, int runtime_channels, const ChannelOffsets &taps,
-               const float *lut, uint8_t *out, Stats &st) {
+void merge_row(const Source<T> *src, int n, int width, int runtime_channels,
+               const ChannelOffsets &taps, const float *lut, uint8_t *out, Stats &st) {
     const int ch = kChannels > 0 ? kChannels : runtime_channels;
     const int tr = kChannels == 3 ? 0 : taps.r, tg = kChannels == 3 ? 1 : taps.g,
               tb = kChannels == 3 ? 2 : taps.b;
