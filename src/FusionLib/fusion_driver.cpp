@@ -8,6 +8,7 @@
 #include "FusionLib/local/fusion_local.hpp"
 #include "Threading/bands.hpp"
 #include "common/boundary.hpp"
+#include "common/diag.hpp"
 
 namespace bv::fusion {
 
@@ -66,8 +67,8 @@ int get(FILE *f, uint64_t at, void *p, size_t size, size_t count, const char *wh
     if (int rc = seek(f, at)) return rc;
     const size_t got = std::fread(p, size, count, f);
     if (got == count) return 0;
-    std::fprintf(stderr, "could not read %s - returned %d instead of %d\n", what,
-                 static_cast<int>(got), static_cast<int>(count));
+    diag(Stream::Err, "could not read %s - returned %d instead of %d\n", what,
+         static_cast<int>(got), static_cast<int>(count));
     return -3;
 }
 
@@ -367,9 +368,8 @@ int weights_through_files(const Run &r, WeightJob job, int threads) {
             if (int rc = seek(fs, at)) return rc;
             const size_t got = std::fread(dst, sb, want, fs);
             if (got != want) {
-                std::fprintf(stderr,
-                             "could not read fpSource - returned %d instead of %d  at  %d\n",
-                             static_cast<int>(got), static_cast<int>(want), y0);
+                diag(Stream::Err, "could not read fpSource - returned %d instead of %d  at  %d\n",
+                     static_cast<int>(got), static_cast<int>(want), y0);
                 return -3;
             }
             rows[i] = dst;
