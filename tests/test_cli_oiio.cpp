@@ -672,6 +672,7 @@ TEST(Cli, FuseBracketsWithOptions) {
         {{"-o", dir + "/files.png", "--temp-dir", dir + "/spill", "-j", "3"}, 8},
         {{"-o", dir + "/deep.tif", "--bits", "16", "--detail", "6", "--moire", "6"}, 16},
         {{"-o", dir + "/ghost.png", "--mask", dir + "/mask.png", "--mask-bracket", "3"}, 8},
+        {{"-o", dir + "/two.png", "--two-pass"}, 8},
     };
     std::vector<Image> img(std::size(cases));
     for (size_t i = 0; i < std::size(cases); ++i) {

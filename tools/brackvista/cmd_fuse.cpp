@@ -28,6 +28,8 @@ std::vector<OptionSpec> fuse_options() {
         {"detail", 'd', "S", "detail strength 0..20 (default 2; 0 = plain fusion)"},
         {"moire", 0, "M",
          "moire mode 0..7: calm the coarse levels of repeated patterns (default 0)"},
+        {"two-pass", 0, nullptr,
+         "refine the fused picture with the local-contrast pass (tile grid 85 pixels apart)"},
         {"wrap", 0, nullptr, "the brackets are 360-degree panoramas: blend across the side edges"},
         {"mask", 0, "IMAGE",
          "ghost selection: a picture of the brackets' size whose light pixels take only one "
@@ -102,12 +104,12 @@ std::vector<uint8_t> fuse_brackets(const BracketSet &set, const FuseJob &job) {
     int rc;
     {
         Progress bar("fusing");
-        rc =
-            bv_fusion(&Progress::library_callback, &param, nullptr, n, 16, 16, 0.0f, options, 0,
-                      src.empty() ? nullptr : src.c_str(), 0, wmap.empty() ? nullptr : wmap.c_str(),
-                      wpyr.empty() ? nullptr : wpyr.c_str(), 0, 0, 0, dim, job.wrap ? 1 : 0,
-                      nullptr, set.data.data(), job.slots.empty() ? nullptr : job.slots.data(),
-                      job.mask.empty() ? nullptr : job.mask.data(), 0, picture.data());
+        rc = bv_fusion(&Progress::library_callback, &param, nullptr, n, 16, 16, 0.0f, options,
+                       job.threads, src.empty() ? nullptr : src.c_str(), 0,
+                       wmap.empty() ? nullptr : wmap.c_str(), wpyr.empty() ? nullptr : wpyr.c_str(),
+                       0, 0, 0, dim, job.wrap ? 1 : 0, nullptr, set.data.data(),
+                       job.slots.empty() ? nullptr : job.slots.data(),
+                       job.mask.empty() ? nullptr : job.mask.data(), 0, picture.data());
     }
     if (rc == BV_FU_ECANCEL) check_interrupted();
     if (rc < 0) {
@@ -152,6 +154,7 @@ int run_fuse(int argc, char **argv) {
         curve == "gaussian" ? 0.0f : static_cast<float>(parse_number(curve, "--curve", 0.1, 10));
     param.slot[8] = static_cast<float>(args.number("detail", 2, 0, 20));
     param.slot[13] = static_cast<float>(args.integer("moire", 0, 0, 7));
+    if (args.has("two-pass")) param.slot[9] = 1.0f;
     job.bits = bits;
     job.threads = threads;
     job.wrap = args.has("wrap");
