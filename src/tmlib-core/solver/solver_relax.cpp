@@ -120,9 +120,10 @@ int tm2old_impl(int levels, const TmParam &params, bv_progress_cb cb, float *pla
     for (int k = levels - 1; k >= 0; --k) {
         const Level &L = lv[k];
         const size_t n = static_cast<size_t>(L.width) * L.height;
-        const float *f = plane + L.offset;
+        float *f = plane + L.offset;
         const int lt = (L.height / threads < 81) ? 1 : threads;
         const int sweeps = sweeps_for(base, k);
+        centre_rhs(L.width, L.height, lt, f);
         if (k >= top) {
             if (k < levels - 1) {
                 const Level &C = lv[k + 1];
