@@ -145,6 +145,22 @@ TEST(SolverOps, Attenuation) {
     EXPECT_EQ(u[0], 0.25f);
 }
 
+TEST(SolverOps, EnlargementBetweenLevels) {
+    // Coarse 2 x 2 to fine 4 x 3: the last odd column copies (or, with wrap,
+    // averages with the first column); the odd row averages rows.
+    const float coarse[4] = {0, 4, 8, 16};
+    const float want[2][12] = {{0, 2, 4, 4, 4, 7, 10, 10, 8, 12, 16, 16},
+                               {0, 2, 4, 2, 4, 7, 10, 7, 8, 12, 16, 12}};
+    for (int wrap = 0; wrap < 2; ++wrap) {
+        float fine[12];
+        bs::enlarge(coarse, 2, 2, fine, 4, 3, wrap, 2);
+        for (int i = 0; i < 12; ++i) EXPECT_EQ(fine[i], want[wrap][i]) << "wrap " << wrap << " @" << i;
+        float rows[8];
+        bs::enlarge_rows(coarse, 2, 2, rows, 4, 3, 1, 3, wrap, 1);
+        for (int i = 0; i < 8; ++i) EXPECT_EQ(rows[i], want[wrap][4 + i]);
+    }
+}
+
 TEST(SolverCg, ReachesToleranceOnAKnownSolution) {
     for (int wrap : {0, 1}) {
         Problem pb(40, 31, wrap, 11);
@@ -408,6 +424,10 @@ TEST(SolverDriver, LevelFileFailures) {
     EXPECT_EQ(bs::calc_tm2old(3, &p, nullptr, plane.data(), 40, 40, o), -1);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "can not open temporary file (null)\n");
     EXPECT_EQ(bs::calc_tm2new2(3, &p, nullptr, nullptr, 40, 40, o), -3);
+    // A one-pixel-wide plane is a valid problem.
+    std::vector<float> column(bs::pyramid_floats(1, 9, 2), 0.0f);
+    EXPECT_EQ(bs::calc_tm2old(2, &p, nullptr, column.data(), 1, 9, tf.optim(1, 0)), 1);
+    EXPECT_EQ(column[4], 1.0f);
 }
 
 // The relaxation lands close to the conjugate-gradient result; both stop
@@ -424,6 +444,17 @@ TEST(SolverDriver, RelaxationIsCloseToConjugateGradients) {
         float slot17, slot18;
         double largest, mean;
     } cases[] = {{0, 0, 0.25, 0.06}, {20, 2, 0.03, 0.006}};
+    // A tall plane sweeps its file levels in several strips.
+    {
+        Problem tall(16, 700, 0, 12);
+        const TmParam p = params_with();
+        std::vector<float> cg = rhs_pyramid(tall, 4), gs = cg;
+        ASSERT_EQ(bs::calc_tm2new2(4, &p, nullptr, cg.data(), 16, 700, tf.optim(1, 0)), 1);
+        ASSERT_EQ(bs::calc_tm2old(4, &p, nullptr, gs.data(), 16, 700, tf.optim(3, 0)), 1);
+        std::vector<float> lc(16 * 700), lg(16 * 700);
+        for (size_t i = 0; i < lc.size(); ++i) lc[i] = std::log(cg[i]), lg[i] = std::log(gs[i]);
+        EXPECT_LT(max_diff_centred(lc, lg, lc.size()), 0.25);
+    }
     for (const auto &c : cases) {
         const TmParam p = params_with(0, c.slot17, c.slot18);
         std::vector<float> cg = rhs_pyramid(pb, levels), gs = cg;
