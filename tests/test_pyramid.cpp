@@ -1,12 +1,11 @@
 // Pyramid sizing, reduction, enlargement round trips, Gaussian blur and area reduction.
+#include <Brackvista40Lib1.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstring>
 #include <string>
 #include <vector>
-
-#include <Brackvista40Lib1.h>
 
 #include "test_support.hpp"
 
@@ -103,7 +102,8 @@ TEST(PyramidEnlarge, FixedValues) {
     for (int wrap = 0; wrap < 2; ++wrap) {
         uint8_t fine[16] = {};
         ASSERT_EQ(bv_uchar_upsample(4, 4, 2, 2, 1, wrap, coarse, fine), 4);
-        for (int i = 0; i < 16; ++i) EXPECT_EQ(fine[i], want[wrap][i]) << "wrap " << wrap << " @" << i;
+        for (int i = 0; i < 16; ++i)
+            EXPECT_EQ(fine[i], want[wrap][i]) << "wrap " << wrap << " @" << i;
         // The same in the middle channel of an RGB level, the others flat.
         uint8_t rgb[12], fine3[48] = {};
         for (int i = 0; i < 4; ++i) rgb[3 * i] = rgb[3 * i + 2] = 9, rgb[3 * i + 1] = coarse[i];

@@ -1,5 +1,6 @@
 // The enhancer's Poisson solver: sizing rules, operators, conjugate gradients in memory and
 // streamed, the coarse-to-fine driver, relaxation and the failure table.
+#include <Brackvista40Lib1.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -7,8 +8,6 @@
 #include <cstring>
 #include <string>
 #include <vector>
-
-#include <Brackvista40Lib1.h>
 
 #include "test_support.hpp"
 #include "tmlib-core/solver/solver.hpp"
@@ -57,8 +56,10 @@ double max_diff_centred(const std::vector<float> &a, const std::vector<float> &b
 struct TempFiles {
     std::string in, base, p, r, t;
     explicit TempFiles(const std::string &tag)
-        : in(bvtest::temp_path(tag + "_in")), base(bvtest::temp_path(tag + "_base")),
-          p(bvtest::temp_path(tag + "_p")), r(bvtest::temp_path(tag + "_r")),
+        : in(bvtest::temp_path(tag + "_in")),
+          base(bvtest::temp_path(tag + "_base")),
+          p(bvtest::temp_path(tag + "_p")),
+          r(bvtest::temp_path(tag + "_r")),
           t(bvtest::temp_path(tag + "_t")) {}
     optimParam optim(int threads, int useTemp) const {
         optimParam o{};
@@ -111,14 +112,16 @@ TEST(SolverRules, LevelSizes) {
 TEST(SolverRules, ToleranceIterationsAndFactor) {
     const struct {
         float slot18, tol;
-    } tol[] = {{-3, 1e-6f}, {-2, 3e-4f}, {-1, 1e-4f}, {0, 1e-5f}, {1, 1e-6f},
+    } tol[] = {{-3, 1e-6f}, {-2, 3e-4f}, {-1, 1e-4f},   {0, 1e-5f},    {1, 1e-6f},
                {2, 1e-7f},  {3, 1e-6f},  {0.9f, 1e-5f}, {1e30f, 1e-6f}};
-    for (const auto &c : tol) EXPECT_EQ(bs::base_tolerance(params_with(0, 0, c.slot18)), c.tol) << c.slot18;
+    for (const auto &c : tol)
+        EXPECT_EQ(bs::base_tolerance(params_with(0, 0, c.slot18)), c.tol) << c.slot18;
     const struct {
         float slot17;
         int it;
     } its[] = {{0, 50}, {10, 150}, {20, 450}, {-10, 16}, {5, 86}};
-    for (const auto &c : its) EXPECT_EQ(bs::max_iterations(params_with(0, c.slot17)), c.it) << c.slot17;
+    for (const auto &c : its)
+        EXPECT_EQ(bs::max_iterations(params_with(0, c.slot17)), c.it) << c.slot17;
     EXPECT_EQ(bs::level_factor(1600, 1600), 1.0f);
     EXPECT_EQ(bs::level_factor(1600, 1603), static_cast<float>(20.0 * std::log(1.601)));
     EXPECT_EQ(bs::level_factor(6000, 4000), static_cast<float>(20.0 * std::log(5.0)));
@@ -130,12 +133,13 @@ TEST(SolverOps, LaplacianReflectsOrWraps) {
     for (int i = 0; i < 9; ++i) x[i] = static_cast<float>(i);
     const float want[2][9] = {
         {4, 3, 2, 1, 0, -1, -2, -3, -4},  // reflecting
-        {6, 3, 0, 3, 0, -3, 0, -3, -6},  // rows wrap
+        {6, 3, 0, 3, 0, -3, 0, -3, -6},   // rows wrap
     };
     for (int wrap = 0; wrap < 2; ++wrap) {
         std::vector<double> dots(3);
         bs::tm20m(3, 3, wrap, 1, x.data(), out.data(), dots.data());
-        for (int i = 0; i < 9; ++i) EXPECT_EQ(out[i], want[wrap][i]) << "wrap " << wrap << " @" << i;
+        for (int i = 0; i < 9; ++i)
+            EXPECT_EQ(out[i], want[wrap][i]) << "wrap " << wrap << " @" << i;
         for (int r = 0; r < 3; ++r)
             EXPECT_EQ(dots[r], x[3 * r] * out[3 * r] + x[3 * r + 1] * out[3 * r + 1] +
                                    x[3 * r + 2] * out[3 * r + 2]);
@@ -165,7 +169,8 @@ TEST(SolverOps, EnlargementBetweenLevels) {
     for (int wrap = 0; wrap < 2; ++wrap) {
         float fine[12];
         bs::enlarge(coarse, 2, 2, fine, 4, 3, wrap, 2);
-        for (int i = 0; i < 12; ++i) EXPECT_EQ(fine[i], want[wrap][i]) << "wrap " << wrap << " @" << i;
+        for (int i = 0; i < 12; ++i)
+            EXPECT_EQ(fine[i], want[wrap][i]) << "wrap " << wrap << " @" << i;
         float rows[8];
         bs::enlarge_rows(coarse, 2, 2, rows, 4, 3, 1, 3, wrap, 1);
         for (int i = 0; i < 8; ++i) EXPECT_EQ(rows[i], want[wrap][4 + i]);
@@ -177,7 +182,8 @@ TEST(SolverCg, ReachesToleranceOnAKnownSolution) {
         Problem pb(40, 31, wrap, 11);
         std::vector<float> x(pb.b.size(), 0.0f), b = pb.b;
         const float tol = 1e-10f;
-        const int it = cg(TempFiles("known"), pb.w, pb.h, 2000, 0, b.data(), x.data(), tol, 1, wrap);
+        const int it =
+            cg(TempFiles("known"), pb.w, pb.h, 2000, 0, b.data(), x.data(), tol, 1, wrap);
         ASSERT_GT(it, 0);
         ASSERT_LT(it, 2000);
         // The true residual, recomputed, meets the tolerance.
@@ -256,7 +262,8 @@ TEST(SolverCg, ProgressAndCancel) {
         g_seen.clear();
         g_cancel_after = cancel_after;
         std::vector<float> plane = rhs_pyramid(pr, 3);
-        const int rc = bs::calc_tm2old(3, &p, record_progress, plane.data(), 20, 12, tf.optim(1, 0));
+        const int rc =
+            bs::calc_tm2old(3, &p, record_progress, plane.data(), 20, 12, tf.optim(1, 0));
         if (cancel_after >= 0) {
             EXPECT_EQ(rc, bs::kErrCancelled);
             EXPECT_EQ(g_seen.size(), 6u);
@@ -293,8 +300,10 @@ TEST(SolverCg, FailureTable) {
         int which;  // 0 base, 1 R, 2 P, 3 T, 4 In
         const char *message;
     } cases[] = {
-        {0, "can not open temporary file in tm20 "}, {1, "can not open temporary file R in tm20 "},
-        {2, "can not open temporary file P in tm20 "}, {3, "can not open temporary file T in tm20 "},
+        {0, "can not open temporary file in tm20 "},
+        {1, "can not open temporary file R in tm20 "},
+        {2, "can not open temporary file P in tm20 "},
+        {3, "can not open temporary file T in tm20 "},
         {4, "can not open temporary file In in tm20 "},
     };
     for (const Case &c : cases) {
@@ -405,7 +414,8 @@ TEST(SolverDriver, LevelFileFailures) {
     plane = rhs_pyramid(pb, 3);
     testing::internal::CaptureStdout();
     EXPECT_EQ(bs::calc_tm2new2(3, &p, nullptr, plane.data(), 40, 40, o), -2);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "could not write to temporary file tempPath1\n");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "could not write to temporary file tempPath1\n");
     // A failing solver file aborts with tm20's code.
     o = tf.optim(1, 1);
     o.solverT = bad.c_str();
@@ -460,7 +470,8 @@ TEST(SolverDriver, RelaxationIsCloseToConjugateGradients) {
         const size_t n = static_cast<size_t>(pb.w) * pb.h;
         std::vector<float> cg = rhs_pyramid(pb, c.levels), gs;
         const std::vector<float> rhs = cg;
-        ASSERT_EQ(bs::calc_tm2new2(c.levels, &p, nullptr, cg.data(), pb.w, pb.h, tf.optim(2, 0)), 1);
+        ASSERT_EQ(bs::calc_tm2new2(c.levels, &p, nullptr, cg.data(), pb.w, pb.h, tf.optim(2, 0)),
+                  1);
         for (int threads : kThreadCounts) {
             if (!c.threads && threads != 3) continue;
             std::vector<float> plane = rhs;
@@ -471,9 +482,10 @@ TEST(SolverDriver, RelaxationIsCloseToConjugateGradients) {
             EXPECT_EQ(0, std::memcmp(plane.data(), gs.data(), n * 4)) << threads;
         }
         const auto d = log_diff(cg, gs, n);
-        std::printf("%dx%d, slots 17 = %g, 18 = %g: relaxation vs conjugate gradients, log "
-                    "difference largest %.4f, mean %.4f\n",
-                    c.w, c.h, c.slot17, c.slot18, d.first, d.second);
+        std::printf(
+            "%dx%d, slots 17 = %g, 18 = %g: relaxation vs conjugate gradients, log "
+            "difference largest %.4f, mean %.4f\n",
+            c.w, c.h, c.slot17, c.slot18, d.first, d.second);
         EXPECT_LT(d.first, c.largest);
         EXPECT_LT(d.second, c.mean);
     }

@@ -54,8 +54,10 @@ int downtower(int radius, int width, int height, int channels, int threads, uint
                     for (int c = 0; c < channels; ++c) {
                         double acc = 0.0;
                         for (int k = 0; k < taps; ++k)
-                            acc += w[k] * in[static_cast<size_t>(clamp_index(x + k - radius, width)) *
-                                                 channels + c];
+                            acc +=
+                                w[k] * in[static_cast<size_t>(clamp_index(x + k - radius, width)) *
+                                              channels +
+                                          c];
                         out[static_cast<size_t>(x) * channels + c] = round_u8(acc);
                     }
             }
@@ -69,8 +71,10 @@ int downtower(int radius, int width, int height, int channels, int threads, uint
                 for (size_t i = 0; i < stride; ++i) {
                     double acc = 0.0;
                     for (int k = 0; k < taps; ++k)
-                        acc += w[k] * tmp[static_cast<size_t>(clamp_index(y + k - radius, height)) *
-                                              stride + i];
+                        acc +=
+                            w[k] *
+                            tmp[static_cast<size_t>(clamp_index(y + k - radius, height)) * stride +
+                                i];
                     out[i] = round_u8(acc);
                 }
             }
@@ -132,7 +136,8 @@ void read_ints(const void *src, int width, int ch, int y, float *out) {
 
 void read_floats(const void *src, int width, int ch, int y, float *out) {
     const size_t n = static_cast<size_t>(width) * ch;
-    std::memcpy(out, static_cast<const float *>(src) + static_cast<size_t>(y) * n, n * sizeof(float));
+    std::memcpy(out, static_cast<const float *>(src) + static_cast<size_t>(y) * n,
+                n * sizeof(float));
 }
 
 const rgbe::Table &exp_table() {
@@ -237,17 +242,17 @@ int downsample(int srcWidth, int srcHeight, int dstWidth, int dstHeight, int cha
         (channels < 1 && bits != 32))
         return -1;
     switch (bits) {
-    case 8:
-        return area_reduce(srcWidth, srcHeight, dstWidth, dstHeight, channels, src, dst, threads,
-                           read_ints<uint8_t>, write_ints<uint8_t>);
-    case 16:
-        return area_reduce(srcWidth, srcHeight, dstWidth, dstHeight, channels, src, dst, threads,
-                           read_ints<uint16_t>, write_ints<uint16_t>);
-    case 32:
-        return area_reduce(srcWidth, srcHeight, dstWidth, dstHeight, 3, src, dst, threads,
-                           read_rgbe, write_floats);
-    default:
-        return -2;
+        case 8:
+            return area_reduce(srcWidth, srcHeight, dstWidth, dstHeight, channels, src, dst,
+                               threads, read_ints<uint8_t>, write_ints<uint8_t>);
+        case 16:
+            return area_reduce(srcWidth, srcHeight, dstWidth, dstHeight, channels, src, dst,
+                               threads, read_ints<uint16_t>, write_ints<uint16_t>);
+        case 32:
+            return area_reduce(srcWidth, srcHeight, dstWidth, dstHeight, 3, src, dst, threads,
+                               read_rgbe, write_floats);
+        default:
+            return -2;
     }
 }
 

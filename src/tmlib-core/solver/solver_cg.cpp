@@ -145,8 +145,8 @@ int cg_stream(int width, int height, int maxIterations, int wrap, int threads, i
                                  (e - a) * static_cast<int64_t>(width), x + a * w))) < 0)
             return rc;
     }
-    if ((rc = tm20m_streaming(width, height, wrap, threads, strips, f.base, f.t, A, B,
-                              nullptr)) < 0)
+    if ((rc = tm20m_streaming(width, height, wrap, threads, strips, f.base, f.t, A, B, nullptr)) <
+        0)
         return rc;
     // Applies body to strip s after reading the listed files' strips into A
     // (first) and B (second), then writes `out` (A or B) to each target.
@@ -185,8 +185,8 @@ int cg_stream(int width, int height, int maxIterations, int wrap, int threads, i
     if (delta > 0.0) {
         done = maxIterations;
         for (int i = 1; i <= maxIterations; ++i) {
-            if ((rc = tm20m_streaming(width, height, wrap, threads, strips, f.p, f.t,
-                                      A, B, dt)) < 0)
+            if ((rc = tm20m_streaming(width, height, wrap, threads, strips, f.p, f.t, A, B, dt)) <
+                0)
                 return rc;
             const double dq = sum_rows(dt, height);
             if (dq == 0.0) {
@@ -355,7 +355,7 @@ int tm2new2_impl(int levels, const TmParam &params, bv_progress_cb progressConte
         float *b = plane + L.offset;
         const int lt = (L.height / threads < 81) ? 1 : threads;
         const float factor = (k == levels - 1) ? (optim.mode == 1 ? 1.0f : 0.0001f)
-                                                : level_factor(L.width, L.height);
+                                               : level_factor(L.width, L.height);
         const float tol = base * factor;
         centre_rhs(L.width, L.height, lt, b);
         if (k >= top) {
