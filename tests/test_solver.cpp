@@ -317,16 +317,16 @@ TEST(SolverCg, FailureTable) {
     }
     std::vector<float> x(pb.b.size(), 0.0f);
     // A full device: the first strip write is short.
-    testing::internal::CaptureStderr();
+    testing::internal::CaptureStdout();
     const char *full[5] = {"/dev/full", tf.r.c_str(), tf.p.c_str(), tf.t.c_str(), tf.in.c_str()};
     EXPECT_EQ(cg(tf, pb.w, pb.h, 5, 1, nullptr, x.data(), 1e-6f, 1, 0, nullptr, full), -22);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "could not write to temporary file in tm20 - - returned 0 instead of 4 \n");
     // An In file shorter than the level: a short read.
     bvtest::write_file(tf.in, pb.b.data(), 100);
-    testing::internal::CaptureStderr();
+    testing::internal::CaptureStdout();
     EXPECT_EQ(cg(tf, pb.w, pb.h, 5, 2, nullptr, x.data(), 1e-6f), -21);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "can not read temporary file - returned 0 instead of 4 in tm20\n");
     std::vector<float> b = pb.b;
     {

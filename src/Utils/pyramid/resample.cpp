@@ -7,6 +7,7 @@
 #include "Threading/bands.hpp"
 #include "Utils/pyramid/pyramid.hpp"
 #include "common/boundary.hpp"
+#include "common/diag.hpp"
 #include "common/pixels.hpp"
 #include "core/rgbe/rgbe_pixel.hpp"
 
@@ -41,7 +42,7 @@ int downtower(int radius, int width, int height, int channels, int threads, uint
         return -4;
     Scratch<uint8_t> tmp;
     if (!tmp.alloc(total)) return -4;
-    std::fputc('\n', stderr);
+    diag(Stream::Err, "\n");
 
     // Along rows into tmp, then along columns back into the image.
     threading::run_bands(

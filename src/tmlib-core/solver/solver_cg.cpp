@@ -7,6 +7,7 @@
 
 #include "Threading/bands.hpp"
 #include "common/boundary.hpp"
+#include "common/diag.hpp"
 #include "tmlib-core/solver/solver.hpp"
 
 namespace bv::solver {
@@ -94,19 +95,17 @@ int open_stream_files(StreamFiles &f, const char *inPath, const char *basePath, 
         FILE **file;
         const char *path;
         const char *mode;
-        const char *message;
+        const char *tag;  // names the file in the message
     };
     const Spec specs[] = {
-        {&f.base, basePath, "wb+", "can not open temporary file in tm20 %s\n"},
-        {&f.r, rPath, "wb+", "can not open temporary file R in tm20 %s\n"},
-        {&f.p, pPath, "wb+", "can not open temporary file P in tm20 %s\n"},
-        {&f.t, tPath, "wb+", "can not open temporary file T in tm20 %s\n"},
-        {&f.in, inPath, "rb", "can not open temporary file In in tm20 %s\n"},
+        {&f.base, basePath, "wb+", ""}, {&f.r, rPath, "wb+", "R "},   {&f.p, pPath, "wb+", "P "},
+        {&f.t, tPath, "wb+", "T "},     {&f.in, inPath, "rb", "In "},
     };
     for (const Spec &s : specs) {
         *s.file = s.path ? std::fopen(s.path, s.mode) : nullptr;
         if (!*s.file) {
-            std::printf(s.message, s.path ? s.path : "(null)");
+            diag(Stream::Out, "can not open temporary file %sin tm20 %s\n", s.tag,
+                 s.path ? s.path : "(null)");
             return kErrTempOpen;
         }
     }
@@ -312,12 +311,12 @@ void enlarge(const float *coarse, int cw, int ch, float *fine, int fw, int fh, i
 int write_level_file(const char *path, const float *data, size_t n) {
     File f(path, "wb");
     if (!f) {
-        std::printf("can not open temporary file %s\n", path ? path : "(null)");
+        diag(Stream::Out, "can not open temporary file %s\n", path ? path : "(null)");
         return kErrLevelOpen;
     }
     const size_t put = n ? std::fwrite(data, sizeof(float), n, f.get()) : 0;
     if (f.close() != 0 || put != n) {
-        std::printf("could not write to temporary file tempPath1\n");
+        diag(Stream::Out, "could not write to temporary file tempPath1\n");
         return kErrLevelWrite;
     }
     return 0;

@@ -7,6 +7,7 @@
 
 #include "Threading/bands.hpp"
 #include "common/boundary.hpp"
+#include "common/diag.hpp"
 #include "tmlib-core/solver/solver.hpp"
 
 namespace bv::solver {
@@ -106,8 +107,8 @@ int tm2old_impl(int levels, const TmParam &params, bv_progress_cb cb, float *pla
         return kErrNoMem;
     File file(optim.solverBase, "wb+");
     if (!file) {
-        std::printf("can not open temporary file %s\n",
-                    optim.solverBase ? optim.solverBase : "(null)");
+        diag(Stream::Out, "can not open temporary file %s\n",
+             optim.solverBase ? optim.solverBase : "(null)");
         return kErrLevelOpen;
     }
     // Progress over the file-based sweeps, which take nearly all the time.
