@@ -681,6 +681,13 @@ BV_API int bv_hdr_merge(bv_progress_cb progressContext, int mode, int n, int wid
  * column the last one. There is never a vertical wrap. Single-threaded unless
  * a thread count is taken. */
 
+/* Codes of the pyramid functions. */
+enum {
+    BV_PYR_EARG = -1,   /* channels other than 1 or 3 (levels), NULL buffer, bad size */
+    BV_PYR_EDEPTH = -2, /* bits per sample the function does not take */
+    BV_PYR_ENOMEM = -4  /* scratch memory could not be allocated */
+};
+
 /* Exact pixel count of a whole pyramid: L = trunc(log2(min(w, h))) in single
  * precision; L < 2 gives width * height, else the base plus L - 1 further
  * levels, each halved rounding up. pyram_len(3, 100) = 300, (5, 5) = 34.
@@ -698,8 +705,8 @@ BV_API uint64_t pyram_len2(int width, int height);
  * rounded binomial filter). A missing neighbour beyond the last row or
  * column is the centre's own row or column (first row/column likewise),
  * except that with wrap the columns wrap around.
- * Returns the coarse height; 0 for an empty image; -1 unless channels is 1
- * or 3, or for a NULL buffer or a negative size. */
+ * Returns the coarse height; 0 for an empty image; BV_PYR_EARG unless
+ * channels is 1 or 3, or for a NULL buffer or a negative size. */
 BV_API int bv_short_downsample(int width, int height, int channels, int wrap,
                                const uint16_t *fine, uint16_t *coarse);
 BV_API int bv_uchar_downsample(int width, int height, int channels, int wrap,
@@ -715,9 +722,9 @@ BV_API int bv_uchar_downsample(int width, int height, int channels, int wrap,
  * modulo 65536 (short: coarse is signed, fine unsigned) or 256 (uchar), so
  * upsample exactly undoes diff. coarse must hold at least
  * ceil(fineWidth/2) x ceil(fineHeight/2) pixels of the given size.
- * Returns fineHeight (0 when it is 0); -1 unless channels is 1 or 3 (fine is
- * then untouched), for a NULL buffer, a negative size or a coarse level too
- * small for the fine one. */
+ * Returns fineHeight (0 when it is 0); BV_PYR_EARG unless channels is 1 or 3
+ * (fine is then untouched), for a NULL buffer, a negative size or a coarse
+ * level too small for the fine one. */
 BV_API int bv_short_diff(int fineWidth, int fineHeight, int coarseWidth, int coarseHeight,
                          int channels, int wrap, const int16_t *coarse, uint16_t *fine);
 BV_API int bv_short_upsample(int fineWidth, int fineHeight, int coarseWidth, int coarseHeight,
@@ -733,8 +740,9 @@ BV_API int bv_uchar_upsample(int fineWidth, int fineHeight, int coarseWidth, int
  * each pass rounded to nearest. Writes one newline to standard error before
  * filtering. threads <= 1 works on the calling thread; the result does not
  * depend on the count. radius < 1 leaves the image as it is (no newline).
- * Returns height; -2 when bits is not 8, -1 for a NULL image or a bad size,
- * -4 when the scratch rows cannot be allocated. */
+ * Returns height; BV_PYR_EDEPTH when bits is not 8, BV_PYR_EARG for a NULL
+ * image or a bad size, BV_PYR_ENOMEM when the scratch image cannot be
+ * allocated. */
 BV_API int bv_downtower(int radius, int width, int height, int channels, int bits,
                         int threads, uint8_t *image);
 
@@ -751,8 +759,9 @@ BV_API int bv_downtower(int radius, int width, int height, int channels, int bit
  * 8192, so a "black" pixel with non-zero mantissas contributes a tiny
  * denormal value rather than 0). Enlarging (a ratio below 1) repeats source
  * cells. threads <= 1 runs on the calling thread; results do not depend on
- * the count. Returns dstHeight; -1 for a NULL buffer or a non-positive size
- * or channel count; -2 for other bits; -4 when memory is short. */
+ * the count. Returns dstHeight; BV_PYR_EARG for a NULL buffer or a
+ * non-positive size or channel count; BV_PYR_EDEPTH for other bits;
+ * BV_PYR_ENOMEM when memory is short. */
 BV_API int bv_downsample(int srcWidth, int srcHeight, int dstWidth, int dstHeight,
                          int channels, int bits, const void *src, void *dst, int threads);
 /* @end pyramid */

@@ -45,10 +45,10 @@ inline int side(int x, int dx, int width, int wrap) {
 
 template <class T>
 int reduce(int width, int height, int channels, int wrap, const T *fine, T *coarse) {
-    if (channels != 1 && channels != 3) return -1;
-    if (width < 0 || height < 0) return -1;
+    if (channels != 1 && channels != 3) return BV_PYR_EARG;
+    if (width < 0 || height < 0) return BV_PYR_EARG;
     if (width == 0 || height == 0) return 0;
-    if (!fine || !coarse) return -1;
+    if (!fine || !coarse) return BV_PYR_EARG;
     const int cw = (width + 1) / 2, ch = (height + 1) / 2;
     const size_t stride = static_cast<size_t>(width) * channels;
     for (int i = 0; i < ch; ++i) {
@@ -77,11 +77,12 @@ int reduce(int width, int height, int channels, int wrap, const T *fine, T *coar
 template <class C, class F>
 int expand(int fineWidth, int fineHeight, int coarseWidth, int coarseHeight, int channels, int wrap,
            const C *coarse, F *fine, int sign) {
-    if (channels != 1 && channels != 3) return -1;
-    if (fineWidth < 0 || fineHeight < 0) return -1;
+    if (channels != 1 && channels != 3) return BV_PYR_EARG;
+    if (fineWidth < 0 || fineHeight < 0) return BV_PYR_EARG;
     if (fineHeight == 0 || fineWidth == 0) return fineHeight;
-    if (!coarse || !fine) return -1;
-    if (coarseWidth < (fineWidth + 1) / 2 || coarseHeight < (fineHeight + 1) / 2) return -1;
+    if (!coarse || !fine) return BV_PYR_EARG;
+    if (coarseWidth < (fineWidth + 1) / 2 || coarseHeight < (fineHeight + 1) / 2)
+        return BV_PYR_EARG;
     const size_t cstride = static_cast<size_t>(coarseWidth) * channels;
     const size_t fstride = static_cast<size_t>(fineWidth) * channels;
     for (int y = 0; y < fineHeight; ++y) {
