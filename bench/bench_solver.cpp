@@ -142,8 +142,26 @@ void BM_PyramidReduce16(benchmark::State &state) {
         static_cast<double>(w) * h * 1e-6 * state.iterations(), benchmark::Counter::kIsRate);
 }
 
+// The preview reduction of the enhancer: 24-megapixel RGBE rows to 1024 x 683
+// float RGB.
+void BM_DownsampleRgbePreview(benchmark::State &state) {
+    const int w = Field::kWidth, h = Field::kHeight, dw = 1024, dh = 683;
+    std::vector<uint8_t> rgbe(static_cast<size_t>(w) * h * 4);
+    for (size_t i = 0; i < rgbe.size(); ++i) rgbe[i] = static_cast<uint8_t>(i * 2654435761u >> 24);
+    std::vector<float> out(static_cast<size_t>(dw) * dh * 3);
+    for (auto _ : state) {
+        if (bv_downsample(w, h, dw, dh, 3, 32, rgbe.data(), out.data(),
+                          static_cast<int>(state.range(0))) != dh)
+            state.SkipWithError("bv_downsample failed");
+        benchmark::DoNotOptimize(out.data());
+    }
+    state.counters["MP/s"] = benchmark::Counter(
+        static_cast<double>(w) * h * 1e-6 * state.iterations(), benchmark::Counter::kIsRate);
+}
+
 }  // namespace
 
+BENCHMARK(BM_DownsampleRgbePreview)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_SolverCgMemory)
     ->Arg(1)
     ->Arg(2)
