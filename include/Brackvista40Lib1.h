@@ -5,7 +5,7 @@
  * success (usually rows processed or a count), a negative code from the
  * family's table on failure. Sections follow the order data flows: buffers and
  * pixels, threads and progress, colour, RGBE, Radiance files, HDR generation,
- * tone mapping, fusion, exposure blend.
+ * ghosts, pyramids, tone mapping, fusion, exposure blend.
  *
  * Buffer layouts used throughout:
  *   RGB8 image      interleaved unsigned 8-bit samples, rows top to bottom.
@@ -669,6 +669,102 @@ BV_API int bv_hdr_merge(bv_progress_cb progressContext, int mode, int n, int wid
                         float *exposures, const void *data, float stats[3],
                         unsigned char *output);
 /* @end hdrgen */
+
+/* ===================================================================== */
+/*  Pyramids and resampling                                              */
+/* ===================================================================== */
+/* @section pyramid */
+/* A pyramid level is an interleaved image of 1 or 3 channels; each coarser
+ * level is ceil(w/2) x ceil(h/2). wrap != 0 treats the image as closed
+ * horizontally (a 360-degree panorama): the right neighbour of the last column
+ * is the first column of the same row, and the left neighbour of the first
+ * column the last one. There is never a vertical wrap. Single-threaded unless
+ * a thread count is taken. */
+
+/* Codes of the pyramid functions. */
+enum {
+    BV_PYR_EARG = -1,   /* channels other than 1 or 3 (levels), NULL buffer, bad size */
+    BV_PYR_EDEPTH = -2, /* bits per sample the function does not take */
+    BV_PYR_ENOMEM = -4  /* scratch memory could not be allocated */
+};
+
+/* Exact pixel count of a whole pyramid: L = trunc(log2(min(w, h))) in single
+ * precision; L < 2 gives width * height, else the base plus L - 1 further
+ * levels, each halved rounding up. pyram_len(3, 100) = 300, (5, 5) = 34.
+ * Non-positive sizes give 0. */
+BV_API int64_t  pyram_len(int width, int height);
+/* Quick upper bound for a pyramid buffer: trunc(width * height * 1.5 + 0.5),
+ * the product taken as a 32-bit integer and converted to float first. */
+BV_API uint64_t pyram_len2(int width, int height);
+
+/* Reduces fine (width x height x channels samples) to coarse (ceil(width/2)
+ * x ceil(height/2), caller-allocated): for output (i, j) with centre
+ * C = fine(2i, 2j), edge neighbours N S E W and diagonals,
+ *   out = (C >> 2) + ((N + S + E + W) >> 3) + ((NE + NW + SE + SW) >> 4),
+ * each term truncated on its own (the result may be up to 2 below the
+ * rounded binomial filter). A missing neighbour beyond the last row or
+ * column is the centre's own row or column (first row/column likewise),
+ * except that with wrap the columns wrap around.
+ * Returns the coarse height; 0 for an empty image; BV_PYR_EARG unless
+ * channels is 1 or 3, or for a NULL buffer or a negative size. */
+BV_API int bv_short_downsample(int width, int height, int channels, int wrap,
+                               const uint16_t *fine, uint16_t *coarse);
+BV_API int bv_uchar_downsample(int width, int height, int channels, int wrap,
+                               const uint8_t *fine, uint8_t *coarse);
+
+/* 2x enlargement of coarse, for fine pixel (y, x), p = coarse(y/2, x/2),
+ * r its right neighbour, d the one below, q the diagonal:
+ *   y, x even: p;  x odd: (p + r) >> 1;  y odd: (p + d) >> 1;
+ *   both odd: (p + r + d + q) >> 2.
+ * On the last coarse column r = p and q = d (with wrap: the first pixel of
+ * the same and of the next coarse row); on the last coarse row d = p and
+ * q = r. diff subtracts it from fine in place, upsample adds it; sums wrap
+ * modulo 65536 (short: coarse is signed, fine unsigned) or 256 (uchar), so
+ * upsample exactly undoes diff. coarse must hold at least
+ * ceil(fineWidth/2) x ceil(fineHeight/2) pixels of the given size.
+ * Returns fineHeight (0 when it is 0); BV_PYR_EARG unless channels is 1 or 3
+ * (fine is then untouched), for a NULL buffer, a negative size or a coarse
+ * level too small for the fine one. */
+BV_API int bv_short_diff(int fineWidth, int fineHeight, int coarseWidth, int coarseHeight,
+                         int channels, int wrap, const int16_t *coarse, uint16_t *fine);
+BV_API int bv_short_upsample(int fineWidth, int fineHeight, int coarseWidth, int coarseHeight,
+                             int channels, int wrap, const int16_t *coarse, uint16_t *fine);
+BV_API int bv_uchar_diff(int fineWidth, int fineHeight, int coarseWidth, int coarseHeight,
+                         int channels, int wrap, const uint8_t *coarse, uint8_t *fine);
+BV_API int bv_uchar_upsample(int fineWidth, int fineHeight, int coarseWidth, int coarseHeight,
+                             int channels, int wrap, const uint8_t *coarse, uint8_t *fine);
+
+/* Gaussian blur of an interleaved 8-bit image, in place: weights
+ * w[k] = exp(-2 ((k - radius) / radius)^2), k = 0 .. 2 radius, divided by
+ * their sum, applied along rows then along columns (edge pixels repeat),
+ * each pass rounded to nearest. Writes one newline to standard error before
+ * filtering. threads <= 1 works on the calling thread; the result does not
+ * depend on the count. radius < 1 leaves the image as it is (no newline).
+ * Returns height; BV_PYR_EDEPTH when bits is not 8, BV_PYR_EARG for a NULL
+ * image or a bad size, BV_PYR_ENOMEM when the scratch image cannot be
+ * allocated. */
+BV_API int bv_downtower(int radius, int width, int height, int channels, int bits,
+                        int threads, uint8_t *image);
+
+/* Area reduction of src (srcWidth x srcHeight) to dst (dstWidth x dstHeight),
+ * both caller-allocated. The ratios srcWidth/dstWidth and srcHeight/dstHeight
+ * are floats; output pixel (x, y) averages the source cells covered by
+ * [x * rx, (x + 1) * rx) x [y * ry, (y + 1) * ry), each weighted by the area
+ * it shares with that window (so integer ratios give plain box means and a
+ * partly covered cell counts by its covered fraction). bits 8 or 16:
+ * interleaved samples of `channels` each, results rounded to nearest.
+ * bits 32: src is an RGBE scanline image and dst float RGB (3 floats per
+ * pixel, channels ignored); samples decode as mantissa * table[E] with
+ * table[e] = 2^(e - 136), including E = 0 (whose entry holds the bit pattern
+ * 8192, so a "black" pixel with non-zero mantissas contributes a tiny
+ * denormal value rather than 0). Enlarging (a ratio below 1) repeats source
+ * cells. threads <= 1 runs on the calling thread; results do not depend on
+ * the count. Returns dstHeight; BV_PYR_EARG for a NULL buffer or a
+ * non-positive size or channel count; BV_PYR_EDEPTH for other bits;
+ * BV_PYR_ENOMEM when memory is short. */
+BV_API int bv_downsample(int srcWidth, int srcHeight, int dstWidth, int dstHeight,
+                         int channels, int bits, const void *src, void *dst, int threads);
+/* @end pyramid */
 
 /* ===================================================================== */
 /*  Tone mapping: parameters, statistics, simple tone mapping            */
