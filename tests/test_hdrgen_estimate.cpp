@@ -42,8 +42,7 @@ const Scene &atrium() {
             for (int x = 0; x < out.w; ++x)
                 for (int c = 0; c < 3; ++c)
                     out.rgb[(static_cast<size_t>(y) * out.w + x) * 3 + c] =
-                        full[(static_cast<size_t>(kShrink * y) * dims.width + kShrink * x) * 3 +
-                             c];
+                        full[(static_cast<size_t>(kShrink * y) * dims.width + kShrink * x) * 3 + c];
         return out;
     }();
     return s;
@@ -65,7 +64,9 @@ struct Stack {
     std::vector<uint16_t> d16;
     std::vector<uint8_t> d8;
     std::vector<float> truth;  // true factors, the middle bracket at 1
-    const void *data() const { return bits == 8 ? static_cast<const void *>(d8.data()) : d16.data(); }
+    const void *data() const {
+        return bits == 8 ? static_cast<const void *>(d8.data()) : d16.data();
+    }
 };
 
 // n brackets `stops` apart around an exposure that puts the scene's median
@@ -153,7 +154,9 @@ struct Flat {
     int n, w, h, channels, bits;
     std::vector<uint16_t> d16;
     std::vector<uint8_t> d8;
-    const void *data() const { return bits == 8 ? static_cast<const void *>(d8.data()) : d16.data(); }
+    const void *data() const {
+        return bits == 8 ? static_cast<const void *>(d8.data()) : d16.data();
+    }
 };
 Flat flat(int w, int h, int channels, int bits, const std::vector<int> &levels) {
     Flat f{static_cast<int>(levels.size()), w, h, channels, bits, {}, {}};
@@ -176,7 +179,6 @@ void cancel_at_once(int32_t *cancel, float) { *cancel = 1; }
 
 }  // namespace
 
-
 // Every bracket within 0.05 stop of the truth, for both camera curves, both
 // depths, 3 to 9 brackets 1 to 3 stops apart, with the curve handed over as
 // a table. The middle bracket is exposed for the scene's median, so the
@@ -185,24 +187,25 @@ void cancel_at_once(int32_t *cancel, float) { *cancel = 1; }
 // took the typical step (sRGB, 8 bits, 9 brackets 3 stops apart).
 TEST(EstimateExposures, RenderedAtriumWithinAFiftiethOfAStop) {
     const Scene &s = atrium();
-    if (s.rgb.empty()) GTEST_SKIP() << "../shared/data/hdr/mpi_atrium_3.hdr not found or unreadable";
+    if (s.rgb.empty())
+        GTEST_SKIP() << "../shared/data/hdr/mpi_atrium_3.hdr not found or unreadable";
     for (Curve curve : {kGamma22, kSrgb})
         for (int bits : {8, 16}) {
             const std::vector<float> lin = response(curve, bits);
             for (int n : {3, 5, 7, 9})
                 for (double stops : {1.0, 2.0, 3.0}) {
-                    SCOPED_TRACE(testing::Message() << (curve == kGamma22 ? "gamma " : "sRGB ")
-                                                    << bits << "-bit, " << n << " brackets "
-                                                    << stops << " stops apart");
+                    SCOPED_TRACE(testing::Message()
+                                 << (curve == kGamma22 ? "gamma " : "sRGB ") << bits << "-bit, "
+                                 << n << " brackets " << stops << " stops apart");
                     const Stack st = render(s, curve, n, bits, stops);
                     std::vector<float> est, conf;
                     const int pairs = estimate(st, lin.data(), 0.0f, 2, &est, &conf);
                     int blank;
                     const double worst = worst_error(st, est, &blank);
-                    std::printf("%s %2d-bit n=%d %g stops: %d pairs measured, %d white, worst "
-                                "%.4f stop\n",
-                                curve == kGamma22 ? "gamma" : "sRGB ", bits, n, stops, pairs, blank,
-                                worst);
+                    std::printf(
+                        "%s %2d-bit n=%d %g stops: %d pairs measured, %d white, worst "
+                        "%.4f stop\n",
+                        curve == kGamma22 ? "gamma" : "sRGB ", bits, n, stops, pairs, blank, worst);
                     EXPECT_LE(worst, 0.05);
                     // Measured 0.0030 at most when every pair was measured.
                     if (pairs == n - 1) {
@@ -239,8 +242,8 @@ TEST(EstimateExposures, ExactStepsAndConfidence) {
     for (const Case &c : cases) {
         const Flat f = flat(c.w, c.h, c.channels, c.bits, c.levels);
         std::vector<float> est(f.n, -1.0f), conf(f.n, -1.0f);
-        SCOPED_TRACE(testing::Message() << c.channels << " channels, " << c.bits << " bits, n "
-                                        << f.n);
+        SCOPED_TRACE(testing::Message()
+                     << c.channels << " channels, " << c.bits << " bits, n " << f.n);
         ASSERT_EQ(bv_hdr_estimate_exposures(nullptr, 1, f.n, c.w, c.h, c.channels, c.bits, 1.0f,
                                             nullptr, f.data(), est.data(), conf.data()),
                   f.n - 1);
@@ -316,8 +319,8 @@ TEST(EstimateExposures, ErrorCodes) {
     };
     for (const Case &c : cases) {
         std::vector<float> est(3, -7.0f), conf(3, -7.0f);
-        EXPECT_EQ(bv_hdr_estimate_exposures(nullptr, 1, c.n, c.w, c.h, c.channels, c.bits,
-                                            c.gamma, c.table, c.data ? f.data() : nullptr,
+        EXPECT_EQ(bv_hdr_estimate_exposures(nullptr, 1, c.n, c.w, c.h, c.channels, c.bits, c.gamma,
+                                            c.table, c.data ? f.data() : nullptr,
                                             c.out ? est.data() : nullptr, conf.data()),
                   c.code)
             << c.what;

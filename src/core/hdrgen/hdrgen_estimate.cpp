@@ -175,12 +175,12 @@ int estimate_exposures(bv_progress_cb cb, int threads, int n, int width, int hei
     j.width = width;
     j.channels = channels;
     j.bits = bits;
-    j.step = std::max(1, static_cast<int>(std::sqrt(static_cast<double>(width) * height /
-                                                     kSampleTarget)));
+    j.step = std::max(
+        1, static_cast<int>(std::sqrt(static_cast<double>(width) * height / kSampleTarget)));
     j.cols = (width + j.step - 1) / j.step;
     j.rows = (height + j.step - 1) / j.step;
-    j.image_samples = static_cast<size_t>(width) * static_cast<size_t>(height) *
-                      static_cast<size_t>(channels);
+    j.image_samples =
+        static_cast<size_t>(width) * static_cast<size_t>(height) * static_cast<size_t>(channels);
     j.data = data;
     j.lin = lin;
     const unsigned levels = 1u << bits;
@@ -265,8 +265,8 @@ int estimate_exposures(bv_progress_cb cb, int threads, int n, int width, int hei
         Scratch<float> table(kCorrectionSize), L(sn), ev(sn);
         if (!bstats || !order || !swork || !table || !L || !ev) return BV_HDR_ENOMEM;
         median_stats(n, width, height, width * channels, channels, bits, data, bstats.get());
-        if (estimate_ev(0, n, bstats.get(), exposures, 0.0f, table.get(), order.get(),
-                        swork.get(), L.get(), ev.get()) < 0)
+        if (estimate_ev(0, n, bstats.get(), exposures, 0.0f, table.get(), order.get(), swork.get(),
+                        L.get(), ev.get()) < 0)
             return BV_HDR_ENOMEM;
         if (confidence)
             for (int k = 0; k < n; ++k) confidence[k] = 0.0f;
@@ -313,8 +313,8 @@ extern "C" BV_API int bv_hdr_estimate_exposures(bv_progress_cb progressCb, int t
                                                 const float *response, const void *data,
                                                 float *exposures, float *confidence) {
     return bv::c_boundary(BV_HDR_ENOMEM, BV_HDR_EINVAL, [&]() -> int {
-        if (n < 2 || n > 64 || width < 1 || height < 1 || channels < 1 || channels > 64 ||
-            !data || !exposures)
+        if (n < 2 || n > 64 || width < 1 || height < 1 || channels < 1 || channels > 64 || !data ||
+            !exposures)
             return BV_HDR_EINVAL;
         if (bitsPerSample != 8 && bitsPerSample != 16) return BV_HDR_EDEPTH;
         size_t total;
