@@ -543,11 +543,13 @@ BV_API int bv_write_strip_rgbe(const char *path, int k, int stripHeight, int wid
 /* Codes of this family. -1 from calc_courbe means no usable sample. */
 enum {
     BV_HDR_ENOPOS = -1,     /* calc_courbe: no sample position qualifies */
-    BV_HDR_EDEPTH = -2,     /* calc_courbe: bits per sample other than 8/16 */
+    BV_HDR_EDEPTH = -2,     /* calc_courbe, bv_hdr_estimate_exposures: bits
+                               per sample other than 8/16 */
     BV_HDR_EINVAL = -3,     /* NULL buffer, negative size, bad channel count,
                                merge with n < 1 or a non-positive exposure */
     BV_HDR_ENOMEM = -4,     /* working memory could not be allocated */
-    BV_HDR_CANCELLED = -5   /* bv_hdr_merge: the progress callback asked to stop */
+    BV_HDR_CANCELLED = -5   /* bv_hdr_merge, bv_hdr_estimate_exposures: the
+                               progress callback asked to stop */
 };
 
 /* Brightness statistic per bracket (stats[n], caller-allocated). n images of

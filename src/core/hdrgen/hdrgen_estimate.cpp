@@ -45,7 +45,7 @@ const T *sample_row(const Job &j, int image, int row) {
 
 // Whether every colour of a pixel lies in [lo, hi].
 template <class T>
-inline bool in_window(const T *p, const Taps &t, unsigned lo, unsigned hi) {
+inline bool in_window(const T *p, const ChannelOffsets &t, unsigned lo, unsigned hi) {
     const unsigned r = p[t.r], g = p[t.g], b = p[t.b];
     return std::min(r, std::min(g, b)) >= lo && std::max(r, std::max(g, b)) <= hi;
 }
@@ -59,7 +59,7 @@ inline bool in_window(const T *p, const Taps &t, unsigned lo, unsigned hi) {
 // at 0 and another at the top level, as in a scanner's border) never vote.
 template <class T>
 void order_rows(const Job &j, int first, int end) {
-    const Taps t = stat_taps(j.channels);
+    const ChannelOffsets t = stat_taps(j.channels);
     const size_t px = static_cast<size_t>(j.step) * static_cast<size_t>(j.channels);
     const unsigned top = (1u << j.bits) - 1;
     const size_t pairs = static_cast<size_t>(j.n) * (j.n - 1) / 2;
@@ -97,7 +97,7 @@ void order_rows(const Job &j, int first, int end) {
 // pixel itself need only be off black and below clipping.
 template <class T>
 void ratio_rows(const Job &j, int first, int end) {
-    const Taps t = stat_taps(j.channels);
+    const ChannelOffsets t = stat_taps(j.channels);
     const size_t px = static_cast<size_t>(j.step) * static_cast<size_t>(j.channels);
     const size_t slot = static_cast<size_t>(j.rows) * static_cast<size_t>(j.cols);
     const unsigned top = (1u << j.bits) - 2;
