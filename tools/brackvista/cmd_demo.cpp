@@ -184,7 +184,7 @@ void step_exposures(Demo &d) {
         d.say(format("  %-28s %+8.2f %+8.2f %+7.2f %+8.2f %+7.2f", d.names[k].c_str(),
                      std::log2(d.truth[k] / d.truth[ref]), std::log2(d.estimated[k]), err_p[k],
                      std::log2(median[k]), err_m[k]));
-    d.say(format("  largest error: pixel ratios %.2f stops, median brightness %.2f stops", worst_p,
+    d.say(format("  largest error: pixel ratios %.3f stops, median brightness %.3f stops", worst_p,
                  worst_m));
 }
 
