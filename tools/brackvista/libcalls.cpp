@@ -56,7 +56,7 @@ PixelEstimate estimate_from_pixels(int n, int width, int height, int bits, const
     check_interrupted();
     if (rc == BV_HDR_CANCELLED) throw Failure(kCancelled, "cancelled");
     if (rc == BV_HDR_ENOMEM) fail("not enough memory to estimate the exposures");
-    if (rc < 0) fail("exposure estimation failed (" + code_text(rc) + ")");
+    if (rc < 0) fail("exposure estimation failed (" + code_text(BV_FAMILY_HDRGEN, rc) + ")");
     e.measured = rc;
     return e;
 }
