@@ -222,71 +222,61 @@ TEST(EstimateExposures, RenderedAtriumWithinAFiftiethOfAStop) {
 }
 
 // Exact ratios: brackets one stop apart under gamma 1 give factors of exactly
-// 0.5, 1 and 2 whatever the file order, depth or channel count; with no
-// spread, a pair's confidence is N / (N + 100) for its N grid pixels.
-TEST(EstimateExposures, ExactStepsAndConfidence) {
+// 0.5, 1 and 2 whatever the file order, depth or channel count. Confidence
+// ("conf", per bracket): m the middle (1), p a measured pair without spread
+// (N / (N + 100) for its N grid pixels), 0 behind a pair that fell back to
+// the median of the measured steps.
+TEST(EstimateExposures, ExactStepsConfidenceAndFallback) {
     struct Case {
         int w, h, channels, bits;
         std::vector<int> levels;
         std::vector<float> want;
+        const char *conf;
+        int measured;
     };
     const Case cases[] = {
-        {16, 16, 3, 8, {160, 40, 80}, {2.0f, 0.5f, 1.0f}},
-        {16, 16, 3, 16, {40, 80, 160}, {0.5f, 1.0f, 2.0f}},
-        {16, 16, 4, 8, {80, 160, 40}, {1.0f, 2.0f, 0.5f}},
-        {16, 16, 1, 8, {40, 160, 80}, {0.5f, 2.0f, 1.0f}},
-        {1, 32, 2, 8, {40, 80, 160}, {0.5f, 1.0f, 2.0f}},
+        {16, 16, 3, 8, {160, 40, 80}, {2.0f, 0.5f, 1.0f}, "ppm", 2},
+        {16, 16, 3, 16, {40, 80, 160}, {0.5f, 1.0f, 2.0f}, "pmp", 2},
+        {16, 16, 4, 8, {80, 160, 40}, {1.0f, 2.0f, 0.5f}, "mpp", 2},
+        {16, 16, 1, 8, {40, 160, 80}, {0.5f, 2.0f, 1.0f}, "ppm", 2},
+        {1, 32, 2, 8, {40, 80, 160}, {0.5f, 1.0f, 2.0f}, "pmp", 2},
         // Even n: the darker of the two middle brackets gets 1, as in guess_ev.
-        {16, 16, 3, 8, {40, 80, 160, 60}, {2 / 3.0f, 4 / 3.0f, 8 / 3.0f, 1.0f}},
+        {16, 16, 3, 8, {40, 80, 160, 60}, {2 / 3.0f, 4 / 3.0f, 8 / 3.0f, 1.0f}, "pppm", 3},
+        // 20 is below the window and 255 clipped: only 40 -> 80 is measured.
+        {16, 16, 3, 8, {255, 80, 40, 20}, {4.0f, 2.0f, 1.0f, 0.5f}, "0pm0", 1},
     };
     for (const Case &c : cases) {
         const Flat f = flat(c.w, c.h, c.channels, c.bits, c.levels);
         std::vector<float> est(f.n, -1.0f), conf(f.n, -1.0f);
-        SCOPED_TRACE(testing::Message()
-                     << c.channels << " channels, " << c.bits << " bits, n " << f.n);
+        SCOPED_TRACE(testing::Message() << c.channels << " channels, " << c.bits << " bits, "
+                                        << c.levels[0] << "... n " << f.n);
         ASSERT_EQ(bv_hdr_estimate_exposures(nullptr, 1, f.n, c.w, c.h, c.channels, c.bits, 1.0f,
                                             nullptr, f.data(), est.data(), conf.data()),
-                  f.n - 1);
+                  c.measured);
         const float pixels = static_cast<float>(c.w * c.h);
         for (int k = 0; k < f.n; ++k) {
             EXPECT_FLOAT_EQ(est[k], c.want[k]) << k;
-            EXPECT_FLOAT_EQ(conf[k], c.want[k] == 1.0f ? 1.0f : pixels / (pixels + 100)) << k;
+            const char m = c.conf[k];
+            EXPECT_FLOAT_EQ(conf[k], m == 'm'   ? 1.0f
+                                     : m == 'p' ? pixels / (pixels + 100)
+                                                : 0.0f)
+                << k;
         }
     }
 }
 
-// Pairs without common well-exposed pixels: one unmeasured pair takes the
-// median of the measured steps and confidence 0, as do the brackets beyond
-// it; with nothing measured the factors are guess_ev's.
-TEST(EstimateExposures, FallbacksAreFlagged) {
-    {
-        // 20 is below the window and 255 clipped: only 40 -> 80 is measured.
-        const Flat f = flat(16, 16, 3, 8, {255, 80, 40, 20});
-        std::vector<float> est(4), conf(4);
-        EXPECT_EQ(bv_hdr_estimate_exposures(nullptr, 1, 4, 16, 16, 3, 8, 1.0f, nullptr, f.data(),
-                                            est.data(), conf.data()),
-                  1);
-        const float want[] = {4.0f, 2.0f, 1.0f, 0.5f};
-        for (int k = 0; k < 4; ++k) EXPECT_FLOAT_EQ(est[k], want[k]) << k;
-        EXPECT_EQ(conf[0], 0.0f);
-        EXPECT_FLOAT_EQ(conf[1], 256.0f / 356.0f);
-        EXPECT_EQ(conf[2], 1.0f);
-        EXPECT_EQ(conf[3], 0.0f);
-    }
-    {
-        const Flat f = flat(16, 16, 3, 8, {255, 250, 5, 10});
-        std::vector<float> est(4), conf(4, -1.0f), ref(4);
-        EXPECT_EQ(bv_hdr_estimate_exposures(nullptr, 3, 4, 16, 16, 3, 8, 2.2f, nullptr, f.data(),
-                                            est.data(), conf.data()),
-                  0);
-        int32_t stats[4];
-        mediane_images(4, 16, 16, 48, 3, 8, f.data(), stats);
-        ASSERT_EQ(guess_ev(0, 4, stats, ref.data(), 0.0f), 4);
-        for (int k = 0; k < 4; ++k) {
-            EXPECT_EQ(est[k], ref[k]) << k;
-            EXPECT_EQ(conf[k], 0.0f) << k;
-        }
-    }
+// With no pair measured the factors are guess_ev's, every confidence 0.
+TEST(EstimateExposures, NothingMeasuredFallsBackToGuessEv) {
+    const Flat f = flat(16, 16, 3, 8, {255, 250, 5, 10});
+    std::vector<float> est(4), conf(4, -1.0f), ref(4);
+    EXPECT_EQ(bv_hdr_estimate_exposures(nullptr, 3, 4, 16, 16, 3, 8, 2.2f, nullptr, f.data(),
+                                        est.data(), conf.data()),
+              0);
+    int32_t stats[4];
+    mediane_images(4, 16, 16, 48, 3, 8, f.data(), stats);
+    ASSERT_EQ(guess_ev(0, 4, stats, ref.data(), 0.0f), 4);
+    EXPECT_EQ(est, ref);
+    EXPECT_EQ(conf, std::vector<float>(4, 0.0f));
 }
 
 // Bad arguments get their code and leave the outputs alone.
