@@ -265,6 +265,48 @@ TEST(EstimateExposures, ExactStepsConfidenceAndFallback) {
     }
 }
 
+// Edges of the rules. A pair is measured from max(20, grid / 1000) common
+// pixels on: 20 of a 32 x 16 grid are enough, 20 of 210 x 100 are not (21
+// needed). Pure colours never vote on the order: 160 border pixels (0, 0,
+// 255) in the darker frame must not outvote its 96 pixels at 40 against 80.
+TEST(EstimateExposures, CountAndVoteEdges) {
+    struct Case {
+        int w, h;
+        bool border;
+        int measured;
+    };
+    const Case cases[] = {{32, 16, false, 2}, {210, 100, false, 1}, {16, 16, true, 1}};
+    for (const Case &c : cases) {
+        const bool border = c.border;
+        const int n = border ? 2 : 3;
+        const size_t N = static_cast<size_t>(c.w) * c.h * 3;
+        std::vector<uint8_t> px(N * n, 255);
+        for (size_t i = 0; i < N / 3; ++i)
+            for (int ch = 0; ch < 3; ++ch) {
+                if (border) {
+                    px[3 * i + ch] = i < 160 ? (ch == 2 ? 255 : 0) : 40;
+                    px[N + 3 * i + ch] = 80;
+                } else {
+                    // Bracket 0 at 40 and bracket 1 at 80 everywhere; bracket 2
+                    // at 160 on the first 21 pixels of row 0 only, of which the
+                    // first 20 have a neighbour inside the window.
+                    px[3 * i + ch] = 40;
+                    px[N + 3 * i + ch] = 80;
+                    if (i < 21) px[2 * N + 3 * i + ch] = 160;
+                }
+            }
+        std::vector<float> est(n), conf(n);
+        EXPECT_EQ(bv_hdr_estimate_exposures(nullptr, 1, n, c.w, c.h, 3, 8, 1.0f, nullptr, px.data(),
+                                            est.data(), conf.data()),
+                  c.measured)
+            << c.w << "x" << c.h;
+        if (border) {
+            EXPECT_EQ(est[0], 1.0f);
+            EXPECT_FLOAT_EQ(est[1], 2.0f);
+        }
+    }
+}
+
 // With no pair measured the factors are guess_ev's, every confidence 0.
 TEST(EstimateExposures, NothingMeasuredFallsBackToGuessEv) {
     const Flat f = flat(16, 16, 3, 8, {255, 250, 5, 10});
