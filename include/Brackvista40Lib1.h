@@ -584,11 +584,13 @@ BV_API int bv_write_strip_rgbe(const char *path, int k, int stripHeight, int wid
 /* Codes of this family. -1 from calc_courbe means no usable sample. */
 enum {
     BV_HDR_ENOPOS = -1,     /* calc_courbe: no sample position qualifies */
-    BV_HDR_EDEPTH = -2,     /* calc_courbe: bits per sample other than 8/16 */
+    BV_HDR_EDEPTH = -2,     /* calc_courbe, bv_hdr_estimate_exposures: bits
+                               per sample other than 8/16 */
     BV_HDR_EINVAL = -3,     /* NULL buffer, negative size, bad channel count,
                                merge with n < 1 or a non-positive exposure */
     BV_HDR_ENOMEM = -4,     /* working memory could not be allocated */
-    BV_HDR_CANCELLED = -5   /* bv_hdr_merge: the progress callback asked to stop */
+    BV_HDR_CANCELLED = -5   /* bv_hdr_merge, bv_hdr_estimate_exposures: the
+                               progress callback asked to stop */
 };
 
 /* Brightness statistic per bracket (stats[n], caller-allocated). n images of
@@ -608,6 +610,59 @@ BV_API int mediane_images(int n, int width, int height, int rowStride, int chann
  * result[i] = rounded EV of the i-th brightest, stats[i] = its index.
  * Returns n, 0 when n < 1, BV_HDR_EINVAL, BV_HDR_ENOMEM. */
 BV_API int guess_ev(int wholeStops, int n, int32_t *stats, float *result, float evStep);
+
+/* Relative exposures measured from the pixels, for brackets without camera
+ * data; sturdier than guess_ev on sets whose darkest or brightest frames are
+ * nearly black or nearly white.
+ *   progressCb  may be NULL; told the fraction done on the calling thread.
+ *               Setting its cancel flag stops the work (BV_HDR_CANCELLED).
+ *   threads     worker threads (below 1 counts as 1); the results are
+ *               identical for any count.
+ *   n           brackets, 2..64, image k at sample k * width * height *
+ *               channels, rows packed.
+ *   channels    1..64; R, G, B are samples 0, (channels - 1) / 2 and
+ *               channels - 1, except 0, 1, 2 for 4 channels.
+ *   bitsPerSample  8 or 16 (16-bit in host order).
+ *   gamma       the response exponent (linear = (level / 2^bits)^gamma),
+ *               0.1..10; read only when response is NULL.
+ *   response    NULL, or 2^bits floats: the linear value of each level,
+ *               finite, non-negative, non-decreasing and positive from level
+ *               2^bits / 8 on (its scale does not matter).
+ *   exposures   n floats, out: the factor of each bracket (2 = twice the
+ *               light); the middle bracket of the brightness order (for even
+ *               n the darker of the two middle ones, as in guess_ev) gets
+ *               exactly 1.
+ *   confidence  NULL, or n floats, out: 0..1 per bracket, 1 for the middle.
+ * Method: a grid of about 262144 pixels is read (every k-th pixel of every
+ * k-th row). Window: R, G and B all within 2^bits / 8 .. 2^bits * 15 / 16 - 1.
+ * Order: a grid pixel inside the window in one of two brackets, and a pure
+ * colour (one colour at 0, another at the top level) in neither, votes for
+ * the bracket whose R + G + B level is higher; brackets rank by how many
+ * others they outvote, then by their summed R + G + B levels, then by index
+ * (lower index darker). Steps: for each pair of neighbours in that order,
+ * every grid pixel that is neither 0 nor at the top level in either bracket,
+ * and whose right-hand neighbour (left-hand in the last column) is inside
+ * the window in both, gives log2 of the ratio of its linear R + G + B
+ * (choosing by the neighbour keeps the pixel's own noise out of the choice,
+ * and so out of the ratio). The pair's step is the median of these, its
+ * confidence N / (N + 100) / (1 + (s / 0.2)^2) for N pixels whose median
+ * absolute deviation times 1.4826 is s stops. The steps are chained
+ * outwards from the middle bracket; a bracket's confidence is the smallest
+ * along its chain.
+ * Fallback: a pair with fewer than max(20, grid pixels / 1000) common pixels
+ * takes the median step of the measured pairs and confidence 0 (so do the
+ * brackets beyond it). When no pair is measured the factors are those of
+ * guess_ev (median brightness) and every confidence is 0.
+ * Returns the number of pairs measured from the pixels (n - 1 when none fell
+ * back, 0 when guess_ev decided); BV_HDR_EINVAL (n < 2, width, height or
+ * channels out of range, NULL data or exposures, a gamma that is NaN or out
+ * of range, a bad response table), BV_HDR_EDEPTH (bits other than 8 or 16),
+ * BV_HDR_ENOMEM, BV_HDR_CANCELLED (outputs unwritten). Scratch is about
+ * 4 bytes per grid pixel and pair. */
+BV_API int bv_hdr_estimate_exposures(bv_progress_cb progressCb, int threads, int n, int width,
+                                     int height, int channels, int bitsPerSample, float gamma,
+                                     const float *response, const void *data, float *exposures,
+                                     float *confidence);
 
 /* Exposure factors from camera data: records holds n records of 7 int32
  * (time num, time den, f-number num, f-number den, EV in 1/1000 stop used
