@@ -390,29 +390,9 @@ TEST(Rasterize, BadSelectionsAreRefusedBeforeDrawing) {
 
 // ---- detection -------------------------------------------------------------
 
-// A smooth, textured static scene at evenly spaced exposures, gamma 2.2.
-Stack static_stack(int w, int h, int n, double stops, int bits_seed = 1) {
-    Stack s;
-    s.n = n, s.w = w, s.h = h;
-    s.px.resize(static_cast<size_t>(n) * w * h * 3);
-    for (int k = 0; k < n; ++k) {
-        const double e = std::exp2((k - n / 2) * stops);
-        s.exposures.push_back(static_cast<float>(e));
-        for (int y = 0; y < h; ++y)
-            for (int x = 0; x < w; ++x)
-                for (int c = 0; c < 3; ++c) {
-                    const double base = 0.05 + 0.1 * (1 + std::sin(x * 0.05 + c)) *
-                                                   (1 + std::cos(y * 0.07 * bits_seed));
-                    const double v = std::pow(std::min(1.0, base * e), 1 / 2.2) * 255 + 0.5;
-                    s.image(k)[(static_cast<size_t>(y) * w + x) * 3 + c] = static_cast<uint8_t>(v);
-                }
-    }
-    return s;
-}
-
 TEST(Detect, StaticEvenlySpacedStackGivesAnEmptyMask) {
     for (double stops : {1.0, 2.0}) {
-        Stack s = static_stack(200, 120, 3, stops);
+        Stack s = bvtest::static_stack(200, 120, 3, stops);
         int rc = 0;
         const std::vector<uint8_t> mask = bvtest::detect(s, 70, 2, &rc);
         EXPECT_EQ(rc, 200 * 120);
@@ -423,7 +403,7 @@ TEST(Detect, StaticEvenlySpacedStackGivesAnEmptyMask) {
 // A bright object in the two darker brackets: all of it is found, and
 // nothing further than 16 pixels from it.
 TEST(Detect, MovedSquareIsFoundAndTheRestLeftAlone) {
-    Stack s = static_stack(240, 160, 3, 1.0);
+    Stack s = bvtest::static_stack(240, 160, 3, 1.0);
     const bvtest::MovingObject o{60, 50, 40, 50, 70, {0, 1}, 0.9f, 3};
     const std::vector<uint8_t> moved = bvtest::paste_object(s, o);
     const bvtest::Coverage c = bvtest::measure(s, moved, 70, 1, {}, 16);
@@ -434,7 +414,7 @@ TEST(Detect, MovedSquareIsFoundAndTheRestLeftAlone) {
 // Reading exposures: evStep > 0 spaces them evenly, brightest first by the
 // pixels; evStep <= -0.5 takes them as given and never writes them.
 TEST(Detect, ExposuresAreEstimatedOrTaken) {
-    Stack s = static_stack(64, 48, 3, 1.0);
+    Stack s = bvtest::static_stack(64, 48, 3, 1.0);
     std::vector<uint8_t> mask(64 * 48 / 8);
     int T = 70;
     std::vector<float> ex(3, 0.0f);
@@ -451,7 +431,7 @@ TEST(Detect, ExposuresAreEstimatedOrTaken) {
 }
 
 TEST(Detect, RefusedArguments) {
-    Stack s = static_stack(16, 16, 2, 1.0);
+    Stack s = bvtest::static_stack(16, 16, 2, 1.0);
     std::vector<uint8_t> mask(32);
     int T = 70;
     struct {
@@ -495,7 +475,7 @@ TEST(Detect, TooFewComparisonsFollowTheSignOfT) {
 // Sample layouts that say the same thing give the same mask: 16-bit samples
 // (high byte), BGR order, four channels with a fourth sample read as B.
 TEST(Detect, SampleLayoutsAgree) {
-    Stack s = static_stack(90, 70, 3, 1.0);
+    Stack s = bvtest::static_stack(90, 70, 3, 1.0);
     bvtest::paste_object(s, {20, 10, 30, 40, 25, {2, 0}, 0.4f, 5});
     const std::vector<uint8_t> want = bvtest::detect(s, 70, 1);
     ASSERT_NE(want, std::vector<uint8_t>(want.size(), 0));
@@ -527,7 +507,7 @@ TEST(Detect, SampleLayoutsAgree) {
 TEST(Detect, SameMaskForAnyThreadCount) {
     const int sizes[][2] = {{131, 37}, {37, 131}, {1001, 5}, {9, 3}};
     for (const auto &sz : sizes) {
-        Stack s = static_stack(sz[0], sz[1], 3, 1.0, 3);
+        Stack s = bvtest::static_stack(sz[0], sz[1], 3, 1.0, 3);
         bvtest::paste_object(s, {sz[0] / 4, sz[1] / 4, sz[0] / 3, sz[1] / 2, sz[0] / 5, {0, 2}, 0.5f, 4});
         const std::vector<uint8_t> one = bvtest::detect(s, 60, 1);
         for (int t : {2, 3, 7}) EXPECT_EQ(bvtest::detect(s, 60, t), one) << sz[0] << "x" << sz[1] << " " << t;
@@ -535,7 +515,7 @@ TEST(Detect, SameMaskForAnyThreadCount) {
 }
 
 TEST(Detect, AllocationFailuresReturnMinusFour) {
-    Stack s = static_stack(40, 30, 3, 1.0);
+    Stack s = bvtest::static_stack(40, 30, 3, 1.0);
     int T = 70, rc = BV_GHOST_ERR_NOMEM;
     for (long k = 0; rc == BV_GHOST_ERR_NOMEM && k < 40; ++k) {
         std::vector<uint8_t> mask(150);

@@ -65,6 +65,26 @@ inline std::vector<uint8_t> paste_object(Stack &s, const MovingObject &o) {
     return moved;
 }
 
+// A smooth, textured static scene at evenly spaced exposures, gamma 2.2.
+inline Stack static_stack(int w, int h, int n, double stops, int bits_seed = 1) {
+    Stack s;
+    s.n = n, s.w = w, s.h = h;
+    s.px.resize(static_cast<size_t>(n) * w * h * 3);
+    for (int k = 0; k < n; ++k) {
+        const double e = std::exp2((k - n / 2) * stops);
+        s.exposures.push_back(static_cast<float>(e));
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x)
+                for (int c = 0; c < 3; ++c) {
+                    const double base = 0.05 + 0.1 * (1 + std::sin(x * 0.05 + c)) *
+                                                   (1 + std::cos(y * 0.07 * bits_seed));
+                    const double v = std::pow(std::min(1.0, base * e), 1 / 2.2) * 255 + 0.5;
+                    s.image(k)[(static_cast<size_t>(y) * w + x) * 3 + c] = static_cast<uint8_t>(v);
+                }
+    }
+    return s;
+}
+
 // Bit p of a most-significant-first pixel mask.
 inline bool bit(const std::vector<uint8_t> &mask, size_t p) {
     return (mask[p >> 3] >> (7 - (p & 7))) & 1;
