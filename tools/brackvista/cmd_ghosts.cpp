@@ -214,14 +214,15 @@ GhostOptions read_ghost_options(const Args &args, int brackets) {
 }
 
 size_t remove_ghosts(const BracketSet &set, const MergeReport &report, const GhostOptions &opt,
-                     HdrImage &hdr, int threads) {
+                     HdrImage &hdr, int threads, const PixelMask *detected) {
     const int n = static_cast<int>(set.info.size()), w = set.width, h = set.height;
     const size_t N = static_cast<size_t>(w) * h;
     // Which bracket each pixel is taken from, or -1 to keep the merge.
     std::vector<int> from(N, -1);
     if (opt.mode == "auto") {
         const int ref = opt.reference >= 0 ? opt.reference : report.middle;
-        const PixelMask m = detect_ghosts(set, opt.threshold, -1.0f, report.exposures, threads);
+        const PixelMask m = detected ? *detected
+                                     : detect_ghosts(set, opt.threshold, -1.0f, report.exposures, threads);
         for (size_t p = 0; p < N; ++p)
             if (m.get(p)) from[p] = ref;
     } else {
@@ -249,10 +250,22 @@ size_t remove_ghosts(const BracketSet &set, const MergeReport &report, const Gho
                                                              static_cast<size_t>(k) * (set.bits / 8),
                                        rgbe.data());
         if (rc != h) fail("cannot convert bracket " + std::to_string(k) + " (" + code_text(rc) + ")");
+        const int shift = set.bits == 16 ? 8 : 0;
         for (int y = 0; y < h; ++y) {
             const size_t row = static_cast<size_t>(y) * 4 * w;
             for (int x = 0; x < w; ++x) {
-                if (from[static_cast<size_t>(y) * w + x] != k) continue;
+                const size_t p = static_cast<size_t>(y) * w + x;
+                if (from[p] != k) continue;
+                // Where the chosen bracket itself is black or clipped it
+                // knows nothing better than the merge: keep the merge.
+                int v[3];
+                for (int c = 0; c < 3; ++c) {
+                    const size_t at = set.image_samples() * k + 3 * p + c;
+                    v[c] = set.bits == 16 ? reinterpret_cast<const uint16_t *>(set.data.data())[at] >> shift
+                                          : set.data[at];
+                }
+                const int luma = (54 * v[0] + 183 * v[1] + 19 * v[2]) >> 8;
+                if (luma < 8 || std::max({v[0], v[1], v[2]}) >= 250) continue;
                 for (int c = 0; c < 4; ++c) hdr.rgbe[row + c * w + x] = rgbe[row + c * w + x];
                 ++replaced;
             }

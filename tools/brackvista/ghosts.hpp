@@ -51,13 +51,29 @@ void add_ghost_options(std::vector<OptionSpec> &specs);
 GhostOptions read_ghost_options(const Args &args, int brackets);
 
 // Replaces the merged pixels inside ghost regions by those of one bracket
-// (auto: the reference bracket; a mask file: each selection's bracket),
-// brought to the merge's scale. Returns the number of pixels replaced.
+// (auto: the reference bracket, with `detected` or a fresh detection; a
+// mask file: each selection's bracket), brought to the merge's scale.
+// Pixels black or clipped in that bracket keep the merge. Returns the number
+// of pixels replaced.
 size_t remove_ghosts(const BracketSet &set, const MergeReport &report, const GhostOptions &opt,
-                     HdrImage &hdr, int threads);
+                     HdrImage &hdr, int threads, const PixelMask *detected = nullptr);
 
 // One line saying what remove_ghosts did.
 void print_ghost_removal(const GhostOptions &opt, const MergeReport &report, size_t replaced,
                          const BracketSet &set);
+
+// The demo: paints a person walking across the room into the brackets
+// (moved a little between shots) and returns the pixels it ever covers.
+struct BracketPlan;
+std::vector<uint8_t> add_walking_person(const FloatImage &scene, const BracketPlan &plan,
+                                        uint64_t seed, BracketSet &set);
+// Detects (with `exposures`) and removes the ghosts of a merged demo set:
+// writes ghost-mask.png, deghosted.hdr and ghosts-before-after.png, leaves
+// the ghost-free image in hdr, and returns lines for the summary (with the
+// coverage of `moved` when given).
+std::vector<std::string> demo_ghosts(const BracketSet &set, const MergeReport &report,
+                                     const std::vector<float> &exposures, HdrImage &hdr, const std::vector<uint8_t> &moved,
+                                     const std::string &out_dir, int threads,
+                                     std::vector<std::string> &written);
 
 }  // namespace bvcli
