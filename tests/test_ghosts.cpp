@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "core/ghosts/ghosts.hpp"
+#include "core/ghosts/ghosts.hpp"  // the mask pyramid pieces
 #include "ghost_support.hpp"
 #include "test_support.hpp"
 
@@ -217,43 +217,6 @@ TEST(MaskFile, DamagedFiles) {
               "get_mask_data - could not open input file\n");
 }
 
-TEST(MaskFile, OutOfOrderSelectionsAreKept) {
-    const std::string path =
-        write_text("order.txt", padded("BrackvistaGhostingMask W9 H9 N2 T2 S1 E4 P1 C5,6 S0 E3 P1 C7,8", 60));
-    std::vector<int32_t> e(2), p(2), xy(4);
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(get_mask_data(path.c_str(), e.data(), p.data(), xy.data()), 2);
-    testing::internal::GetCapturedStderr();
-    EXPECT_EQ(e, (std::vector<int32_t>{4, 3}));
-    EXPECT_EQ(xy, (std::vector<int32_t>{5, 6, 7, 8}));
-}
-
-TEST(MaskFile, ScannerFollowsTheStreamRules) {
-    int32_t a = 0, b = 0;
-    int32_t *const v[] = {&a, &b};
-    struct {
-        const char *in, *pattern;
-        int stored, a, b;
-    } cases[] = {
-        {"W12 H-3", "W%d H%d", 2, 12, -3},
-        {"W  +7\n\tH8", "W%d H%d", 2, 7, 8},   // %d and blanks skip any white space
-        {"W7H8", "W%d H%d", 2, 7, 8},           // a blank also matches none
-        {"X7", "W%d", 0, 0, 0},
-        {"", "W%d", -1, 0, 0},                  // end of input before any value
-        {"W-", "W%d", 0, 0, 0},
-        {"W-99999999999", "W%d", 1, INT32_MIN, 0},
-        {"4,5", "%d,%d ", 2, 4, 5},
-        {"4;5", "%d,%d ", 1, 4, 0},
-    };
-    for (const auto &c : cases) {
-        a = b = 0;
-        bv::ghosts::CharSource in(c.in);
-        EXPECT_EQ(bv::ghosts::scan(in, c.pattern, v), c.stored) << c.in;
-        EXPECT_EQ(a, c.a) << c.in;
-        EXPECT_EQ(b, c.b) << c.in;
-    }
-}
-
 // ---- polygon fill ----------------------------------------------------------
 
 // Even-odd test of the pixel centre (x + 1/2, y + 1/2), exact in integers.
@@ -270,23 +233,6 @@ bool inside(const int32_t *xy, int count, int x, int y) {
         if (x0 * (y1 - y0) + (cy - y0) * (x1 - x0) <= cx * (y1 - y0)) in = !in;
     }
     return in;
-}
-
-TEST(Rasterize, SquareCoversItsArea) {
-    const int32_t e[] = {1}, p[] = {4}, xy[] = {0, 0, 4, 0, 4, 4, 0, 4};
-    int32_t slots[3];
-    std::vector<uint8_t> mask((3 * 6 * 5 + 7) / 8, 0xAA);
-    EXPECT_EQ(bv_ghost_rasterize(6, 5, 3, 1, e, p, xy, 4, slots, mask.data()), 1);
-    EXPECT_EQ(slots[0] * 100 + slots[1] * 10 + slots[2], 12);
-    int set = 0;
-    for (int s = 0; s < 3; ++s)
-        for (int y = 0; y < 5; ++y)
-            for (int x = 0; x < 6; ++x) {
-                const bool b = bit(mask, static_cast<size_t>(s) * 30 + y * 6 + x);
-                set += b;
-                EXPECT_EQ(b, s == 1 && x < 4 && y < 4) << s << " " << x << " " << y;
-            }
-    EXPECT_EQ(set, 16);
 }
 
 TEST(Rasterize, RandomPolygonsMatchTheCentreRule) {
@@ -398,17 +344,6 @@ TEST(Detect, StaticEvenlySpacedStackGivesAnEmptyMask) {
         EXPECT_EQ(rc, 200 * 120);
         EXPECT_EQ(mask, std::vector<uint8_t>(mask.size(), 0)) << stops;
     }
-}
-
-// A bright object in the two darker brackets: all of it is found, and
-// nothing further than 16 pixels from it.
-TEST(Detect, MovedSquareIsFoundAndTheRestLeftAlone) {
-    Stack s = bvtest::static_stack(240, 160, 3, 1.0);
-    const bvtest::MovingObject o{60, 50, 40, 50, 70, {0, 1}, 0.9f, 3};
-    const std::vector<uint8_t> moved = bvtest::paste_object(s, o);
-    const bvtest::Coverage c = bvtest::measure(s, moved, 70, 1, {}, 16);
-    EXPECT_EQ(c.covered, 1.0);
-    EXPECT_EQ(c.flagged_far, 0.0);
 }
 
 // Reading exposures: evStep > 0 spaces them evenly, brightest first by the

@@ -105,32 +105,17 @@ struct Coverage {
     double flagged_far = 0;  // the same, beyond `halo` pixels of the moved region
 };
 
-// Pixels within `halo` (Chebyshev distance) of a marked pixel.
-inline std::vector<uint8_t> grow(const std::vector<uint8_t> &marked, int w, int h, int halo) {
-    std::vector<uint8_t> rows(marked.size(), 0), out(marked.size(), 0);
-    for (int y = 0; y < h; ++y) {
-        int last = -1 - halo;  // nearest marked column to the left
-        for (int x = 0; x < w; ++x)
-            if (marked[static_cast<size_t>(y) * w + x]) last = x;
-            else if (x - last <= halo) rows[static_cast<size_t>(y) * w + x] = 1;
-        last = w + halo;
-        for (int x = w - 1; x >= 0; --x) {
-            const size_t p = static_cast<size_t>(y) * w + x;
-            if (marked[p]) last = x, rows[p] = 1;
-            else if (last - x <= halo) rows[p] = 1;
-        }
+// Pixels within `r` (Chebyshev distance) of a marked pixel.
+inline std::vector<uint8_t> grow(const std::vector<uint8_t> &m, int w, int h, int r) {
+    std::vector<uint8_t> rows(m.size(), 0), out(m.size(), 0);
+    for (size_t p = 0; p < m.size(); ++p) {
+        const int x = static_cast<int>(p % w);
+        for (int d = std::max(-r, -x); d <= std::min(r, w - 1 - x) && !rows[p]; ++d) rows[p] = m[p + d];
     }
-    for (int x = 0; x < w; ++x) {
-        int last = -1 - halo;
-        for (int y = 0; y < h; ++y)
-            if (rows[static_cast<size_t>(y) * w + x]) last = y;
-            else if (y - last <= halo) out[static_cast<size_t>(y) * w + x] = 1;
-        last = h + halo;
-        for (int y = h - 1; y >= 0; --y) {
-            const size_t p = static_cast<size_t>(y) * w + x;
-            if (rows[p]) last = y, out[p] = 1;
-            else if (last - y <= halo) out[p] = 1;
-        }
+    for (size_t p = 0; p < m.size(); ++p) {
+        const int y = static_cast<int>(p / w);
+        for (int d = std::max(-r, -y); d <= std::min(r, h - 1 - y) && !out[p]; ++d)
+            out[p] = rows[p + static_cast<ptrdiff_t>(d) * w];
     }
     return out;
 }
