@@ -6,6 +6,7 @@
 
 #include "Threading/bands.hpp"
 #include "common/boundary.hpp"
+#include "common/pixels.hpp"
 #include "core/ghosts/ghosts.hpp"
 #include "core/hdrgen/hdrgen.hpp"
 
@@ -197,8 +198,8 @@ int detect(int threshold, int n, int width, int height, int channels, int bits, 
     uint8_t *base = pyramid.get();
 
     threads = threads < 1 ? 1 : threads > height ? height : threads;
-    const hdrgen::Taps t = hdrgen::merge_taps(channels);
-    Detector d{n, width, channels, threshold, bgr ? t.b : t.r, t.g, bgr ? t.r : t.b,
+    const ChannelOffsets t = channel_offsets(channels, bgr != 0);
+    Detector d{n, width, channels, threshold, t.r, t.g, t.b,
                static_cast<size_t>(width) * height * channels, asc.get(), range.get(),
                confidence.get(), prediction.get()};
     auto bands = [&](int rows, const std::function<void(int, int)> &body) {
