@@ -704,7 +704,7 @@ BV_API int bv_ghost_rasterize(int width, int height, int n, int N, const int32_t
  *   *threshold  T, read once: a pixel is a ghost when the confidence-weighted
  *               mean over neighbour pairs of |predicted - actual| summed over
  *               R, G, B, halved, exceeds T (8-bit levels). Larger T: less
- *               sensitive. Meaningful from 45 up; the tool's default is 60.
+ *               sensitive. Meaningful from 45 up; the tool's default is 70.
  *   exposures   factors, given when evStep <= -0.5, else estimated and
  *               stored (evStep > 0: evenly spaced, -0.5 < evStep <= 0:
  *               from the pixels), as in bv_hdr_merge.
