@@ -178,6 +178,8 @@ const ReadCase kReadCases[] = {
      "get_mask_data path 0 - nbPoints is 2147483647  but total is 4 (read already 0)"},
     {"missing_vertex", "BrackvistaGhostingMask W9 H9 N1 T3 S0 E0 P3 C1,1 2,2 3;3", 3, 9, 9, 1,
      BV_MASK_ERR_FILE, "get_mask_data - could not find coords at path 0  for point 2\n"},
+    {"letter_vertex", "BrackvistaGhostingMask W9 H9 N1 T1 S0 E0 P1 C1,x", 1, 9, 9, 1,
+     BV_MASK_ERR_FILE, "get_mask_data - could not find coords at path 0  for point 0\n"},
     {"missing_selection", "BrackvistaGhostingMask W9 H9 N3 T2 S0 E0 P2 C1,1 2,2 S1 E5", 2, 9, 9,
      3, BV_MASK_ERR_SIZE, "get_mask_data - could not find path header info for path: 1"},
     {"huge_n", "BrackvistaGhostingMask W9 H9 N99999999999 T0 S0 E0 P0 C", 0, 9, 9, INT32_MAX,
