@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "common/boundary.hpp"
+#include "common/diag.hpp"
 #include "core/ghosts/ghosts.hpp"
 
 namespace bv::ghosts {
@@ -128,7 +129,7 @@ extern "C" BV_API int get_mask_info(const char *fileName, int *width, int *heigh
         const off_t size = ftello(f.get());
         if (size < 0 || fseeko(f.get(), 0, SEEK_SET) != 0) return BV_MASK_ERR_FILE;
         if (size < 60) {
-            std::fprintf(stderr,
+            bv::diag(bv::Stream::Err,
                          "get_mask_info - %s is too short to be a valid Brackvista Ghosting Mask "
                          "file (%d vs %d)\n",
                          fileName, 59, static_cast<int>(size));
@@ -136,7 +137,7 @@ extern "C" BV_API int get_mask_info(const char *fileName, int *width, int *heigh
         }
         if (size > 1000000) {
             const int shown = size > INT32_MAX ? INT32_MAX : static_cast<int>(size);
-            std::fprintf(stderr, "get_mask_info - %s size %d more than %d Kb\n", fileName, 1000,
+            bv::diag(bv::Stream::Err, "get_mask_info - %s size %d more than %d Kb\n", fileName, 1000,
                          shown);
             return BV_MASK_ERR_SIZE;
         }
@@ -144,7 +145,7 @@ extern "C" BV_API int get_mask_info(const char *fileName, int *width, int *heigh
         if (!text.alloc(static_cast<size_t>(size) + 1)) return BV_MASK_ERR_NOMEM;
         if (std::fread(text.get(), 1, static_cast<size_t>(size), f.get()) !=
             static_cast<size_t>(size)) {
-            std::fprintf(stderr, "get_mask_info - could not read file\n");
+            bv::diag(bv::Stream::Err, "get_mask_info - could not read file\n");
             return BV_MASK_ERR_FILE;
         }
         int32_t w = 0, h = 0, n = 0, t = 0;
@@ -152,7 +153,7 @@ extern "C" BV_API int get_mask_info(const char *fileName, int *width, int *heigh
         CharSource in(text.get());
         // A bad header is reported but never fatal: unmatched values read as 0.
         if (scan(in, "BrackvistaGhostingMask W%d H%d N%d T%d", fields) < 4)
-            std::fprintf(stderr, "get_mask_info - %s isn't a Brackvista Ghosting Mask file",
+            bv::diag(bv::Stream::Err, "get_mask_info - %s isn't a Brackvista Ghosting Mask file",
                          fileName);
         if (width) *width = w;
         if (height) *height = h;
@@ -166,14 +167,14 @@ extern "C" BV_API int get_mask_data(const char *fileName, int32_t *exposures, in
     return bv::c_boundary(BV_MASK_ERR_NOMEM, BV_MASK_ERR_FILE, [&]() -> int {
         bv::File f(fileName, "rb");
         if (!f) {
-            std::fprintf(stderr, "get_mask_data - could not open input file\n");
+            bv::diag(bv::Stream::Err, "get_mask_data - could not open input file\n");
             return BV_MASK_ERR_FILE;
         }
         CharSource in(f.get());
         int32_t w = 0, h = 0, n = 0, t = 0;
         int32_t *const header[] = {&w, &h, &n, &t};
         if (scan(in, "BrackvistaGhostingMask W%d H%d N%d T%d", header) < 4) {
-            std::fprintf(stderr, "get_mask_data - %s isn't a Brackvista Ghosting Mask file",
+            bv::diag(bv::Stream::Err, "get_mask_data - %s isn't a Brackvista Ghosting Mask file",
                          fileName);
             return BV_MASK_ERR_SIZE;
         }
@@ -183,16 +184,16 @@ extern "C" BV_API int get_mask_data(const char *fileName, int32_t *exposures, in
             int32_t s = 0, e = 0, p = 0;
             int32_t *const sel[] = {&s, &e, &p};
             if (scan(in, " S%d E%d P%d C", sel) < 3) {
-                std::fprintf(stderr,
+                bv::diag(bv::Stream::Err,
                              "get_mask_data - could not find path header info for path: %d", i);
                 return BV_MASK_ERR_SIZE;
             }
             if (s != i)
-                std::fprintf(stderr, "get_mask_data - selection read is %d but expected %d", s, i);
+                bv::diag(bv::Stream::Err, "get_mask_data - selection read is %d but expected %d", s, i);
             exposures[i] = e;
             counts[i] = p;
             if (read + p > t) {
-                std::fprintf(stderr,
+                bv::diag(bv::Stream::Err,
                              "get_mask_data path %d - nbPoints is %d  but total is %d (read "
                              "already %d)",
                              i, p, t, static_cast<int>(read));
@@ -202,7 +203,7 @@ extern "C" BV_API int get_mask_data(const char *fileName, int32_t *exposures, in
             for (int k = 0; k < p; ++k, ++read) {
                 int32_t *const xy[] = {&coords[2 * read], &coords[2 * read + 1]};
                 if (scan(in, "%d,%d ", xy) < 2) {
-                    std::fprintf(stderr,
+                    bv::diag(bv::Stream::Err,
                                  "get_mask_data - could not find coords at path %d  for point "
                                  "%d\n",
                                  i, static_cast<int>(read));
