@@ -726,6 +726,103 @@ BV_API int bv_hdr_merge(bv_progress_cb progressContext, int mode, int n, int wid
 /* @end hdrgen */
 
 /* ===================================================================== */
+/*  Ghosts: mask files of drawn selections, automatic detection          */
+/* ===================================================================== */
+/* @section ghosts */
+/* A selection is a closed polygon over a W x H image with the index of the
+ * bracket (exposure) to use inside it. Vertices are pixel-corner
+ * coordinates (x, y) held in one flat int32 array, x then y, selection after
+ * selection. Pixel masks hold one bit per pixel in row order, eight pixels
+ * per byte, the first in the top bit (0x80). */
+
+/* Codes of this family. */
+enum {
+    BV_MASK_ERR_FILE = -1,   /* file cannot be opened, positioned, read or
+                                written; get_mask_data: a vertex is missing */
+    BV_MASK_ERR_SIZE = -2,   /* get_mask_info: file under 60 or over 1000000
+                                bytes; get_mask_data: header or selection
+                                header unreadable */
+    BV_MASK_ERR_TOTAL = -3,  /* get_mask_data: vertex counts exceed the total */
+    BV_MASK_ERR_NOMEM = -4,  /* get_mask_info: no memory for the file */
+    BV_GHOST_ERR_DEPTH = -2, /* bv_ghost_detect: bits per sample not 8 or 16 */
+    BV_GHOST_ERR_ARG = -3,   /* NULL pointer, negative or oversized image,
+                                non-positive exposure, bad selection */
+    BV_GHOST_ERR_NOMEM = -4  /* working memory could not be had */
+};
+
+/* Writes N selections as a ghosting-mask text file (replaced if present):
+ * "BrackvistaGhostingMask W.. H.. N.. T..", then per selection
+ * " S<i> E<exposure> P<count> C" and its vertices as "x,y ". exposures[N],
+ * counts[N] (a negative count writes no vertex), coords[2 * T] with T the sum
+ * of the non-negative counts. Returns T (0 when N < 1); BV_MASK_ERR_FILE when
+ * the file cannot be created or a write fails (also NULL arrays with N >= 1);
+ * the file is closed on every path. */
+BV_API int write_ghost_mask(const char *fileName, int W, int H, int N, const int32_t *exposures,
+                            const int32_t *counts, const int32_t *coords);
+
+/* Reads the header of a mask file so the caller can size its arrays: stores
+ * W, H and N (NULL pointers are skipped) and returns T, the total vertex
+ * count. A header that does not match is reported on stderr but accepted:
+ * the unmatched values read as 0. Numbers beyond 32 bits saturate.
+ * BV_MASK_ERR_FILE, BV_MASK_ERR_SIZE (under 60 or over 1000000 bytes, with a
+ * message), BV_MASK_ERR_NOMEM. */
+BV_API int get_mask_info(const char *fileName, int *width, int *height, int *count);
+
+/* Reads the selections: exposures[N], counts[N] and coords[2 * T], sized from
+ * get_mask_info; nothing is written past those sizes. Returns N (0 for a
+ * negative N); BV_MASK_ERR_FILE (cannot open, a vertex unreadable, NULL
+ * arrays), BV_MASK_ERR_SIZE (header or selection header unreadable),
+ * BV_MASK_ERR_TOTAL (counts exceed T). Messages go to stderr; values stored
+ * before an error stay. Selection numbers out of order are reported and
+ * accepted. */
+BV_API int get_mask_data(const char *fileName, int32_t *exposures, int32_t *counts,
+                         int32_t *coords);
+
+/* Fills N selections (as read by get_mask_data; total = T, the length of
+ * coords in vertices) into the ghost selection of the fusion: slots[n] and
+ * mask, n planes of width x height bits (plane s at bit s * width * height,
+ * (n * width * height + 7) / 8 bytes, cleared first). Selection i sets the
+ * pixels of plane exposures[i] whose centres lie inside its polygon
+ * (even-odd rule; vertices are pixel corners, so the square 0,0 4,0 4,4 0,4
+ * covers 16 pixels); overlapping selections set every plane they name.
+ * slots[s] = s, and slots[0] = -1 when no pixel is selected. Selections of
+ * fewer than 3 vertices cover nothing. Returns the number of selections
+ * filled; BV_GHOST_ERR_ARG (exposure outside 0..n-1, counts beyond total,
+ * NULL or bad sizes; nothing written), BV_GHOST_ERR_NOMEM. */
+BV_API int bv_ghost_rasterize(int width, int height, int n, int N, const int32_t *exposures,
+                              const int32_t *counts, const int32_t *coords, int total,
+                              int32_t *slots, unsigned char *mask);
+
+/* Finds the pixels where n aligned brackets (layout of bv_hdr_merge, 8 or 16
+ * bits, R sample 0, G (channels - 1) / 2, B channels - 1, R and B exchanged
+ * when bgr != 0) disagree because something moved, and ORs them into mask
+ * ((width * height + 7) / 8 bytes; clear it first).
+ *   *threshold  T, read once: a pixel is a ghost when the confidence-weighted
+ *               mean over neighbour pairs of |predicted - actual| summed over
+ *               R, G, B, halved, exceeds T (8-bit levels). Larger T: less
+ *               sensitive. Meaningful from 45 up; the tool's default is 70.
+ *   exposures   factors, given when evStep <= -0.5, else estimated and
+ *               stored (evStep > 0: evenly spaced, -0.5 < evStep <= 0:
+ *               from the pixels), as in bv_hdr_merge.
+ *   threads     worker threads (< 1: one); the mask is identical for any
+ *               count. Every thread is joined before the call returns.
+ * Neighbours in exposure order are compared by predicting the brighter from
+ * the darker through their exposure ratio in gamma space; each pair counts
+ * with a confidence of 1 where both lumas lie well inside their bracket's
+ * usable range, falling linearly to 0 over 16 levels at its edges. Pixels
+ * with too little confidence are 0 (T >= 0) or set (T < 0). The hits are
+ * reduced 2, 3, 4, 5 or 6 times (larger side under 1000, 2000, 4000, 8000,
+ * or more) by 2x2 averaging, dilated by one pixel at the coarsest level and
+ * enlarged back with a smoothing kernel, so marked regions are smooth and a
+ * little larger than the moving object. Returns the number of mask bits,
+ * ((width * height - 1) / 8 + 1) * 8 (0 for an empty image);
+ * BV_GHOST_ERR_DEPTH, BV_GHOST_ERR_ARG, BV_GHOST_ERR_NOMEM. */
+BV_API int bv_ghost_detect(const int *threshold, int n, int width, int height, int channels,
+                           int bitsPerSample, int bgr, float *exposures, const void *data,
+                           unsigned char *mask, float evStep, int threads);
+/* @end ghosts */
+
+/* ===================================================================== */
 /*  Pyramids and resampling                                              */
 /* ===================================================================== */
 /* @section pyramid */

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "cli.hpp"
+#include "ghosts.hpp"
 #include "libcalls.hpp"
 #include "pipeline.hpp"
 #include "fuse.hpp"
@@ -39,6 +40,7 @@ struct Demo {
     MergeReport merge;
     std::vector<std::string> lines;  // the summary
     std::vector<std::string> written;
+    std::vector<uint8_t> moved;  // pixels the walking person ever covers
 
     std::string path(const std::string &name) const { return out_dir + "/" + name; }
     void say(const std::string &line) { lines.push_back(line); }
@@ -112,6 +114,7 @@ void step_brackets(Demo &d) {
     }
     BracketPlan plan = default_bracket_plan();
     d.set = render_brackets(d.scene, plan, d.seed);
+    d.moved = add_walking_person(d.scene, plan, d.seed, d.set);
     d.truth = plan.exposures;
     d.truth_source = "true";
     make_dir(d.path("brackets"));
@@ -241,6 +244,15 @@ void step_merge(Demo &d) {
     if (!d.scene.rgb.empty()) compare_with_truth(d);
 }
 
+// Whatever moved between the brackets (the built-in scene's walking person)
+// is found, with the best exposures known, and taken from the middle
+// bracket; tonemapped.png is ghost-free.
+void step_ghosts(Demo &d) {
+    const std::vector<float> &ex = d.truth.empty() ? d.merge.exposures : d.truth;
+    for (auto &l : demo_ghosts(d.set, d.merge, ex, d.hdr, d.moved, d.out_dir, d.threads, d.written))
+        d.say(l);
+}
+
 void step_tonemap(Demo &d) {
     OutputFile out(d.path("tonemapped.png"));
     LogLumStats s = hdr_stats(d.hdr);
@@ -270,6 +282,7 @@ const std::vector<Step> &steps() {
         {"brackets", step_brackets},
         {"exposures", step_exposures},
         {"merge", step_merge},
+        {"ghosts", step_ghosts},
         {"tonemap", step_tonemap},
         {"fuse", step_fuse},
     };
@@ -289,7 +302,8 @@ int run_demo(int argc, char **argv) {
     if (args.help()) {
         print_help("brackvista demo [options] [FOLDER]",
                    "Without FOLDER: renders a built-in HDR scene (a dim brick interior with a\n"
-                   "sunlit window, sky and sun), exposes it into 7 brackets through a camera\n"
+                   "sunlit window, sky and sun) with a person walking through it, exposes it\n"
+                   "into 7 brackets through a camera\n"
                    "curve with noise, estimates the exposures, merges, writes the HDR and tone-\n"
                    "maps it. With FOLDER: the same on the images in it (exposures from an\n"
                    "exposures.txt beside them, else EXIF, else estimated). Everything goes into\n"

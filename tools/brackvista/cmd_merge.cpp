@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "cli.hpp"
+#include "ghosts.hpp"
 #include "libcalls.hpp"
 #include "pipeline.hpp"
 
@@ -22,6 +23,7 @@ std::vector<OptionSpec> merge_options() {
          "median-brightness rule instead of pixel ratios"},
         {"gamma", 'g', "G", "response curve exponent (0.2..5; default: ICC profile, else 2.2)"},
     };
+    add_ghost_options(s);
     add_common_options(s);
     return s;
 }
@@ -75,6 +77,7 @@ int run_merge(int argc, char **argv) {
     choice.median = how == "median";
     choice.gamma = args.number("gamma", 0, 0.2, 5);
     if (inputs.empty()) usage_error("no brackets given (see brackvista merge --help)");
+    const GhostOptions ghosts = read_ghost_options(args, static_cast<int>(inputs.size()));
 
     const std::string out_path = args.str("output");
     check_hdr_extension(out_path);
@@ -86,6 +89,7 @@ int run_merge(int argc, char **argv) {
     BracketSet set = load_brackets(inputs);
     MergeReport report;
     HdrImage hdr = merge_brackets(set, choice, &report, threads);
+    const size_t deghosted = ghosts.mode.empty() ? 0 : remove_ghosts(set, report, ghosts, hdr, threads);
     save_hdr(out, hdr);
     if (!args.has("quiet"))
         for (const auto &w : report.warnings)
@@ -95,6 +99,7 @@ int run_merge(int argc, char **argv) {
                     inputs.size(), set.width, set.height, set.bits, report.exposure_source.c_str(),
                     report.gamma, report.gamma_source.c_str());
         print_exposures(inputs, report);
+        if (!ghosts.mode.empty()) print_ghost_removal(ghosts, report, deghosted, set);
         std::printf("luminance %.4g .. %.4g, %.1f stops -> %s\n", report.stats[0] / 256.0,
                     report.stats[1] / 256.0,
                     report.stats[0] > 0 ? std::log2(report.stats[1] / report.stats[0]) : 0.0,

@@ -9,10 +9,12 @@ int run_info(int argc, char **argv);
 int run_demo(int argc, char **argv);
 int run_fuse(int argc, char **argv);
 int run_blend(int argc, char **argv);
+int run_ghosts(int argc, char **argv);
 
 const std::vector<Command> &commands() {
     static const std::vector<Command> table = {
         {"merge", "merge bracketed exposures into a Radiance .hdr or float TIFF", run_merge},
+        {"ghosts", "find what moved between brackets and write it as a mask", run_ghosts},
         {"tonemap", "render an HDR image into an 8- or 16-bit picture", run_tonemap},
         {"info", "print dimensions, metadata and luminance range of an HDR file", run_info},
         {"fuse", "fuse bracketed exposures straight into one picture (no HDR file)", run_fuse},
