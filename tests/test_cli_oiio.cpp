@@ -562,7 +562,7 @@ TEST(Cli, DemoOnBuiltInSceneAndOnItsBrackets) {
     ASSERT_EQ(r.code, 0) << r.err;
     const std::string d = work + "/brackvista-demo";
     for (const char *f : {"scene-truth.exr", "merged.hdr", "merged.tif", "tonemapped.png",
-                          "summary.txt", "brackets/bracket-1.jpg", "brackets/bracket-7.jpg"})
+                          "fused.png", "summary.txt", "brackets/bracket-1.jpg", "brackets/bracket-7.jpg"})
         EXPECT_TRUE(fs::exists(d + "/" + f)) << f;
     EXPECT_EQ(slurp(d + "/summary.txt") + "  summary.txt\n", r.out);
 
@@ -622,6 +622,7 @@ TEST(Cli, DemoOnBuiltInSceneAndOnItsBrackets) {
     std::string again = fresh_dir("demo2");
     ASSERT_EQ(run({"demo", "-q", "--size", "384x256", "-o", again}).code, 0);
     EXPECT_EQ(slurp(again + "/merged.hdr"), slurp(d + "/merged.hdr"));
+    EXPECT_EQ(slurp(again + "/fused.png"), slurp(d + "/fused.png"));
     for (int k = 1; k <= 7; ++k) {
         auto in = OIIO::ImageInput::open(d + "/brackets/bracket-" + std::to_string(k) + ".jpg");
         ASSERT_TRUE(in);
@@ -682,6 +683,128 @@ TEST(Cli, CtrlCCancelsAndRemovesPartialOutput) {
     if (fs::exists(out_dir)) {
         for (const auto &e : fs::recursive_directory_iterator(out_dir))
             EXPECT_EQ(e.path().filename().string().find(".part"), std::string::npos) << e.path();
+    }
+}
+
+}  // namespace
+
+namespace {
+
+// Grey PNG whose left `split` columns hold `left` and the rest `right`.
+void write_split_png(const std::string &path, int w, int h, int split, uint8_t left, uint8_t right) {
+    auto out = OIIO::ImageOutput::create(path);
+    ASSERT_TRUE(out);
+    std::vector<uint8_t> px(static_cast<size_t>(w) * h * 3);
+    for (size_t i = 0; i < px.size(); ++i) px[i] = static_cast<int>(i / 3 % w) < split ? left : right;
+    ASSERT_TRUE(out->open(path, OIIO::ImageSpec(w, h, 3, OIIO::TypeDesc::UINT8)));
+    ASSERT_TRUE(out->write_image(OIIO::TypeDesc::UINT8, px.data()));
+    ASSERT_TRUE(out->close());
+}
+
+// Brackets of 40, 120, 220 at EV -2, 0, +2 over a result of 100: a base layer
+// of 50 % at 0 EV gives 109 (fixed point, not 110); a brush layer of 99 % at
+// +2 EV painted on the left half gives 218 there.
+TEST(Cli, BlendPaintsLayersThroughAMask) {
+    REQUIRE_TOOL();
+    const std::string dir = fresh_dir("blend");
+    const int w = 32, h = 24;
+    const uint8_t levels[3] = {40, 120, 220};
+    std::vector<std::string> args = {"blend", "-q", "-o", dir + "/out.png", dir + "/result.png"};
+    for (int k = 0; k < 3; ++k) {
+        args.push_back(dir + "/b" + std::to_string(k) + ".png");
+        write_split_png(args.back(), w, h, 0, 0, levels[k]);
+    }
+    write_split_png(dir + "/result.png", w, h, 0, 0, 100);
+    write_split_png(dir + "/mask.png", w, h, w / 2, 255, 0);
+    write_split_png(dir + "/small.png", w - 1, h, 0, 0, 100);
+    std::vector<std::string> ok = args;
+    ok.insert(ok.end(), {"-e", "1,4,16", "--base", "50@0", "--layers", "99@2", "--brush",
+                         dir + "/mask.png"});
+    Result r = run(ok);
+    ASSERT_EQ(r.code, 0) << r.err;
+    Image img;
+    ASSERT_TRUE(read_image(dir + "/out.png", &img));
+    ASSERT_EQ(img.width, w);
+    for (int x = 0; x < w; ++x)
+        EXPECT_EQ(std::lround(img.px[(5 * w + x) * 3 + 1] * 255), x < w / 2 ? 218 : 109) << x;
+
+    std::vector<std::string> no_mask = args, nothing = args, wrong_size = ok;
+    no_mask.insert(no_mask.end(), {"--layers", "99@2"});
+    nothing.insert(nothing.end(), {"--base", "0@1"});
+    wrong_size[4] = dir + "/small.png";
+    const struct {
+        std::vector<std::string> args;
+        int code;
+        std::string says;
+    } bad[] = {{no_mask, 2, "one mask per layer"},
+               {nothing, 2, "nothing to blend"},
+               {wrong_size, 1, "the picture is 31x24"}};
+    for (const auto &c : bad) {
+        Result b = run(c.args);
+        EXPECT_EQ(b.code, c.code) << b.err;
+        EXPECT_EQ(b.err_lines(), 1) << b.err;
+        EXPECT_NE(b.err.find(c.says), std::string::npos) << b.err;
+    }
+}
+
+// Three flat brackets (40, 120, 220): the fused picture lies between them;
+// 16-bit output, the temporary-file mode and the ghost mask behave.
+TEST(Cli, FuseBracketsWithOptions) {
+    REQUIRE_TOOL();
+    const std::string dir = fresh_dir("fuse");
+    const int w = 256, h = 64;
+    const uint8_t levels[3] = {40, 120, 220};
+    std::vector<std::string> files;
+    for (int k = 0; k < 3; ++k) {
+        files.push_back(dir + "/b" + std::to_string(k) + ".png");
+        write_split_png(files.back(), w, h, 0, 0, levels[k]);
+    }
+    write_split_png(dir + "/mask.png", w, h, w / 2, 255, 0);
+    write_split_png(dir + "/small.png", w - 1, h, 0, 0, 100);
+    auto fuse = [&](std::vector<std::string> extra) {
+        std::vector<std::string> a = {"fuse", "-q"};
+        a.insert(a.end(), extra.begin(), extra.end());
+        a.insert(a.end(), files.begin(), files.end());
+        return run(a);
+    };
+    fs::create_directories(dir + "/spill");
+    struct Case { std::vector<std::string> args; int bits; };
+    const Case cases[] = {
+        {{"-o", dir + "/mem.png"}, 8},
+        {{"-o", dir + "/files.png", "--temp-dir", dir + "/spill", "-j", "3"}, 8},
+        {{"-o", dir + "/deep.tif", "--bits", "16", "--detail", "6", "--moire", "6"}, 16},
+        {{"-o", dir + "/ghost.png", "--mask", dir + "/mask.png", "--mask-bracket", "3"}, 8},
+        {{"-o", dir + "/two.png", "--two-pass"}, 8},
+    };
+    std::vector<Image> img(std::size(cases));
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        Result r = fuse(cases[i].args);
+        ASSERT_EQ(r.code, 0) << r.err;
+        ASSERT_TRUE(read_image(cases[i].args[1], &img[i]));
+        EXPECT_EQ(img[i].width, w);
+        EXPECT_EQ(img[i].format.size(), cases[i].bits / 8u);
+    }
+    EXPECT_EQ(img[0].px, img[1].px) << "temporary files changed the picture";
+    EXPECT_TRUE(fs::is_empty(dir + "/spill")) << "temporary files left behind";
+    const float mid = img[0].px[(20 * w + 60) * 3 + 1] * 255;
+    EXPECT_GT(mid, 40);
+    EXPECT_LT(mid, 220);
+    // Inside the mask the third bracket alone; outside, the usual blend.
+    EXPECT_NEAR(img[3].px[(20 * w + 16) * 3 + 1] * 255, 220, 6);
+    EXPECT_NEAR(img[3].px[(20 * w + 240) * 3 + 1] * 255, img[0].px[(20 * w + 240) * 3 + 1] * 255, 6);
+
+    const struct { std::vector<std::string> args; int code; std::string says; } bad[] = {
+        {{"-o", dir + "/x.png", dir + "/small.png"}, 1, "brackets differ in size"},
+        {{"-o", dir + "/x.png", "--mask", dir + "/small.png"}, 1, "mask"},
+        {{"-o", dir + "/x.png", "--moire", "9"}, 2, "moire"},
+        {{"-o", dir + "/x.png", "--temp-dir", dir + "/none"}, 1, "not a folder"},
+    };
+    for (const auto &c : bad) {
+        Result b = fuse(c.args);
+        EXPECT_EQ(b.code, c.code) << b.err;
+        EXPECT_EQ(b.err_lines(), 1) << b.err;
+        EXPECT_NE(b.err.find(c.says), std::string::npos) << b.err;
+        EXPECT_FALSE(fs::exists(dir + "/x.png"));
     }
 }
 
