@@ -59,26 +59,30 @@ float level_factor(int width, int height);
 // rowDots (height entries) or NULL: per-row sums of x * out.
 void tm20m(int width, int height, int wrap, int threads, const float *x, float *out,
            double *rowDots);
-// Rows [first, end) of the above; x, above and below hold the row before
-// the first and after the last (NULL at the plane's top and bottom).
-void tm20m_rows(int width, int first, int end, int height, int wrap, const float *above,
-                const float *x, const float *below, float *out, double *rowDots);
-// out = a + k b on n = width x height floats (out may alias a or b).
+// `rows` rows of the above: x points at the first row, above / below at the
+// rows just outside (NULL at the plane's top / bottom), out at the first
+// output row, rowDots (or NULL) at the first row's entry.
+void tm20m_rows(int width, int rows, int wrap, const float *above, const float *x,
+                const float *below, float *out, double *rowDots);
+// out = a + k b over `rows` rows of `width` floats (out may alias a or b).
 // rowDots or NULL: per-row sums of out * out.
-void tm20a(int width, int height, int threads, const float *a, float k, const float *b,
-           float *out, double *rowDots);
+void tm20a(int width, int rows, int threads, const float *a, float k, const float *b, float *out,
+           double *rowDots);
 // Dot product a . b: per-row double sums, then the rows in order.
-double tm20d(int width, int height, int threads, const float *a, const float *b);
+double tm20d(int width, int rows, int threads, const float *a, const float *b);
 // Sum of rowDots[0 .. height) in order.
 double sum_rows(const double *rowDots, int height);
 
-// Laplacian of the vector in file `src` into file `dst`, strip by strip
-// (`strips` strips of height / strips rows, the last taking the rest), each
-// strip read with its halo rows into `buf` (at least (rows + 2) x width
-// floats) and written from `out` (rows x width). rowDots: per-row x * out.
+// Laplacian of the vector in file `src` into file `dst` (both at offset 0),
+// strip by strip: `strips` strips of height / strips rows, the last taking
+// the rest; each strip is read with its halo rows into `buf` (room for
+// (strip rows + 2) x width floats) and written from `out` (strip rows x
+// width). rowDots (height entries) or NULL: per-row sums of x * out.
 // Returns 0 or a strip code (-20, -21, -22).
 int tm20m_streaming(int width, int height, int wrap, int threads, int strips, FILE *src,
                     FILE *dst, float *buf, float *out, double *rowDots);
+// Rows of strip s of `strips` over height: [*first, *end).
+void strip_rows(int height, int strips, int s, int *first, int *end);
 
 // Conjugate gradients on one level, A x = b with A the Laplacian above.
 // In memory (streamMode < 1): b is overwritten (it becomes the search
@@ -95,6 +99,22 @@ int tm20(int width, int height, int maxIterations, int wrap, int threads, int st
          bv_progress_cb progressContext, const char *inPath, const char *basePath,
          const char *pPath, const char *rPath, const char *tPath, int64_t inOffset, float *b,
          float *x, float tolerance);
+
+// Initial guess of a finer level from the coarser solution: even rows and
+// columns copy the coarse pixel, odd ones average two (x 0.5) or four
+// (x 0.25) coarse neighbours; the last odd row or column copies its coarse
+// neighbour, except that with wrap the last column averages with the first.
+// Same sizes: a copy. enlarge_rows writes fine rows [first, end) to `fine`
+// (which then points at row `first`).
+void enlarge(const float *coarse, int cw, int ch, float *fine, int fw, int fh, int wrap,
+             int threads);
+void enlarge_rows(const float *coarse, int cw, int ch, float *fine, int fw, int fh, int first,
+                  int end, int wrap, int threads);
+// Writes n floats to path ("wb"); -1 with "can not open temporary file %s",
+// -2 with "could not write to temporary file tempPath1" (standard output).
+int write_level_file(const char *path, const float *data, size_t n);
+// v = exp(v) over a width x height plane, in row bands.
+void exp_plane(float *v, int width, int height, int threads);
 
 // Solves every level of `plane` (right-hand sides, levels one after another
 // as level_sizes(width, height, levels), finest first) from the coarsest to
