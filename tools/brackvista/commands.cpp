@@ -7,11 +7,13 @@ int run_merge(int argc, char **argv);
 int run_tonemap(int argc, char **argv);
 int run_info(int argc, char **argv);
 int run_demo(int argc, char **argv);
+int run_enhance(int argc, char **argv);
 
 const std::vector<Command> &commands() {
     static const std::vector<Command> table = {
         {"merge", "merge bracketed exposures into a Radiance .hdr or float TIFF", run_merge},
         {"tonemap", "render an HDR image into an 8- or 16-bit picture", run_tonemap},
+        {"enhance", "render an HDR image with the local tone enhancer", run_enhance},
         {"info", "print dimensions, metadata and luminance range of an HDR file", run_info},
         {"demo", "run the whole workflow on a built-in scene or a folder of brackets", run_demo},
     };

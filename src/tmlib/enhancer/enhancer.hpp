@@ -23,7 +23,7 @@ struct Look {
 Look look_from(const TmParam &p) noexcept;
 
 // Fixed look constants, shared by the stages and the tests.
-constexpr float kBlackClip = 0.0005f;   // fraction of pixels at or below black
+constexpr float kBlackClip = 0.005f;   // fraction of pixels at or below black
 constexpr float kLogRange = 5.0f;       // natural-log units from black to white on screen
 constexpr float kMidGrey = 0.18f;       // display luminance the key lands on
 constexpr uint32_t kBins = 65536;       // histogram bins of the exposure statistics
@@ -67,10 +67,11 @@ std::vector<Level> halving_chain(int w, int h, int min_side, int max_levels);
 void analysis_size(int w, int h, int *aw, int *ah) noexcept;
 
 // Luminance stage. lum (w x h) receives the linear luminance
-// 0.2126 R + 0.7152 G + 0.0722 B; rhs (w x h) the divergence of the
-// attenuated log-luminance gradients; exp the exposure statistics.
-// Returns height, or -4 when scratch memory cannot be had.
-int calc_tm1(const Image &img, const Look &look, int threads, float *lum, float *rhs,
+// 0.2126 R + 0.7152 G + 0.0722 B; rhs (the solver's `levels` levels, as
+// solver::level_sizes) the divergence of the attenuated log-luminance
+// gradients of every level; exp the exposure statistics. Returns height,
+// or -4 when scratch memory cannot be had.
+int calc_tm1(const Image &img, const Look &look, int threads, float *lum, float *rhs, int levels,
              Exposure *exp) noexcept;
 
 // Colour stage: from the log luminance of the input (log_lum) and the solved
@@ -80,6 +81,11 @@ int calc_tm1(const Image &img, const Look &look, int threads, float *lum, float 
 int calc_tm3(const Image &img, const Look &look, const Exposure &exp, const float *log_lum,
              float *solved, int threads, void *out, const DimParam &dim, int first,
              int end) noexcept;
+
+// Centres every level of a right-hand-side pyramid on zero (rows summed
+// in order): with reflecting borders the Laplacian ignores constants, so
+// only a right-hand side that sums to zero has a solution.
+void centre_levels(float *rhs, int w, int h, int levels);
 
 inline void Image::rgb(int x, int y, float out[3]) const noexcept {
     if (rgbe) {

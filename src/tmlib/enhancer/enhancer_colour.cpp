@@ -75,7 +75,9 @@ int calc_tm3(const Image &img, const Look &look, const Exposure &ex, const float
             float lo = 1e30f, hi = -1e30f;
             for (size_t i = static_cast<size_t>(b.first) * w; i < static_cast<size_t>(b.end) * w;
                  ++i) {
-                const float v = solved[i] > 1e-30f ? std::log(solved[i]) : -69.0f;
+                // exp of the solution may have overflowed or underflowed.
+                float v = solved[i] > 1e-30f ? std::log(solved[i]) : -69.0f;
+                if (!(v < 88.0f)) v = 88.0f;
                 solved[i] = v;
                 lo = std::min(lo, v);
                 hi = std::max(hi, v);
@@ -110,16 +112,20 @@ int calc_tm3(const Image &img, const Look &look, const Exposure &ex, const float
     };
     const float white = at(1.0f - look.white_clip), black = at(kBlackClip);
     const float key = at(ex.key_fraction);
-    // Wider than the screen's range: compress in the log domain, so that
-    // black lands at the end of the range and white at 0.
+    // Black lands at the end of the screen's log range, white at 0.
     const float span = white - black;
-    const float c = span > kLogRange ? kLogRange / span : 1.0f;
-    // The key lands on mid grey, then the brightness setting bends it.
-    const float zk = (key - white) * c;
-    float p = zk < -0.05f ? std::log(kMidGrey) / zk : 1.0f;
-    p = std::min(std::max(p, 0.4f), 2.5f) * look.brightness;
-    const float scale = c * p, floor = std::exp(-kLogRange);
-    const float norm = 1.0f / (1.0f - floor);
+    const float c = span > 1e-6f ? kLogRange / span : 1.0f;
+    const float floor = std::exp(-kLogRange), norm = 1.0f / (1.0f - floor);
+    auto display = [&](float v) {
+        float z = (v - white) * c;
+        z = z < -kLogRange ? -kLogRange : (z > 0.0f ? 0.0f : z);
+        return (std::exp(z) - floor) * norm;
+    };
+    // The key lands on mid grey through a power that keeps black and white,
+    // then the brightness setting bends it.
+    const float yk = display(key);
+    float q = (yk > 0.0f && yk < 1.0f) ? std::log(kMidGrey) / std::log(yk) : 1.0f;
+    q = std::min(std::max(q, 0.25f), 4.0f) * look.brightness;
 
     const float maxv = dim.bitsOut == 16 ? 65535.0f : 255.0f;
     const float sat = look.saturation;
@@ -132,9 +138,8 @@ int calc_tm3(const Image &img, const Look &look, const Exposure &ex, const float
                     const size_t i = static_cast<size_t>(y) * w + x;
                     // The log plane is clamped at 5.0 below white and spread
                     // over the whole output range.
-                    float z = (solved[i] - white) * scale;
-                    z = z < -kLogRange ? -kLogRange : (z > 0.0f ? 0.0f : z);
-                    const float Yd = (std::exp(z) - floor) * norm;
+                    const float yd = display(solved[i]);
+                    const float Yd = yd > 0.0f ? std::pow(yd, q) : 0.0f;
                     solved[i] = Yd;
                     if (!write) continue;
                     float rgb[3];

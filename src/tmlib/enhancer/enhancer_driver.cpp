@@ -94,34 +94,25 @@ void reduce_float(const Image &src, int pw, int ph, float *dst) {
     }
 }
 
-// Right-hand sides of the coarser solver levels: each the 2 x 2 sums of
-// the finer one (a Laplacian grows fourfold per halving of the grid).
-void fill_rhs_pyramid(float *rhs, int w, int h, int levels) {
+}  // namespace
+
+void centre_levels(float *rhs, int w, int h, int levels) {
     const auto lv = solver::level_sizes(w, h, levels);
-    for (size_t k = 1; k < lv.size(); ++k) {
-        const solver::Level &f = lv[k - 1], &c = lv[k];
-        const float *in = rhs + f.offset;
-        float *out = rhs + c.offset;
-        if (c.width == f.width && c.height == f.height) {
-            std::memcpy(out, in, static_cast<size_t>(c.width) * c.height * sizeof(float));
-            continue;
+    for (const solver::Level &l : lv) {
+        float *p = rhs + l.offset;
+        double total = 0.0;
+        for (int y = 0; y < l.height; ++y) {
+            double row = 0.0;
+            for (int x = 0; x < l.width; ++x) row += p[static_cast<size_t>(y) * l.width + x];
+            total += row;
         }
-        for (int y = 0; y < c.height; ++y)
-            for (int x = 0; x < c.width; ++x) {
-                float s = 0.0f;
-                int m = 0;
-                for (int dy = 0; dy < 2; ++dy)
-                    for (int dx = 0; dx < 2; ++dx) {
-                        const int yy = 2 * y + dy, xx = 2 * x + dx;
-                        if (yy < f.height && xx < f.width) {
-                            s += in[static_cast<size_t>(yy) * f.width + xx];
-                            ++m;
-                        }
-                    }
-                out[static_cast<size_t>(y) * c.width + x] = s * (4.0f / static_cast<float>(m));
-            }
+        const size_t n = static_cast<size_t>(l.width) * l.height;
+        const float mean = static_cast<float>(total / static_cast<double>(n));
+        for (size_t i = 0; i < n; ++i) p[i] -= mean;
     }
 }
+
+namespace {
 
 int run(int kind, TmParam *params, void *aux1, void *aux2, void *aux3, DimParam dim,
         optimParam optim, bv_progress_cb progressContext, const void *input, void *work) {
@@ -239,7 +230,8 @@ int run(int kind, TmParam *params, void *aux1, void *aux2, void *aux3, DimParam 
 
     const Look look = look_from(p);
     Exposure ex;
-    int r = calc_tm1(img, look, optim.threads, lum, rhs, &ex);
+    const int levels = solver_levels(W, H, level_count(W, H));
+    int r = calc_tm1(img, look, optim.threads, lum, rhs, levels, &ex);
     if (r < 0) return r;
     if (aux2) *static_cast<LogLumStats *>(aux2) = ex.stats;
     threading::run_bands(
@@ -264,8 +256,7 @@ int run(int kind, TmParam *params, void *aux1, void *aux2, void *aux3, DimParam 
         }
     }
 
-    const int levels = solver_levels(W, H, level_count(W, H));
-    fill_rhs_pyramid(rhs, W, H, levels);
+    centre_levels(rhs, W, H, levels);
     optimParam o = optim;
     o.mode = mode;
     r = p.slot[16] > 0.0f ? solver::calc_tm2new2(levels, params, progressContext, rhs, W, H, o)

@@ -18,7 +18,7 @@ namespace {
 // few pixels for its gradients to mean anything.
 constexpr int kCoarsestSide = 32;
 // Fraction of the mean gradient that is left unchanged at detail 1.
-constexpr float kAlpha = 0.1f;
+constexpr float kAlpha = 0.8f;
 
 // Runs body over row bands; with a single band it runs inline.
 template <class F>
@@ -65,6 +65,53 @@ double gradient_magnitude(const float *H, int w, int h, int k, int wrap, float *
     return total;
 }
 
+// Divergence of the attenuated gradient field of one level into out:
+// fluxes (H(x+1) - H(x)) * mean of the two attenuations, zero across the
+// border unless wrap. log_row(y, dst) delivers row y of the log plane.
+// Each band keeps three log rows and one row of vertical fluxes in rowbuf
+// (4 x width floats per band).
+template <class LogRow>
+void divergence(int w, int h, bool wrap, int threads, const float *Phi, float *rowbuf,
+                const LogRow &log_row, float *out) {
+    threading::run_bands(
+        0, h, threads,
+        [&](const threading::Band &b) {
+            float *Hp = rowbuf + static_cast<size_t>(b.index) * 4 * w;
+            float *Hc = Hp + w, *Hn = Hc + w, *fy = Hn + w;
+            auto P = [&](int y) { return Phi + static_cast<size_t>(y) * w; };
+            log_row(b.first, Hc);
+            if (b.first > 0) {
+                log_row(b.first - 1, Hp);
+                const float *p0 = P(b.first - 1), *p1 = P(b.first);
+                for (int x = 0; x < w; ++x) fy[x] = (Hc[x] - Hp[x]) * 0.5f * (p0[x] + p1[x]);
+            } else {
+                std::fill(fy, fy + w, 0.0f);
+            }
+            for (int y = b.first; y < b.end; ++y) {
+                const bool below = y + 1 < h;
+                if (below) log_row(y + 1, Hn);
+                const float *pc = P(y), *pn = below ? P(y + 1) : nullptr;
+                float *o = out + static_cast<size_t>(y) * w;
+                float left = 0.0f;
+                if (wrap) left = (Hc[0] - Hc[w - 1]) * 0.5f * (pc[w - 1] + pc[0]);
+                for (int x = 0; x < w; ++x) {
+                    float right = 0.0f;
+                    if (x + 1 < w)
+                        right = (Hc[x + 1] - Hc[x]) * 0.5f * (pc[x] + pc[x + 1]);
+                    else if (wrap)
+                        right = (Hc[0] - Hc[x]) * 0.5f * (pc[x] + pc[0]);
+                    const float down = below ? (Hn[x] - Hc[x]) * 0.5f * (pc[x] + pn[x]) : 0.0f;
+                    o[x] = (right - left) + (down - fy[x]);
+                    fy[x] = down;
+                    left = right;
+                }
+                std::swap(Hp, Hc);
+                std::swap(Hc, Hn);
+            }
+        },
+        threading::OnSpawnFailure::RunInline);
+}
+
 }  // namespace
 
 std::vector<Level> halving_chain(int w, int h, int min_side, int max_levels) {
@@ -99,7 +146,7 @@ void analysis_size(int w, int h, int *aw, int *ah) noexcept {
 }
 
 int calc_tm1(const Image &img, const Look &look, int threads, float *lum, float *rhs,
-             Exposure *ex) noexcept {
+             int levels, Exposure *ex) noexcept {
     const int w = img.width, h = img.height;
     const size_t n = static_cast<size_t>(w) * h;
 
@@ -186,9 +233,10 @@ int calc_tm1(const Image &img, const Look &look, int threads, float *lum, float 
     // Shadow floor: luminance added before the log, so sensor noise in the
     // deepest shadows yields small log gradients that are not amplified.
     const float p1 = std::exp(at(0.01f));
-    ex->floor = std::max(look.noise * 0.25f * p1, ymin * 1e-3f);
+    ex->floor = std::max(look.noise * 0.05f * p1, ymin * 1e-3f);
 
-    // 3. Log plane (in rhs for now) and its copy at the analysis size.
+    // 3. The log plane (in rhs level 0 for now) halved down the solver's
+    // levels; the analysis copy is one of them.
     const float floor = ex->floor;
     rows(h, threads, [&](int y0, int y1) {
         for (size_t i = static_cast<size_t>(y0) * w; i < static_cast<size_t>(y1) * w; ++i)
@@ -196,123 +244,94 @@ int calc_tm1(const Image &img, const Look &look, int threads, float *lum, float 
     });
     int aw, ah;
     analysis_size(w, h, &aw, &ah);
-    std::vector<Level> up;  // full size down to the analysis size
-    for (const Level &l : halving_chain(w, h, 1, 0)) {
-        up.push_back(l);
-        if (l.w <= aw && l.h <= ah) break;
-    }
-    const std::vector<Level> att = halving_chain(aw, ah, kCoarsestSide, 0);
-    size_t up_total = 0, att_total = 0;
-    for (size_t i = 1; i < up.size(); ++i) up_total += static_cast<size_t>(up[i].w) * up[i].h;
-    for (const Level &l : att) att_total += static_cast<size_t>(l.w) * l.h;
-    // pyr: reduced log planes; phi: attenuation per level; two ping-pong
-    // planes for the enlargement back to full size.
-    Scratch<float> pyr(up_total + att_total), phi(att_total), grad(att_total);
-    Scratch<float> full(n), ping(up_total + 1), pong(up_total + 1);
-    if (!pyr || !phi || !grad || !full || !ping || !pong) return -4;
-    {
-        const float *src = rhs;
-        size_t off = 0;
-        for (size_t i = 1; i < up.size(); ++i) {
-            halve(src, up[i - 1].w, up[i - 1].h, pyr.get() + off, up[i].w, up[i].h);
-            src = pyr.get() + off;
-            off += static_cast<size_t>(up[i].w) * up[i].h;
-        }
-        // Attenuation levels live after the full-size chain; level 0 is a copy.
-        float *a0 = pyr.get() + up_total;
-        std::memcpy(a0, src, static_cast<size_t>(aw) * ah * sizeof(float));
-        for (size_t k = 1; k < att.size(); ++k)
-            halve(a0 + att[k - 1].offset, att[k - 1].w, att[k - 1].h, a0 + att[k].offset,
-                  att[k].w, att[k].h);
-    }
+    const std::vector<Level> chain = halving_chain(w, h, 1, 0);
+    size_t s = 0;  // chain index of the analysis copy
+    while (s + 1 < chain.size() && (chain[s].w > aw || chain[s].h > ah)) ++s;
+    size_t natt = 1;  // attenuation levels: from s while both sides >= 32
+    while (s + natt < chain.size() && chain[s + natt].w >= kCoarsestSide &&
+           chain[s + natt].h >= kCoarsestSide)
+        ++natt;
+    const auto lv = solver::level_sizes(w, h, levels);
+    size_t K = std::max(s + natt, lv.size());
+    K = std::min(K, chain.size());
+    size_t reduced = 0;  // floats of chain levels 1 .. K-1
+    for (size_t k = 1; k < K; ++k) reduced += static_cast<size_t>(chain[k].w) * chain[k].h;
+    auto off = [&](size_t k) { return chain[k].offset - n; };  // into the reduced planes
+    Scratch<float> Hs(reduced + 1), Ps(reduced + 1), grad(reduced + n), full(n);
+    if (!Hs || !Ps || !grad || !full) return -4;
+    auto Hl = [&](size_t k) { return k == 0 ? rhs : Hs.get() + off(k); };
+    auto Pl = [&](size_t k) { return k == 0 ? full.get() : Ps.get() + off(k); };
+    for (size_t k = 1; k < K; ++k)
+        halve(Hl(k - 1), chain[k - 1].w, chain[k - 1].h, Hl(k), chain[k].w, chain[k].h);
 
-    // 4. Attenuation per level, phi_k = ((|grad| + noise) / alpha)^(beta - 1),
+    // 4. Attenuation per analysis level, phi = ((|grad| + noise) / alpha)^(beta - 1),
     // multiplied coarse to fine through the map enlargement.
-    const float *a0 = pyr.get() + up_total;
-    const size_t an = static_cast<size_t>(aw) * ah;
     double gsum = 0.0;
-    for (size_t k = 0; k < att.size(); ++k) {
-        const double s = gradient_magnitude(a0 + att[k].offset, att[k].w, att[k].h,
-                                            static_cast<int>(k), look.wrap, grad.get() + att[k].offset);
-        if (k == 0) gsum = s;
+    for (size_t j = 0; j < natt; ++j) {
+        const Level &c = chain[s + j];
+        const double t = gradient_magnitude(Hl(s + j), c.w, c.h, static_cast<int>(j), look.wrap,
+                                            grad.get() + (chain[s + j].offset - chain[s].offset));
+        if (j == 0) gsum = t;
     }
+    const size_t an = static_cast<size_t>(aw) * ah;
     float alpha = static_cast<float>(kAlpha * look.detail * gsum / static_cast<double>(an));
     if (!(alpha > 1e-4f)) alpha = 1e-4f;
     ex->alpha = alpha;
+    const size_t att_total = chain[s + natt - 1].offset - chain[s].offset +
+                             static_cast<size_t>(chain[s + natt - 1].w) * chain[s + natt - 1].h;
     for (size_t i = 0; i < att_total; ++i) grad[i] = std::max(grad[i], 2e-5f);
-    const float offset = alpha * look.noise * 0.05f;
-    solver::tm1b(static_cast<int>(att_total), 1, alpha, look.beta - 1.0f, offset, threads,
-                 grad.get());
+    solver::tm1b(static_cast<int>(att_total), 1, alpha, look.beta - 1.0f,
+                 alpha * look.noise * 0.02f, threads, grad.get());
+    auto G = [&](size_t k) { return grad.get() + (chain[k].offset - chain[s].offset); };
     {
-        const Level &c = att.back();
-        std::memcpy(phi.get() + c.offset, grad.get() + c.offset,
-                    static_cast<size_t>(c.w) * c.h * sizeof(float));
-        for (size_t k = att.size() - 1; k-- > 0;) {
-            float *fine = phi.get() + att[k].offset;
-            tmcore::tm1_init(att[k].w, att[k].h, att[k + 1].w, att[k + 1].h, look.wrap,
-                             phi.get() + att[k + 1].offset, fine);
-            const float *g = grad.get() + att[k].offset;
-            for (size_t i = 0; i < static_cast<size_t>(att[k].w) * att[k].h; ++i) fine[i] *= g[i];
+        const size_t c = s + natt - 1;
+        std::memcpy(Pl(c), G(c), static_cast<size_t>(chain[c].w) * chain[c].h * sizeof(float));
+        for (size_t k = c; k-- > s;) {
+            tmcore::tm1_init(chain[k].w, chain[k].h, chain[k + 1].w, chain[k + 1].h, look.wrap,
+                             Pl(k + 1), Pl(k));
+            const float *g = G(k);
+            float *f = Pl(k);
+            for (size_t i = 0; i < static_cast<size_t>(chain[k].w) * chain[k].h; ++i) f[i] *= g[i];
         }
     }
-    // 5. Enlarge the map back to full size, one doubling per recorded level.
-    const float *src = phi.get();
-    for (size_t i = up.size() - 1; i > 0; --i) {
-        float *dst = (i == 1) ? full.get() : ((i & 1) ? ping.get() : pong.get());
-        tmcore::tm1_init(up[i - 1].w, up[i - 1].h, up[i].w, up[i].h, look.wrap, src, dst);
-        src = dst;
-    }
-    if (up.size() == 1) std::memcpy(full.get(), phi.get(), n * sizeof(float));
-    const float *Phi = full.get();
+    // 5. The map enlarged back to full size, one doubling per level, and
+    // halved below the coarsest analysed level for the solver's last levels.
+    for (size_t k = s; k-- > 0;)
+        tmcore::tm1_init(chain[k].w, chain[k].h, chain[k + 1].w, chain[k + 1].h, look.wrap,
+                         Pl(k + 1), Pl(k));
+    for (size_t k = s + natt; k < K; ++k)
+        halve(Pl(k - 1), chain[k - 1].w, chain[k - 1].h, Pl(k), chain[k].w, chain[k].h);
 
-    // 6. Divergence of the attenuated gradients: fluxes between neighbours,
-    // zero across the border (or wrapping), matching the solver's Laplacian.
-    // Each band keeps three log rows and one row of vertical fluxes.
+    // 6. Right-hand side of every solver level: the divergence of that
+    // level's attenuated gradients, fluxes between neighbours, zero across
+    // the border (or wrapping), matching the solver's Laplacian. Coarse
+    // levels are built from their own log plane, so their solutions are
+    // consistent starting points for the finer ones. Level 0 last: its log
+    // plane is rhs itself, recomputed row by row from the luminance.
     const size_t nb = threading::split_rows(0, h, threads).size();
     Scratch<float> rowbuf(nb * 4 * static_cast<size_t>(w));
     if (!rowbuf) return -4;
-    const bool wrap = look.wrap && w > 1;
-    threading::run_bands(
-        0, h, threads,
-        [&](const threading::Band &b) {
-            float *Hp = rowbuf.get() + static_cast<size_t>(b.index) * 4 * w;
-            float *Hc = Hp + w, *Hn = Hc + w, *fy = Hn + w;
-            auto log_row = [&](int y, float *dst) {
-                const float *r = lum + static_cast<size_t>(y) * w;
-                for (int x = 0; x < w; ++x) dst[x] = std::log(r[x] + floor);
-            };
-            auto P = [&](int y) { return Phi + static_cast<size_t>(y) * w; };
-            log_row(b.first, Hc);
-            if (b.first > 0) {
-                log_row(b.first - 1, Hp);
-                const float *p0 = P(b.first - 1), *p1 = P(b.first);
-                for (int x = 0; x < w; ++x) fy[x] = (Hc[x] - Hp[x]) * 0.5f * (p0[x] + p1[x]);
-            } else {
-                std::fill(fy, fy + w, 0.0f);
-            }
-            for (int y = b.first; y < b.end; ++y) {
-                const bool below = y + 1 < h;
-                if (below) log_row(y + 1, Hn);
-                const float *pc = P(y), *pn = below ? P(y + 1) : nullptr;
-                float *o = rhs + static_cast<size_t>(y) * w;
-                float left = 0.0f;
-                if (wrap) left = (Hc[0] - Hc[w - 1]) * 0.5f * (pc[w - 1] + pc[0]);
-                for (int x = 0; x < w; ++x) {
-                    float right = 0.0f;
-                    if (x + 1 < w)
-                        right = (Hc[x + 1] - Hc[x]) * 0.5f * (pc[x] + pc[x + 1]);
-                    else if (wrap)
-                        right = (Hc[0] - Hc[x]) * 0.5f * (pc[x] + pc[0]);
-                    const float down = below ? (Hn[x] - Hc[x]) * 0.5f * (pc[x] + pn[x]) : 0.0f;
-                    o[x] = (right - left) + (down - fy[x]);
-                    fy[x] = down;
-                    left = right;
-                }
-                std::swap(Hp, Hc);
-                std::swap(Hc, Hn);
-            }
-        },
-        threading::OnSpawnFailure::RunInline);
+    for (size_t k = lv.size(); k-- > 0;) {
+        float *out = rhs + lv[k].offset;
+        const int lw = lv[k].width, lh = lv[k].height;
+        if (k + 1 < lv.size() && lv[k + 1].width == lw && lv[k + 1].height == lh) {
+            std::memcpy(out, rhs + lv[k + 1].offset, static_cast<size_t>(lw) * lh * sizeof(float));
+            continue;
+        }
+        size_t ck = 0;  // the chain level of this size
+        while (ck + 1 < K && (chain[ck].w != lw || chain[ck].h != lh)) ++ck;
+        const float *Hk = k == 0 ? nullptr : Hl(ck);
+        divergence(lw, lh, look.wrap && lw > 1, k == 0 ? threads : 1, Pl(ck), rowbuf.get(),
+                   [&](int y, float *dst) {
+                       if (Hk) {
+                           std::memcpy(dst, Hk + static_cast<size_t>(y) * lw, lw * sizeof(float));
+                           return;
+                       }
+                       const float *r = lum + static_cast<size_t>(y) * w;
+                       for (int x = 0; x < w; ++x) dst[x] = std::log(r[x] + floor);
+                   },
+                   out);
+    }
     return h;
 }
 
