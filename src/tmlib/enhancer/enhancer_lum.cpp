@@ -233,7 +233,7 @@ int calc_tm1(const Image &img, const Look &look, int threads, float *lum, float 
     // Shadow floor: luminance added before the log, so sensor noise in the
     // deepest shadows yields small log gradients that are not amplified.
     const float p1 = std::exp(at(0.01f));
-    ex->floor = std::max(look.noise * 0.05f * p1, ymin * 1e-3f);
+    ex->floor = std::max(look.noise * 0.1f * p1, ymin * 1e-3f);
 
     // 3. The log plane (in rhs level 0 for now) halved down the solver's
     // levels; the analysis copy is one of them.
@@ -281,7 +281,7 @@ int calc_tm1(const Image &img, const Look &look, int threads, float *lum, float 
                              static_cast<size_t>(chain[s + natt - 1].w) * chain[s + natt - 1].h;
     for (size_t i = 0; i < att_total; ++i) grad[i] = std::max(grad[i], 2e-5f);
     solver::tm1b(static_cast<int>(att_total), 1, alpha, look.beta - 1.0f,
-                 alpha * look.noise * 0.02f, threads, grad.get());
+                 alpha * look.noise * 0.1f, threads, grad.get());
     auto G = [&](size_t k) { return grad.get() + (chain[k].offset - chain[s].offset); };
     {
         const size_t c = s + natt - 1;
@@ -289,6 +289,10 @@ int calc_tm1(const Image &img, const Look &look, int threads, float *lum, float 
         for (size_t k = c; k-- > s;) {
             tmcore::tm1_init(chain[k].w, chain[k].h, chain[k + 1].w, chain[k + 1].h, look.wrap,
                              Pl(k + 1), Pl(k));
+            // The finest analysed level only carries the coarser factors:
+            // its own gradients are mostly pixel noise, which a factor
+            // above 1 would amplify.
+            if (k == s && natt > 1) continue;
             const float *g = G(k);
             float *f = Pl(k);
             for (size_t i = 0; i < static_cast<size_t>(chain[k].w) * chain[k].h; ++i) f[i] *= g[i];
