@@ -346,6 +346,7 @@ int tm2new2_impl(int levels, const TmParam &params, bv_progress_cb progressConte
         const float factor = (k == levels - 1) ? (optim.mode == 1 ? 1.0f : 0.0001f)
                                                 : level_factor(L.width, L.height);
         const float tol = base * factor;
+        centre_rhs(L.width, L.height, lt, b);
         if (k >= top) {
             // In memory: x holds the enlarged coarser solution (0 at the coarsest).
             if (k < levels - 1) {

@@ -162,6 +162,29 @@ double tm20d(int width, int rows, int threads, const float *a, const float *b) {
     return sum_rows(dots.data(), rows);
 }
 
+void centre_rhs(int width, int height, int threads, float *b) {
+    std::vector<double> sums(static_cast<size_t>(height > 0 ? height : 1));
+    const size_t w = static_cast<size_t>(width);
+    threading::run_bands(
+        0, height, threads,
+        [&](const threading::Band &band) {
+            for (int r = band.first; r < band.end; ++r) {
+                double s = 0.0;
+                for (size_t i = 0; i < w; ++i) s += b[r * w + i];
+                sums[r] = s;
+            }
+        },
+        threading::OnSpawnFailure::RunInline);
+    const float mean = static_cast<float>(sum_rows(sums.data(), height) / (w * height));
+    if (mean == 0.0f) return;
+    threading::run_bands(
+        0, height, threads,
+        [&](const threading::Band &band) {
+            for (size_t i = band.first * w; i < band.end * w; ++i) b[i] -= mean;
+        },
+        threading::OnSpawnFailure::RunInline);
+}
+
 void strip_rows(int height, int strips, int s, int *first, int *end) {
     if (strips < 1) strips = 1;
     const int h = height / strips;
