@@ -92,7 +92,8 @@ int run_enhance(int argc, char **argv) {
     optim.solverP = t_p.c_str();
     optim.solverR = t_r.c_str();
     optim.solverT = t_t.c_str();
-    if (args.has("temp-dir")) optim.useTempFiles = 1;
+    // The relaxation solver parks planes in files and sizes its work for that.
+    if (args.has("temp-dir") || args.has("relax")) optim.useTempFiles = 1;
 
     OutputFile out(out_path);
     DimParam dim;
