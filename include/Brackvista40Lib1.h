@@ -798,15 +798,15 @@ BV_API int  tm_simple(TmParam *params, const unsigned char *regionMap,
  *           77 keeps the input's saturation, 100 is vivid.
  *   slot 3  white clip, in per cent of the pixels (0..10, default 0.25):
  *           the brightest such share of pixels is rendered pure white.
- *   slot 5  detail, 0.25..4 (default 1; 0 reads as 1): the gradient
- *           strength, relative to the image's mean gradient, below which
- *           detail is lifted instead of compressed. Larger values lift more
- *           texture.
- *   slot 7  shadow noise floor, 0..10 (default 2): how strongly the deepest
- *           shadows are kept from amplifying sensor noise (a luminance of
- *           0.5 x slot 7 x the 1st percentile is added before the log, and
- *           the attenuation never lifts gradients weaker than 0.05 x slot 7
- *           of the neutral gradient). 0 lifts all shadow detail.
+ *   slot 5  detail, 0.25..4 (default 1; 0 reads as 1): gradients weaker
+ *           than 0.8 x slot 5 x the image's mean gradient are lifted,
+ *           stronger ones compressed. Larger values lift more texture.
+ *   slot 7  shadow noise floor, 0..10 (default 2): keeps the deepest
+ *           shadows from amplifying sensor noise (a luminance of 0.1 x
+ *           slot 7 x the 1st percentile is added before the log, and
+ *           0.1 x slot 7 of the neutral gradient is added to every
+ *           gradient before it is attenuated). 0 lifts all shadow detail.
+ *           Pixel-scale gradients are never lifted, whatever the setting.
  *   slot 8  brightness, 0..100 (default 50): mid-tones are raised to the
  *           power 2^((50 - slot 8) / 50) on the screen's luminance scale
  *           (0 darker, 100 brighter); the key of the image (its median,
