@@ -442,6 +442,23 @@ TEST(Enhancer, RadianceSourceFile) {
               -102);
 }
 
+TEST(Enhancer, TinyAndOddImages) {
+    struct {
+        int w, h;
+    } sizes[] = {{1, 1}, {2, 1}, {1, 7}, {5, 3}, {33, 1}, {3, 40}};
+    for (const auto &s : sizes)
+        for (int threads : {1, 3}) {
+            const std::vector<float> img = scene(s.w, s.h);
+            const Result r = render(img.data(), float_dim(s.w, s.h), defaults(), options(threads));
+            EXPECT_EQ(r.rc, s.h) << s.w << "x" << s.h;
+        }
+    // An all-black image renders black.
+    const std::vector<float> black(12 * 9 * 3, 0.0f);
+    const Result r = render(black.data(), float_dim(12, 9), defaults(), options());
+    ASSERT_EQ(r.rc, 9);
+    for (uint8_t v : r.out) ASSERT_EQ(v, 0);
+}
+
 TEST(Enhancer, AllocationFailuresReturnCodes) {
     const std::vector<float> img = scene(50, 40);
     TmParam p = defaults();
