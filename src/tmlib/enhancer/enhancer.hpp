@@ -23,7 +23,7 @@ struct Look {
 Look look_from(const TmParam &p) noexcept;
 
 // Fixed look constants, shared by the stages and the tests.
-constexpr float kBlackClip = 0.005f;   // fraction of pixels at or below black
+constexpr float kBlackClip = 0.01f;   // fraction of pixels at or below black
 constexpr float kLogRange = 5.0f;       // natural-log units from black to white on screen
 constexpr float kMidGrey = 0.18f;       // display luminance the key lands on
 constexpr uint32_t kBins = 65536;       // histogram bins of the exposure statistics

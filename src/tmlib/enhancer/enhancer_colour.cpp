@@ -13,6 +13,8 @@ namespace {
 
 // Display gamma of the picture (the inverse of a 2.2 display).
 constexpr float kGamma = 1.0f / 2.2f;
+// Half-width of the toe at black, in log units of the screen's range.
+constexpr float kToe = 0.3f;
 
 template <class T>
 void store(const DimParam &dim, void *out, int x, int y, float maxv, const float rgb[3]) {
@@ -116,10 +118,17 @@ int calc_tm3(const Image &img, const Look &look, const Exposure &ex, const float
     const float span = white - black;
     const float c = span > 1e-6f ? kLogRange / span : 1.0f;
     const float floor = std::exp(-kLogRange), norm = 1.0f / (1.0f - floor);
+    // A toe around black, kToe log units either side: pixels just below
+    // the black point (sensor noise in the deepest shadows) fade to black
+    // instead of being cut to it, which would sprinkle black dots.
+    const float toe_top = -kLogRange + kToe;
+    const float toe_value = (std::exp(toe_top) - floor) * norm;
     auto display = [&](float v) {
         float z = (v - white) * c;
-        z = z < -kLogRange ? -kLogRange : (z > 0.0f ? 0.0f : z);
-        return (std::exp(z) - floor) * norm;
+        if (z > 0.0f) z = 0.0f;
+        if (z >= toe_top) return (std::exp(z) - floor) * norm;
+        const float t = (z - (-kLogRange - kToe)) / (2.0f * kToe);
+        return t > 0.0f ? toe_value * t * t : 0.0f;
     };
     // The key lands on mid grey through a power that keeps black and white,
     // then the brightness setting bends it.
