@@ -257,7 +257,10 @@ int calc_tm1(const Image &img, const Look &look, int threads, float *lum, float 
     size_t reduced = 0;  // floats of chain levels 1 .. K-1
     for (size_t k = 1; k < K; ++k) reduced += static_cast<size_t>(chain[k].w) * chain[k].h;
     auto off = [&](size_t k) { return chain[k].offset - n; };  // into the reduced planes
-    Scratch<float> Hs(reduced + 1), Ps(reduced + 1), grad(reduced + n), full(n);
+    // Attenuation levels: from the analysis copy (chain level s) down.
+    const size_t att_total = chain[s + natt - 1].offset - chain[s].offset +
+                             static_cast<size_t>(chain[s + natt - 1].w) * chain[s + natt - 1].h;
+    Scratch<float> Hs(reduced + 1), Ps(reduced + 1), grad(att_total), full(n);
     if (!Hs || !Ps || !grad || !full) return -4;
     auto Hl = [&](size_t k) { return k == 0 ? rhs : Hs.get() + off(k); };
     auto Pl = [&](size_t k) { return k == 0 ? full.get() : Ps.get() + off(k); };
@@ -277,8 +280,6 @@ int calc_tm1(const Image &img, const Look &look, int threads, float *lum, float 
     float alpha = static_cast<float>(kAlpha * look.detail * gsum / static_cast<double>(an));
     if (!(alpha > 1e-4f)) alpha = 1e-4f;
     ex->alpha = alpha;
-    const size_t att_total = chain[s + natt - 1].offset - chain[s].offset +
-                             static_cast<size_t>(chain[s + natt - 1].w) * chain[s + natt - 1].h;
     for (size_t i = 0; i < att_total; ++i) grad[i] = std::max(grad[i], 2e-5f);
     solver::tm1b(static_cast<int>(att_total), 1, alpha, look.beta - 1.0f,
                  alpha * look.noise * 0.1f, threads, grad.get());
