@@ -67,7 +67,7 @@ Result render(const void *input, DimParam d, TmParam p, optimParam o, bv_progres
     Result r;
     int64_t bytes = 0;
     EXPECT_GT(mem4enhancer(0, &p, nullptr, &bytes, d), 0);
-    r.work.assign(static_cast<size_t>(bytes), 0);
+    r.work.assign(static_cast<size_t>(bytes), 0xCD);  // nothing may rely on a cleared work
     if (!out_pixels) out_pixels = static_cast<size_t>(d.width) * d.height;
     r.out.assign(out_pixels * 3 * (d.bitsOut == 16 ? 2 : 1), 0xA5);
     r.rc = bv_tm_enhancer(0, &p, r.out.data(), &r.stats, nullptr, nullptr, d, o, cb, input,

@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -121,15 +122,18 @@ int run_enhance(int argc, char **argv) {
     int ow = dim.width, oh = dim.height;
     int64_t bytes = 0;
     if (mem4enhancer(0, &param, nullptr, &bytes, dim) < 0) fail("image too small");
-    std::vector<uint8_t> work(static_cast<size_t>(bytes));
+    // Left uninitialised: pages the enhancer never touches (the image area is
+    // sized for float pixels, a Radiance file fills a third of it) cost no
+    // memory.
+    std::unique_ptr<uint8_t[]> work(new uint8_t[static_cast<size_t>(bytes)]);
     if (optim.mode == 1) {
         optimParam q = optim;
         q.mode = 9;
         bv_tm_enhancer(0, &param, nullptr, nullptr, nullptr, nullptr, dim, q, nullptr,
                        radiance ? nullptr : hdr.is_float ? static_cast<const void *>(hdr.rgb.data())
                                                          : hdr.rgbe.data(),
-                       work.data());
-        const int32_t *wh = reinterpret_cast<const int32_t *>(work.data());
+                       work.get());
+        const int32_t *wh = reinterpret_cast<const int32_t *>(work.get());
         if (!radiance && (dim.height >= dim.width ? 0.75 * dim.height : dim.width) <= 512) {
             // Small buffers are rendered at full size.
         } else {
@@ -145,13 +149,12 @@ int run_enhance(int argc, char **argv) {
                             : hdr.is_float ? static_cast<const void *>(hdr.rgb.data())
                                            : hdr.rgbe.data();
         rc = bv_tm_enhancer(0, &param, pixels.data(), nullptr, nullptr, nullptr, dim, optim,
-                            &Progress::library_callback, input, work.data());
+                            &Progress::library_callback, input, work.get());
     }
     for (const std::string *t : {&t_log, &t_base, &t_p, &t_r, &t_t}) std::remove(t->c_str());
     if (rc == BV_EN_ECANCEL) throw Failure(kCancelled, "cancelled");
     if (rc < 0) fail("the enhancer failed with code " + std::to_string(rc));
-    work.clear();
-    work.shrink_to_fit();
+    work.reset();
     save_picture(out, ow, oh, bits, pixels, hdr.has_exif ? &hdr.exif : nullptr);
     if (!args.has("quiet"))
         std::printf("enhanced %s (%dx%d) -> %s (%dx%d, %d-bit)\n", in_path.c_str(), dim.width,
