@@ -190,7 +190,7 @@ def main():
             ("brackvista enhance --temp-dir (streaming solver)",
              "%s enhance -q -j 2 --temp-dir %s %s -o %s" % (tool, tmp, big, png)),
             ("brackvista enhance --preview", "%s enhance -q -j 2 --preview %s -o %s" % (tool, big, png)),
-            ("pfsin | pfstmo_fattal02 | pfsgamma | pfsout",
+            ("pfsin, pfstmo_fattal02, pfsgamma, pfsout (pipeline)",
              "pfsin %s | pfstmo_fattal02 2>/dev/null | pfsgamma -g 2.2 | pfsout %s/f.jpg" % (big, tmp)),
         ]
         for label, cmd in cases:
