@@ -773,8 +773,10 @@ BV_API int  slider2param(int slider, double exponent);
  *             (height / threads rows each, the last takes the rest). The
  *             output is identical for any thread count. The input is only
  *             read.
- * Returns dim.height (0 for an empty image), or BV_TM_EBADARG, BV_TM_ESTATS
- * (nothing written), BV_TM_ENOMEM, BV_TM_ETHREAD (output incomplete). */
+ * Returns dim.height with threads <= 1; with more threads the last band's
+ * row count, height - (threads - 1) * (height / threads). 0 for an empty
+ * image, or BV_TM_EBADARG, BV_TM_ESTATS (nothing written), BV_TM_ENOMEM,
+ * BV_TM_ETHREAD (output incomplete). */
 BV_API int  tm_simple(TmParam *params, const unsigned char *regionMap,
                       const LogLumStats *stats, const float *expTable, void *input,
                       uint16_t *output, DimParam dim, int threads);

@@ -197,6 +197,8 @@ TEST(SolverCg, StreamingAndThreadsGiveIdenticalResults) {
     }
 }
 
+std::vector<float> rhs_pyramid(const Problem &pb, int levels);
+
 int32_t g_cancel_after = -1;
 std::vector<float> g_seen;
 void record_progress(int32_t *cancel, float f) {
@@ -224,7 +226,43 @@ TEST(SolverCg, ProgressAndCancel) {
     EXPECT_EQ(bs::tm20(30, 30, 10, 0, 1, 0, record_progress, nullptr, nullptr, nullptr, nullptr,
                        nullptr, 0, b.data(), x.data(), 0.0f),
               bs::kErrCancelled);
+    // Relaxation: 0.45 at once, rising per sweep of the file levels to 0.8.
+    TempFiles tf("gsprog");
+    Problem pr(20, 12, 0, 4);
+    const TmParam p = params_with(0, -10);  // 16 sweeps on the finest level
+    for (int cancel_after : {-1, 5}) {
+        g_seen.clear();
+        g_cancel_after = cancel_after;
+        std::vector<float> plane = rhs_pyramid(pr, 3);
+        const int rc = bs::calc_tm2old(3, &p, record_progress, plane.data(), 20, 12, tf.optim(1, 0));
+        if (cancel_after >= 0) {
+            EXPECT_EQ(rc, bs::kErrCancelled);
+            EXPECT_EQ(g_seen.size(), 6u);
+            continue;
+        }
+        EXPECT_EQ(rc, 1);
+        ASSERT_EQ(g_seen.size(), 1u + 16 + 32);
+        EXPECT_EQ(g_seen[0], 0.45f);
+        for (size_t i = 1; i < g_seen.size(); ++i) EXPECT_GT(g_seen[i], g_seen[i - 1]);
+        EXPECT_NEAR(g_seen.back(), 0.8f, 1e-5f);
+    }
     g_cancel_after = -1;
+}
+
+// A constant right-hand side has no solution: the first search direction is
+// constant, A d = 0, and the solver stops before changing x.
+TEST(SolverCg, StopsWhenTheDirectionHasNoCurvature) {
+    TempFiles tf("flat");
+    std::vector<float> b(12 * 5, 0.5f), x(b.size(), 2.0f);
+    bvtest::write_file(tf.in, b.data(), b.size() * 4);
+    for (int mode : {0, 2}) {
+        std::vector<float> xm = x, bm = b;
+        EXPECT_EQ(bs::tm20(12, 5, 50, 0, 1, mode, nullptr, tf.in.c_str(), tf.base.c_str(),
+                           tf.p.c_str(), tf.r.c_str(), tf.t.c_str(), 0, bm.data(), xm.data(), 1e-6f),
+                  0)
+            << mode;
+        EXPECT_EQ(xm, x);
+    }
 }
 
 TEST(SolverCg, FailureTable) {

@@ -134,6 +134,46 @@ TEST(Bands, RunBandsCoversEveryRowOnceForAnyThreadCount) {
     }
 }
 
+TEST(Bands, DimBandsChecksTheImageAndReturnsTheLastBand) {
+    using B = bv::threading::DimBands;
+    struct Case {
+        int w, h, ch, row_out, needed;
+        B::Status status;
+        size_t row;
+    } cases[] = {
+        {4, 3, 3, 0, 3, B::kOk, 12},          {4, 3, 3, 12, 3, B::kOk, 12},
+        {4, 3, 3, 15, 3, B::kOk, 15},         {4, 3, 3, 11, 3, B::kBad, 0},
+        {4, 3, 3, -1, 3, B::kBad, 0},         {-1, 3, 3, 0, 3, B::kBad, 0},
+        {4, -1, 3, 0, 3, B::kBad, 0},         {4, 3, -1, 0, 0, B::kBad, 0},
+        {0, 3, 3, -5, 3, B::kEmpty, 0},       {4, 0, 3, 0, 3, B::kEmpty, 0},
+        {4, 3, 2, -5, 3, B::kFewChannels, 0}, {4, 3, 1, 0, 1, B::kOk, 4},
+    };
+    for (const Case &c : cases) {
+        DimParam d;
+        init_dim_param(&d);
+        d.width = c.w, d.height = c.h, d.channels = c.ch, d.rowOut = c.row_out;
+        const B rows(d, c.needed);
+        EXPECT_EQ(rows.status(), c.status) << c.w << "x" << c.h << "x" << c.ch << " " << c.row_out;
+        if (c.status == B::kOk) {
+            EXPECT_EQ(rows.row_samples(), c.row);
+        }
+    }
+    // The result is the last band's: 10 rows in 3 bands end with 4 rows.
+    DimParam d;
+    init_dim_param(&d);
+    d.width = 1, d.height = 10;
+    const B rows(d, 3);
+    for (int threads : {1, 2, 3, 7}) {
+        std::vector<std::atomic<int>> hits(10);
+        const int last = rows.run(threads, [&](const bv::threading::Band &b) {
+            for (int y = b.first; y < b.end; ++y) hits[y].fetch_add(1);
+            return b.end - b.first;
+        }, -2);
+        EXPECT_EQ(last, threads == 1 ? 10 : 10 - (threads - 1) * (10 / threads)) << threads;
+        for (auto &h : hits) EXPECT_EQ(h.load(), 1);
+    }
+}
+
 TEST(Bands, WavesRunEveryTaskOnce) {
     for (int threads : {1, 2, 3, 8}) {
         std::vector<std::atomic<int>> hits(23);

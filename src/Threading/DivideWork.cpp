@@ -40,21 +40,16 @@ int divide_work(int start, int end, int threads, bv_band_worker worker, const vo
         std::memcpy(r, &head, sizeof head);
         std::fprintf(stderr, "----> %d: %d - %d\n", b.index, b.first, b.end);
     }
-    if (n == 1) {
-        worker(record(0));
-        return 0;
-    }
-    bv::threading::ThreadGroup group;
-    for (const auto &b : bands) {
-        unsigned char *r = record(b.index);
-        const int32_t on = 1;
-        std::memcpy(r + offsetof(RecordHead, threaded), &on, sizeof on);
-        if (group.spawn(worker, r)) continue;
-        const int32_t off = 0;
-        std::memcpy(r + offsetof(RecordHead, threaded), &off, sizeof off);
-        worker(r);
-    }
-    group.join_all();
+    // A band that could not get a thread runs inline, flagged unthreaded.
+    bv::threading::run_bands(
+        bands,
+        [&](const bv::threading::Band &b) {
+            unsigned char *r = record(b.index);
+            const int32_t threaded = b.threaded ? 1 : 0;
+            std::memcpy(r + offsetof(RecordHead, threaded), &threaded, sizeof threaded);
+            worker(r);
+        },
+        bv::threading::OnSpawnFailure::RunInline);
     return 0;
 }
 
@@ -76,13 +71,17 @@ void tile_span(int size, int tile, int count, int overlap, int i, int *lo, int *
 
 }  // namespace
 
+bool bv::threading::report_progress(bv_progress_cb callback, float fraction) {
+    if (!callback) return true;
+    int32_t cancel = 0;
+    callback(&cancel, fraction);
+    return cancel == 0;
+}
+
 extern "C" {
 
 BV_API int progress(bv_progress_cb callback, float value) {
-    if (!callback) return 1;
-    int32_t cancel = 0;
-    callback(&cancel, value);
-    return cancel == 0 ? 1 : 0;
+    return bv::threading::report_progress(callback, value) ? 1 : 0;
 }
 
 BV_API int DivideWork(int start, int end, int threads, bv_band_worker worker, const void *templ,

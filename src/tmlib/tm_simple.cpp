@@ -11,6 +11,7 @@
 #include "Threading/bands.hpp"
 #include "Utils/colour_adjust/colour_adjust.hpp"
 #include "common/boundary.hpp"
+#include "common/pixels.hpp"
 #include "tmlib-core/tmlib_core.hpp"
 
 namespace bv::tm {
@@ -30,7 +31,7 @@ struct CurveSet {
     float m;    // contrast exponent
     float lo;   // black end, after the black clip
     float inv;  // 1 / (white end after the clip - black end)
-    utils::ColourStage colour;
+    coloradjust::ColourStage colour;
 };
 
 struct Job {
@@ -46,13 +47,6 @@ struct Job {
     float range;             // 255 or 65535
     size_t out_row;          // interleaved row length in samples
     int first_row, end_row;  // optional row window of the base set
-};
-
-struct BandRecord {
-    const Job *job;
-    int index, count;
-    int first, end;
-    int result;
 };
 
 CurveSet make_curve(const TmParam &p, const LogLumStats &st, float range) {
@@ -100,7 +94,7 @@ CurveSet make_curve(const TmParam &p, const LogLumStats &st, float range) {
     cs.m = m;
     cs.lo = static_cast<float>(lo_clip);
     cs.inv = static_cast<float>(1.0 / ((hi - s[3] * 0.03 * d) - lo_clip));
-    cs.colour = utils::colour_stage_from(p);
+    cs.colour = coloradjust::colour_stage_from(p);
     return cs;
 }
 
@@ -111,7 +105,7 @@ inline void render(const CurveSet &s, float range, float r, float g, float b, fl
     const float scale = s.a * e_scale;
     const float y = 0.2126f * r + 0.7152f * g + 0.0722f * b;
     const float lambda = y * scale * s.c + s.a0;
-    if (s.colour.temperature) utils::apply_temperature(r, g, b, y, s.colour.gains);
+    if (s.colour.temperature) coloradjust::apply_temperature(r, g, b, y, s.colour.gains);
     const float sigma = std::pow(s.f * lambda, s.m) + 1e-20f;
     const float in[3] = {r, g, b};
     for (int ch = 0; ch < 3; ++ch) {
@@ -122,37 +116,47 @@ inline void render(const CurveSet &s, float range, float r, float g, float b, fl
 }
 
 // Where the three samples of an output pixel go: interleaved at the channel
-// offsets (first and last exchanged for BGR), or into three planes.
+// offsets, or into three planes (plane order swapped alike for BGR).
 template <class T>
 struct PixelSink {
     T *out;
     size_t plane, row;
-    int width, ch, off_r, off_g, off_b;
-    bool planar, bgr;
+    int width, ch;
+    ChannelOffsets at;
+    bool planar;
     explicit PixelSink(const Job &j)
         : out(static_cast<T *>(j.output)),
           plane(static_cast<size_t>(j.dim.width) * static_cast<size_t>(j.dim.height)),
           row(j.out_row),
           width(j.dim.width),
           ch(j.dim.channels),
-          off_r(j.dim.bgr ? j.dim.channels - 1 : 0),
-          off_g((j.dim.channels - 1) / 2),
-          off_b(j.dim.bgr ? 0 : j.dim.channels - 1),
-          planar(j.planar),
-          bgr(j.dim.bgr != 0) {}
+          at(channel_offsets(j.planar ? 3 : j.dim.channels, j.dim.bgr != 0)),
+          planar(j.planar) {}
     void store(int y, int x, T r, T g, T b) const {
         if (planar) {
             const size_t p = static_cast<size_t>(y) * width + x;
-            out[(bgr ? 2 : 0) * plane + p] = r;
-            out[plane + p] = g;
-            out[(bgr ? 0 : 2) * plane + p] = b;
+            out[at.r * plane + p] = r;
+            out[at.g * plane + p] = g;
+            out[at.b * plane + p] = b;
         } else {
             T *px = out + static_cast<size_t>(y) * row + static_cast<size_t>(x) * ch;
-            px[off_r] = r;
-            px[off_g] = g;
-            px[off_b] = b;
+            px[at.r] = r;
+            px[at.g] = g;
+            px[at.b] = b;
         }
     }
+};
+
+// Input row y: RGBE planes, or interleaved floats of dim.channels samples
+// per pixel (only the member of the job's kind is set).
+struct InputRow {
+    RgbeRow rgbe;
+    const float *floats;
+    InputRow(const Job &j, int y)
+        : rgbe(j.input, static_cast<size_t>(j.dim.width), j.rgbe ? static_cast<size_t>(y) : 0),
+          floats(j.rgbe ? nullptr
+                        : reinterpret_cast<const float *>(j.input) +
+                              static_cast<size_t>(y) * j.dim.width * j.dim.channels) {}
 };
 
 template <class T>
@@ -168,26 +172,24 @@ void map_rows(const Job &j, int first, int end) {
     const DimParam &d = j.dim;
     const int w = d.width;
     const int ch = d.channels;
-    const int in_g = (ch - 1) / 2, in_b = ch - 1;
+    const ChannelOffsets in = channel_offsets(ch);
     const PixelSink<T> sink(j);
     const CurveSet &base = j.sets[0];
     for (int y = first; y < end; ++y) {
-        const unsigned char *row = j.input + (j.rgbe ? static_cast<size_t>(y) * w * 4
-                                                     : static_cast<size_t>(y) * w * ch * 4);
-        const float *frow = reinterpret_cast<const float *>(row);
+        const InputRow row(j, y);
         const unsigned char *map =
             j.region_map ? j.region_map + static_cast<size_t>(y) * w * 2 : nullptr;
         for (int x = 0; x < w; ++x) {
             float r, g, b, e_scale = 1.0f;
             bool black = false;
             if (j.rgbe) {
-                const unsigned e = row[3 * w + x];
+                const unsigned e = row.rgbe.e[x];
                 black = e == 0;
-                r = row[x], g = row[w + x], b = row[2 * w + x];
+                r = row.rgbe.r[x], g = row.rgbe.g[x], b = row.rgbe.b[x];
                 e_scale = j.exp_table[e];
             } else {
-                const float *px = frow + static_cast<size_t>(x) * ch;
-                r = px[0], g = px[in_g], b = px[in_b];
+                const float *px = row.floats + static_cast<size_t>(x) * ch;
+                r = px[in.r], g = px[in.g], b = px[in.b];
             }
             float o[3] = {0.0f, 0.0f, 0.0f};
             if (!black) {
@@ -228,7 +230,7 @@ void map_rows_plain(const Job &j, int first, int end) {
     const DimParam &d = j.dim;
     const int w = d.width;
     const int ch = d.channels;
-    const int in_g = (ch - 1) / 2, in_b = ch - 1;
+    const ChannelOffsets in = channel_offsets(ch);
     const CurveSet &s = j.sets[0];
     const PixelSink<T> sink(j);
     alignas(16) float cp[3][kChunk];
@@ -236,23 +238,21 @@ void map_rows_plain(const Job &j, int first, int end) {
     alignas(16) int32_t q[3][kChunk];
     bool black[kChunk];
     for (int y = first; y < end; ++y) {
-        const unsigned char *row = j.input + (j.rgbe ? static_cast<size_t>(y) * w * 4
-                                                     : static_cast<size_t>(y) * w * ch * 4);
-        const float *frow = reinterpret_cast<const float *>(row);
+        const InputRow row(j, y);
         for (int x0 = 0; x0 < w; x0 += kChunk) {
             const int n = (w - x0 < kChunk) ? w - x0 : kChunk;
             for (int i = 0; i < n; ++i) {
                 const int x = x0 + i;
                 float r, g, b, e_scale = 1.0f;
                 if (j.rgbe) {
-                    const unsigned e = row[3 * w + x];
+                    const unsigned e = row.rgbe.e[x];
                     black[i] = e == 0;
-                    r = row[x], g = row[w + x], b = row[2 * w + x];
+                    r = row.rgbe.r[x], g = row.rgbe.g[x], b = row.rgbe.b[x];
                     e_scale = j.exp_table[e];
                 } else {
-                    const float *px = frow + static_cast<size_t>(x) * ch;
+                    const float *px = row.floats + static_cast<size_t>(x) * ch;
                     black[i] = false;
-                    r = px[0], g = px[in_g], b = px[in_b];
+                    r = px[in.r], g = px[in.g], b = px[in.b];
                 }
                 const float scale = s.a * e_scale;
                 const float lum = 0.2126f * r + 0.7152f * g + 0.0722f * b;
@@ -299,7 +299,7 @@ void map_rows_plain(const Job &j, int first, int end) {
 }  // namespace
 
 // One band of rows [first, end), clipped to the base set's row window.
-// Returns end, so the last band reports the image height.
+// Returns the band's row count.
 int tm_simple_orig(const Job &j, int first, int end) {
     const int lo = first > j.first_row ? first : j.first_row;
     const int hi = end < j.end_row ? end : j.end_row;
@@ -312,13 +312,7 @@ int tm_simple_orig(const Job &j, int first, int end) {
         else
             plain ? map_rows_plain<uint8_t>(j, lo, hi) : map_rows<uint8_t>(j, lo, hi);
     }
-    return end;
-}
-
-void *tm_simple_threaded(void *arg) {
-    auto *rec = static_cast<BandRecord *>(arg);
-    rec->result = tm_simple_orig(*rec->job, rec->first, rec->end);
-    return nullptr;
+    return end - first;
 }
 
 namespace {
@@ -328,15 +322,11 @@ int tm_simple_impl(const TmParam *params, const unsigned char *region_map, const
                    int threads) {
     const bool rgbe = dim.sourceKind != 10;
     const bool planar = dim.layout == 3;
-    if ((rgbe && !exp_table) || dim.width < 0 || dim.height < 0 || dim.channels < 1 ||
-        (planar && dim.channels < 3))
+    if ((rgbe && !exp_table) || dim.channels < 1 || (planar && dim.channels < 3))
         return BV_TM_EBADARG;
-    if (dim.width == 0 || dim.height == 0) return 0;
-    if (!input || !output) return BV_TM_EBADARG;
-    size_t packed;
-    if (!checked_mul(static_cast<size_t>(dim.width), static_cast<size_t>(dim.channels), &packed) ||
-        dim.rowOut < 0 || (dim.rowOut > 0 && static_cast<size_t>(dim.rowOut) < packed))
-        return BV_TM_EBADARG;
+    const threading::DimBands rows(dim, 1);
+    if (rows.status() == threading::DimBands::kEmpty) return 0;
+    if (rows.status() != threading::DimBands::kOk || !input || !output) return BV_TM_EBADARG;
 
     const TmParam &base = params[0];
     int regions = 0;
@@ -345,7 +335,7 @@ int tm_simple_impl(const TmParam *params, const unsigned char *region_map, const
         if (v > 0.0f) regions = v >= kMaxRegionSets ? kMaxRegionSets : static_cast<int>(v);
     }
     const size_t sets = static_cast<size_t>(regions) + 1;
-    const size_t lut = static_cast<size_t>(utils::kLutEntries);
+    const size_t lut = static_cast<size_t>(coloradjust::kLutEntries);
     Scratch<float> hue_tables, value_tables;
     if (!hue_tables.alloc(sets * lut * 3) || !value_tables.alloc(sets * lut)) return BV_TM_ENOMEM;
     // Also rejects NaN statistics.
@@ -357,14 +347,12 @@ int tm_simple_impl(const TmParam *params, const unsigned char *region_map, const
         TmParam colour;
         std::memcpy(&colour, &params[k], sizeof colour);
         curves[k] = make_curve(colour, stats, range);
-        if (!utils::has_table_params(colour) && colour.slot[13] == 0.0f) continue;
+        if (!coloradjust::has_table_params(colour) && colour.slot[13] == 0.0f) continue;
         float *hue = hue_tables.get() + k * lut * 3;
         float *value = value_tables.get() + k * lut;
-        const int rc =
-            getColorAdjustmentLUTs(BV_CA_MODE_TABLES, &colour, utils::kLutEntries, 8, hue, value);
-        if (rc < 0) continue;  // that set simply goes without tables
         curves[k].colour.tables = true;
-        curves[k].colour.use_value = rc != 0;
+        curves[k].colour.use_value =
+            coloradjust::build_colour_luts(colour, coloradjust::kLutEntries, hue, value) != 0;
         curves[k].colour.hue = hue;
         curves[k].colour.value = value;
     }
@@ -380,25 +368,16 @@ int tm_simple_impl(const TmParam *params, const unsigned char *region_map, const
     j.rgbe = rgbe;
     j.planar = planar;
     j.range = range;
-    j.out_row = dim.rowOut > 0 ? static_cast<size_t>(dim.rowOut) : packed;
+    j.out_row = rows.row_samples();
     j.first_row = 0;
     j.end_row = dim.height;
     const float first = base.slot[56], end = base.slot[57];
     if (first > 0.0f && first < dim.height - 1) j.first_row = static_cast<int>(first);
     if (end > 0.0f && end < dim.height) j.end_row = static_cast<int>(end);
 
-    if (threads <= 1) return tm_simple_orig(j, 0, dim.height);
-    std::vector<BandRecord> records(static_cast<size_t>(threads));
-    const int rc = threading::run_bands(
-        0, dim.height, threads,
-        [&](const threading::Band &b) {
-            BandRecord &r = records[static_cast<size_t>(b.index)];
-            r = BandRecord{&j, b.index, threads, b.first, b.end, 0};
-            tm_simple_threaded(&r);
-        },
-        threading::OnSpawnFailure::Fail);
-    if (rc < 0) return BV_TM_ETHREAD;
-    return records.back().result;
+    return rows.run(
+        threads, [&](const threading::Band &b) { return tm_simple_orig(j, b.first, b.end); },
+        BV_TM_ETHREAD);
 }
 
 }  // namespace

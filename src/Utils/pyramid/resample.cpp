@@ -7,6 +7,7 @@
 #include "Threading/bands.hpp"
 #include "Utils/pyramid/pyramid.hpp"
 #include "common/boundary.hpp"
+#include "common/pixels.hpp"
 #include "core/rgbe/rgbe_pixel.hpp"
 
 namespace bv::pyramid {
@@ -143,12 +144,12 @@ const rgbe::Table &exp_table() {
 // tiny value 2^-136, not 0).
 void read_rgbe(const void *src, int width, int, int y, float *out) {
     const float *t = exp_table().v;
-    const uint8_t *row = static_cast<const uint8_t *>(src) + static_cast<size_t>(y) * width * 4;
+    const RgbePlanes<const uint8_t> row(static_cast<const uint8_t *>(src), width, y);
     for (int x = 0; x < width; ++x) {
-        const float s = t[row[3 * width + x]];
-        out[3 * x] = row[x] * s;
-        out[3 * x + 1] = row[width + x] * s;
-        out[3 * x + 2] = row[2 * width + x] * s;
+        const float s = t[row.e[x]];
+        out[3 * x] = row.r[x] * s;
+        out[3 * x + 1] = row.g[x] * s;
+        out[3 * x + 2] = row.b[x] * s;
     }
 }
 

@@ -7,9 +7,9 @@
 #include <utility>
 
 #include "common/boundary.hpp"
-#include "core/rgbe/rgbe_pixel.hpp"
+#include "common/pixels.hpp"
 
-namespace bv::core {
+namespace bv::buffers {
 namespace {
 
 using u8 = unsigned char;
@@ -64,7 +64,7 @@ inline u8 display_value(double x, double gamma) noexcept {
 template <bool FixedGain>
 void render_row(int width, const float *table, const u8 *rgbe, int y, u8 *out, float k,
                 double gamma) noexcept {
-    const bv::rgbe::Row row(rgbe, width, y);
+    const bv::RgbeRow row(rgbe, width, y);
     for (int x = 0; x < width; ++x, out += 3) {
         const u8 e = row.e[x];
         if (e == 0) {
@@ -98,9 +98,9 @@ int copy_rows(int rows, size_t bytes, size_t src_stride, size_t dst_stride, cons
     return rows;
 }
 
-}  // namespace bv::core
+}  // namespace bv::buffers
 
-using namespace bv::core;
+using namespace bv::buffers;
 
 extern "C" {
 

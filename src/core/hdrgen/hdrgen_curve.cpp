@@ -25,7 +25,7 @@ struct Sampler {
     const void *data;
     int bits, channels;
     size_t image_samples;
-    Taps taps;
+    ChannelOffsets taps;
     void rgb(int image, size_t pixel, int out[3]) const {
         const size_t base = image * image_samples + pixel * static_cast<size_t>(channels);
         if (bits == 8) {
@@ -82,7 +82,7 @@ int response_gamma(int n, int width, int height, int channels, int bits, const v
     const int sx = width / 50 + 1, sy = height / 50 + 1;
     Sampler s{data, bits, channels,
               static_cast<size_t>(width) * static_cast<size_t>(height) * channels,
-              merge_taps(channels)};
+              channel_offsets(channels)};
     Scratch<size_t> kept(2500);
     Scratch<int> level(static_cast<size_t>(n)), order(static_cast<size_t>(n));
     if (!kept || !level || !order) return BV_HDR_ENOMEM;

@@ -4,7 +4,9 @@
 #include <cstdint>
 #include <cstring>
 
+#include "Threading/bands.hpp"
 #include "common/boundary.hpp"
+#include "common/pixels.hpp"
 #include "core/hdrgen/hdrgen.hpp"
 #include "core/rgbe/rgbe_pixel.hpp"
 
@@ -117,13 +119,13 @@ struct Source {
 // One output row. Each pixel sums its brackets in registers, in ascending
 // exposure order; the brackets' rows are read side by side.
 template <class T, int kChannels>
-void merge_row(const Source<T> *src, int n, int width, int runtime_channels, const Taps &taps,
+void merge_row(const Source<T> *src, int n, int width, int runtime_channels, const ChannelOffsets &taps,
                const float *lut, uint8_t *out, Stats &st) {
     const int ch = kChannels > 0 ? kChannels : runtime_channels;
     const int tr = kChannels == 3 ? 0 : taps.r, tg = kChannels == 3 ? 1 : taps.g,
               tb = kChannels == 3 ? 2 : taps.b;
     constexpr int sh = sizeof(T) == 2 ? 8 : 0;
-    uint8_t *pr = out, *pg = out + width, *pb = out + 2 * width, *pe = out + 3 * width;
+    const RgbeRowOut o(out, static_cast<size_t>(width));
     for (int x = 0; x < width; ++x) {
         const size_t at = static_cast<size_t>(x) * ch;
         float ar = 0.0f, ag = 0.0f, ab = 0.0f, sw = 0.0f;
@@ -140,7 +142,7 @@ void merge_row(const Source<T> *src, int n, int width, int runtime_channels, con
             ag += lut[g] * wt.f;
             ab += lut[b] * wt.f;
         }
-        finish_pixel(ar, ag, ab, sw, saturated == n, pr + x, pg + x, pb + x, pe + x, st);
+        finish_pixel(ar, ag, ab, sw, saturated == n, o.r + x, o.g + x, o.b + x, o.e + x, st);
     }
 }
 
@@ -150,7 +152,7 @@ int merge_pixels(bv_progress_cb cb, int n, int width, int height, int channels, 
                  Source<T> *src, uint8_t *output, Stats &st) {
     const size_t row_samples = static_cast<size_t>(width) * static_cast<size_t>(channels);
     const size_t image_samples = row_samples * static_cast<size_t>(height);
-    const Taps taps = merge_taps(channels);
+    const ChannelOffsets taps = channel_offsets(channels);
     const int progress_step = height / 16;
     for (int i = 0; i < n; ++i) {
         const int j = order[i];
@@ -166,28 +168,18 @@ int merge_pixels(bv_progress_cb cb, int n, int width, int height, int channels, 
         for (int i = 0; i < n; ++i) src[i].row += row_samples;
         const int done = y + 1;
         if (progress_step > 0 && done % progress_step == 50 &&
-            !progress(cb, static_cast<float>(done) / static_cast<float>(height)))
+            !threading::report_progress(cb, static_cast<float>(done) / static_cast<float>(height)))
             return BV_HDR_CANCELLED;
     }
     return height;
 }
 
-void fill_markers(int width, int height, float lo, float hi, uint8_t *output) {
+// Marker pixels become greys of the darkest and brightest luminance.
+void paint_markers(int width, int height, float lo, float hi, uint8_t *output) {
     uint8_t dark[4], bright[4];
     encode_grey(lo, &dark[0], &dark[1], &dark[2], &dark[3]);
     encode_grey(hi, &bright[0], &bright[1], &bright[2], &bright[3]);
-    for (int y = 0; y < height; ++y) {
-        uint8_t *row = output + static_cast<size_t>(y) * 4 * width;
-        uint8_t *pe = row + 3 * width;
-        for (int x = 0; x < width; ++x) {
-            const uint8_t *g = pe[x] == 0 ? dark : pe[x] == 255 ? bright : nullptr;
-            if (!g) continue;
-            row[x] = g[0];
-            row[width + x] = g[1];
-            row[2 * width + x] = g[2];
-            pe[x] = g[3];
-        }
-    }
+    fill_markers(output, width, height, dark, bright);
 }
 
 }  // namespace
@@ -278,7 +270,7 @@ int merge(bv_progress_cb cb, int mode, int n, int width, int height, int channel
         stats[1] = st.hi * 256.0f;
         stats[2] = static_cast<float>(mean * 256.0);
     }
-    if (mode != 2) fill_markers(width, height, st.lo, st.hi, output);
+    if (mode != 2) paint_markers(width, height, st.lo, st.hi, output);
     return height;
 }
 

@@ -90,6 +90,10 @@ struct Header {
 // Visitor called for every header line, including the line that ends it.
 using LineVisitor = void (*)(const char *line, void *ctx);
 
+// True when a header line (at most n bytes, not NULL) ends the header: it is
+// empty, or only blanks follow a leading space or tab.
+bool end_of_header(const char *line, int n) noexcept;
+
 // Reads header lines until one ends the header, then the resolution line.
 // Returns 0, or -1 when the file ends first.
 int read_header(InStream &in, Header *h, LineVisitor visit, void *ctx) noexcept;

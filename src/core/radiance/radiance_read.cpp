@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/pixels.hpp"
 #include "core/radiance/radiance_io.hpp"
 
 namespace bv::radiance {
@@ -180,13 +181,24 @@ void parse_resolution(const char *line, int *height, int *width) noexcept {
     scan_int(&p, width);
 }
 
+bool end_of_header(const char *line, int n) noexcept {
+    if (line[0] == '\0' || line[0] == '\n') return true;
+    if (line[0] != ' ' && line[0] != '\t') return false;
+    for (int i = 1; i < n; ++i) {
+        const char c = line[i];
+        if (c == '\0') return true;
+        if (c != '\t' && c != '\n' && c != ' ') return false;
+    }
+    return true;
+}
+
 int read_header(InStream &in, Header *h, LineVisitor visit, void *ctx) noexcept {
     char line[kLineBuffer] = {};
     for (;;) {
         if (!in.gets(line, kLineBuffer)) return -1;
         if (visit) visit(line, ctx);
         ++h->lines;
-        if (rgbe_end_of_header(line, kLineBuffer)) break;
+        if (end_of_header(line, kLineBuffer)) break;
     }
     if (!in.gets(line, kLineBuffer)) return -1;
     parse_resolution(line, &h->height, &h->width);
@@ -331,13 +343,8 @@ int skip_component(InStream &in, size_t n) {
 
 // Interleaved R, G, B, E pixels to planes.
 void scatter_row(const uint8_t *src, size_t width, uint8_t *dst) {
-    uint8_t *r = dst, *g = dst + width, *b = dst + 2 * width, *e = dst + 3 * width;
-    for (size_t x = 0; x < width; ++x, src += 4) {
-        r[x] = src[0];
-        g[x] = src[1];
-        b[x] = src[2];
-        e[x] = src[3];
-    }
+    const RgbeRowOut row(dst, width);
+    for (size_t x = 0; x < width; ++x, src += 4) row.set(x, src);
 }
 
 // A flat row buffer, refused up front when the file cannot hold one row so
@@ -433,15 +440,7 @@ using namespace bv::radiance;
 extern "C" {
 
 BV_API int rgbe_end_of_header(const char *line, int n) {
-    if (!line) return 0;
-    if (line[0] == '\0' || line[0] == '\n') return 1;
-    if (line[0] != ' ' && line[0] != '\t') return 0;
-    for (int i = 1; i < n; ++i) {
-        const char c = line[i];
-        if (c == '\0') return 1;
-        if (c != '\t' && c != '\n' && c != ' ') return 0;
-    }
-    return 1;
+    return line && end_of_header(line, n) ? 1 : 0;
 }
 
 namespace {

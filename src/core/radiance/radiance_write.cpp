@@ -4,6 +4,7 @@
 #include <cstring>
 #include <string>
 
+#include "common/pixels.hpp"
 #include "core/radiance/radiance_io.hpp"
 
 namespace bv::radiance {
@@ -196,13 +197,8 @@ public:
 
 private:
     void interleave(const uint8_t *src, uint8_t *dst) const {
-        const uint8_t *r = src, *g = src + w_, *b = src + 2 * w_, *e = src + 3 * w_;
-        for (size_t x = 0; x < w_; ++x, dst += 4) {
-            dst[0] = r[x];
-            dst[1] = g[x];
-            dst[2] = b[x];
-            dst[3] = e[x];
-        }
+        const RgbeRow row(src, w_);
+        for (size_t x = 0; x < w_; ++x, dst += 4) row.get(x, dst);
     }
 
     size_t w_;

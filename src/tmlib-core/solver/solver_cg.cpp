@@ -53,8 +53,19 @@ int cg_memory(int width, int height, int maxIterations, int wrap, int threads,
         const double dq = sum_rows(dots.get(), height);
         if (dq == 0.0) return i - 1;
         const float alpha = static_cast<float>(delta / dq);
-        tm20a(width, height, threads, x, alpha, d, x, nullptr);
-        tm20a(width, height, threads, r.get(), -alpha, q.get(), r.get(), dots.get());
+        // x += alpha d and r -= alpha q in one pass over the rows.
+        float *rv = r.get();
+        const float *qv = q.get();
+        double *dt = dots.get();
+        threading::run_bands(
+            0, height, threads,
+            [&](const threading::Band &band) {
+                const size_t a = band.first * static_cast<size_t>(width);
+                const int rows = band.end - band.first;
+                tm20a(width, rows, 1, x + a, alpha, d + a, x + a, nullptr);
+                tm20a(width, rows, 1, rv + a, -alpha, qv + a, rv + a, dt + band.first);
+            },
+            threading::OnSpawnFailure::RunInline);
         const double next = sum_rows(dots.get(), height);
         if (!prog.step(i)) return kErrCancelled;
         if (next < eps) return i;
