@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "common/pixels.hpp"
+
 namespace bv::enhancer {
 
 // The user-facing meaning of every slot method 1 of tmparam_default writes,
@@ -89,22 +91,24 @@ void centre_levels(float *rhs, int w, int h, int levels);
 
 inline void Image::rgb(int x, int y, float out[3]) const noexcept {
     if (rgbe) {
-        const uint8_t *r = static_cast<const uint8_t *>(data) + static_cast<size_t>(y) * 4 * width;
-        const uint8_t e = r[3 * width + x];
+        const RgbeRow r(static_cast<const uint8_t *>(data), static_cast<size_t>(width),
+                        static_cast<size_t>(y));
+        const uint8_t e = r.e[x];
         if (e == 0) {
             out[0] = out[1] = out[2] = 0.0f;
             return;
         }
         const float s = exp_table[e];
-        out[0] = r[x] * s;
-        out[1] = r[width + x] * s;
-        out[2] = r[2 * width + x] * s;
+        out[0] = r.r[x] * s;
+        out[1] = r.g[x] * s;
+        out[2] = r.b[x] * s;
     } else {
         const float *p = static_cast<const float *>(data) + static_cast<size_t>(y) * row +
                          static_cast<size_t>(x) * channels;
-        out[0] = p[0];
-        out[1] = p[(channels - 1) / 2];
-        out[2] = p[channels - 1];
+        const ChannelOffsets o = channel_offsets(channels);
+        out[0] = p[o.r];
+        out[1] = p[o.g];
+        out[2] = p[o.b];
     }
 }
 

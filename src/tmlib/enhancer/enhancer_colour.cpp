@@ -37,9 +37,10 @@ void store(const DimParam &dim, void *out, int x, int y, float maxv, const float
     const size_t row = dim.rowOut > 0 ? static_cast<size_t>(dim.rowOut)
                                       : static_cast<size_t>(dim.width) * ch;
     T *px = o + static_cast<size_t>(y) * row + static_cast<size_t>(x) * ch;
-    px[dim.bgr ? ch - 1 : 0] = v[0];
-    px[(ch - 1) / 2] = v[1];
-    px[dim.bgr ? 0 : ch - 1] = v[2];
+    const ChannelOffsets off = channel_offsets(ch, dim.bgr != 0);
+    px[off.r] = v[0];
+    px[off.g] = v[1];
+    px[off.b] = v[2];
 }
 
 }  // namespace
@@ -101,7 +102,7 @@ int calc_tm3(const Image &img, const Look &look, const Exposure &ex, const float
         [&](const threading::Band &b) {
             int32_t *hb = hist.get() + static_cast<size_t>(b.index) * kBins;
             for (int y = b.first; y < b.end; ++y)
-                utils::log_histo(static_cast<uint64_t>(w), kBins,
+                loglum::log_histo(static_cast<uint64_t>(w), kBins,
                                  solved + static_cast<size_t>(y) * w, hb, lmin, lmax);
         },
         threading::OnSpawnFailure::RunInline);
@@ -109,7 +110,7 @@ int calc_tm3(const Image &img, const Look &look, const Exposure &ex, const float
         for (uint32_t i = 0; i < kBins; ++i) hist[i] += hist[b * kBins + i];
     const uint64_t count = static_cast<uint64_t>(w) * h;
     auto at = [&](float fraction) {
-        const int k = utils::percentile(count, kBins, hist.get(), fraction);
+        const int k = loglum::percentile(count, kBins, hist.get(), fraction);
         return lmin + (lmax - lmin) * static_cast<float>(k) / static_cast<float>(kBins - 1);
     };
     const float white = at(1.0f - look.white_clip), black = at(kBlackClip);

@@ -5,6 +5,7 @@
 
 #include "Threading/bands.hpp"
 #include "common/boundary.hpp"
+#include "common/diag.hpp"
 #include "core/rgbe/rgbe_pixel.hpp"
 #include "tmlib-core/solver/solver.hpp"
 #include "tmlib/enhancer/enhancer.hpp"
@@ -118,11 +119,11 @@ int run(int kind, TmParam *params, void *aux1, void *aux2, void *aux3, DimParam 
         optimParam optim, bv_progress_cb progressContext, const void *input, void *work) {
     // Validation, in the documented order.
     if (!input && !optim.sourceFile) {
-        std::printf("Input buffer is null and optimParam.sourceFile null as well\n");
+        diag(Stream::Out, "Input buffer is null and optimParam.sourceFile null as well\n");
         return BV_EN_ENOINPUT;
     }
     if (!input && !radiance_extension(optim.sourceFile)) {
-        std::printf("optimParam.sourceFile is not a Radiance (.hdr) file\n");
+        diag(Stream::Out, "optimParam.sourceFile is not a Radiance (.hdr) file\n");
         return BV_EN_ENOTHDR;
     }
     if (!work) return BV_EN_ENOWORK;
@@ -156,7 +157,7 @@ int run(int kind, TmParam *params, void *aux1, void *aux2, void *aux3, DimParam 
 
     const bool placed = optim.useTempFiles != 0;
     if (!placed && sz.total < 2 * sz.image) {
-        std::printf("work has %zu bytes allocated, which is less than twice the size of the "
+        diag(Stream::Out, "work has %zu bytes allocated, which is less than twice the size of the "
                     "input image %zu\n",
                     sz.total, sz.image);
         return BV_EN_ESMALL;
@@ -247,11 +248,11 @@ int run(int kind, TmParam *params, void *aux1, void *aux2, void *aux3, DimParam 
     if (temp_file) {
         File f(optim.tempPath1, "wb+");
         if (!f) {
-            std::printf("can not open temporary file iofpTempPath1\n");
+            diag(Stream::Out, "can not open temporary file iofpTempPath1\n");
             return BV_EN_ETEMPOPEN;
         }
         if (std::fwrite(lum, sizeof(float), n, f.get()) != n) {
-            std::printf("could not write to temporary file iofpTempPath1\n");
+            diag(Stream::Out, "could not write to temporary file iofpTempPath1\n");
             return BV_EN_ETEMPWRITE;
         }
     }
@@ -268,7 +269,7 @@ int run(int kind, TmParam *params, void *aux1, void *aux2, void *aux3, DimParam 
         File f(optim.tempPath1, "rb");
         if (!f) return BV_EN_ETEMPREOPEN;
         if (std::fread(lum, sizeof(float), n, f.get()) != n) {
-            std::printf("could not read from temporary file before calc_tm3\n");
+            diag(Stream::Out, "could not read from temporary file before calc_tm3\n");
             return BV_EN_ETEMPREAD;
         }
     }

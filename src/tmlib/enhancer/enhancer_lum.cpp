@@ -204,7 +204,7 @@ int calc_tm1(const Image &img, const Look &look, int threads, float *lum, float 
                         lr[m] = std::log(r[x]);
                         s += lr[m++];
                     }
-                utils::log_histo(static_cast<uint64_t>(m), kBins, lr, hb, lmin, lhi);
+                loglum::log_histo(static_cast<uint64_t>(m), kBins, lr, hb, lmin, lhi);
                 row_sum[y] = s;
             }
         },
@@ -216,7 +216,7 @@ int calc_tm1(const Image &img, const Look &look, int threads, float *lum, float 
     for (uint32_t i = 0; i < kBins; ++i) count += static_cast<uint64_t>(hist[i]);
     for (int y = 0; y < h; ++y) total += row_sum[y];
     auto at = [&](float fraction) {
-        const int k = utils::percentile(count, kBins, hist.get(), fraction);
+        const int k = loglum::percentile(count, kBins, hist.get(), fraction);
         return lmin + (lhi - lmin) * static_cast<float>(k) / static_cast<float>(kBins - 1);
     };
     LogLumStats &st = ex->stats;
