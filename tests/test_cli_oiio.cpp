@@ -601,6 +601,14 @@ TEST(Cli, EnhanceRendersAndRefusesBadInput) {
     EXPECT_EQ(ia.px, ib.px) << "tonemap --method enhancer is enhance";
     EXPECT_EQ(iw.format, OIIO::TypeDesc::UINT16);
     EXPECT_NE(iw.px.size(), 0u);
+    // Brackets straight to a picture: the same as merging, then enhancing.
+    const std::string list = data + "/memorial/exposures.txt", merged = dir + "/m.hdr";
+    ASSERT_EQ(run({"merge", "-q", "-e", list, "-o", merged}).code, 0);
+    ASSERT_EQ(run({"enhance", "-q", merged, "-o", a}).code, 0);
+    ASSERT_EQ(run({"enhance", "-q", "-e", list, "-o", b}).code, 0);
+    ASSERT_TRUE(read_image(a, &ia));
+    ASSERT_TRUE(read_image(b, &ib));
+    EXPECT_EQ(ia.px, ib.px) << "brackets give the merged file's rendering";
     const std::string junk = dir + "/junk.hdr";
     ASSERT_TRUE(bvtest::write_file(junk, "not a picture\n", 14));
     struct Case {

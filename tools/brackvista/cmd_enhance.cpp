@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "cli.hpp"
+#include "imageio.hpp"
 #include "pipeline.hpp"
 #include "progress.hpp"
 
@@ -47,29 +48,33 @@ int run_enhance(int argc, char **argv) {
         {"panorama", 0, nullptr, "the image is a 360-degree panorama (closes horizontally)"},
         {"relax", 0, nullptr, "use the relaxation solver (slower, little memory)"},
         {"temp-dir", 0, "DIR", "stream the solver through files in DIR (big images)"},
+        {"exposures", 'e', "LIST|FILE",
+         "brackets: relative exposures, as brackvista merge takes them"},
     };
     for (const SlotOption &s : kSlots) specs.push_back({s.name, 0, "V", s.help});
     add_common_options(specs);
     Args args(specs, argc, argv);
     if (args.help()) {
-        print_help("brackvista enhance [options] IN.hdr -o OUT.png",
+        print_help("brackvista enhance [options] IN.hdr -o OUT.png\n"
+                   "       brackvista enhance [options] BRACKET BRACKET... -o OUT.png",
                    "Renders an HDR image (Radiance .hdr, or .exr / float .tif through\n"
                    "OpenImageIO) with the library's local tone enhancer: large contrasts\n"
                    "are compressed while detail in shadows and highlights is kept.\n"
-                   "Every parameter starts at the library's default.",
+                   "Every parameter starts at the library's default. Given bracketed\n"
+                   "exposures instead, it merges them first (as brackvista merge does).",
                    specs,
                    "example:\n  brackvista enhance atrium.hdr -o atrium.png --strength 85\n");
         return kOk;
     }
     const int threads = apply_common_options(args);
-    if (args.positional().size() != 1)
-        usage_error(args.positional().empty() ? "no HDR file given"
-                                              : "one HDR file at a time, got " +
-                                                    std::to_string(args.positional().size()));
+    std::vector<std::string> inputs = args.positional();
+    ExposureChoice choice;
+    if (args.has("exposures")) parse_exposures(args.str("exposures"), inputs, choice.given);
+    if (inputs.empty()) usage_error("no HDR file or brackets given");
     if (!args.has("output")) usage_error("no output file: give -o OUT.png");
     const int bits = args.integer("bits", 8, 8, 16);
     if (bits != 8 && bits != 16) usage_error("--bits must be 8 or 16");
-    const std::string in_path = args.positional()[0], out_path = args.str("output");
+    const std::string in_path = inputs[0], out_path = args.str("output");
     check_picture_extension(out_path, bits);
 
     TmParam param;
@@ -102,8 +107,16 @@ int run_enhance(int argc, char **argv) {
     dim.bitsOut = bits;
     // Radiance files are read by the library straight into its work buffer.
     HdrImage hdr;
-    const bool radiance = extension_of(in_path) == ".hdr";
-    if (radiance) {
+    const bool brackets = inputs.size() > 1;
+    const bool radiance = !brackets && extension_of(in_path) == ".hdr";
+    if (brackets) {
+        BracketSet set = load_brackets(inputs);
+        MergeReport report;
+        hdr = merge_brackets(set, choice, &report, threads);
+        dim.width = hdr.width;
+        dim.height = hdr.height;
+        dim.sourceKind = hdr.is_float ? 10 : 0;
+    } else if (radiance) {
         std::FILE *f = std::fopen(in_path.c_str(), "rb");
         if (!f) fail("cannot open '" + in_path + "'");
         std::fclose(f);
@@ -157,7 +170,8 @@ int run_enhance(int argc, char **argv) {
     work.reset();
     save_picture(out, ow, oh, bits, pixels, hdr.has_exif ? &hdr.exif : nullptr);
     if (!args.has("quiet"))
-        std::printf("enhanced %s (%dx%d) -> %s (%dx%d, %d-bit)\n", in_path.c_str(), dim.width,
+        std::printf("enhanced %s%s (%dx%d) -> %s (%dx%d, %d-bit)\n", in_path.c_str(),
+                    brackets ? " and the other brackets" : "", dim.width,
                     dim.height, out_path.c_str(), ow, oh, bits);
     return kOk;
 }
