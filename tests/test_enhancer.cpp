@@ -373,6 +373,8 @@ TEST(Enhancer, TemporaryFileStages) {
          "can not open temporary file iofpTempPath1\n"},
         {"tempPath1 NULL", 0.0f, nullptr, base.c_str(), -150,
          "can not open temporary file iofpTempPath1\n"},
+        {"tempPath1 on a full device", 0.0f, "/dev/full", base.c_str(), -151,
+         "could not write to temporary file iofpTempPath1\n"},
     };
     for (const auto &c : cases) {
         TmParam p = defaults();
