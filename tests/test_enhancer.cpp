@@ -162,7 +162,7 @@ TEST(Enhancer, PreviewSizeQuery) {
     struct {
         int w, h, pw, ph;
     } table[] = {{3000, 1800, 750, 450}, {1000, 3000, 250, 750}, {1024, 700, 1024, 700},
-                 {2049, 100, 513, 25},   {6000, 4000, 750, 500}};
+                 {2049, 100, 513, 25},   {6000, 4000, 750, 500}, {4000, 3, 4000, 3}};
     TmParam p = defaults();
     for (const auto &t : table) {
         std::vector<int32_t> work(64, -7);
