@@ -62,7 +62,8 @@ struct Field {
                 std::vector<float> c(static_cast<size_t>(L.width) * L.height);
                 for (int y = 0; y < L.height; ++y)
                     for (int x = 0; x < L.width; ++x) {
-                        const int x1 = std::min(2 * x + 1, pw - 1), y1 = std::min(2 * y + 1, ph - 1);
+                        const int x1 = std::min(2 * x + 1, pw - 1),
+                                  y1 = std::min(2 * y + 1, ph - 1);
                         c[static_cast<size_t>(y) * L.width + x] =
                             0.25f * (t[2 * y * static_cast<size_t>(pw) + 2 * x] +
                                      t[2 * y * static_cast<size_t>(pw) + x1] +
@@ -109,8 +110,8 @@ void run_solver(benchmark::State &state, Kind kind) {
         plane = f.rhs;
         state.ResumeTiming();
         const int rc = kind == Kind::Relaxation
-                           ? bs::calc_tm2old(f.levels, &params, nullptr, plane.data(), Field::kWidth,
-                                             Field::kHeight, o)
+                           ? bs::calc_tm2old(f.levels, &params, nullptr, plane.data(),
+                                             Field::kWidth, Field::kHeight, o)
                            : bs::calc_tm2new2(f.levels, &params, nullptr, plane.data(),
                                               Field::kWidth, Field::kHeight, o);
         if (rc != 1) state.SkipWithError("solver failed");
@@ -137,14 +138,40 @@ void BM_PyramidReduce16(benchmark::State &state) {
         bv_short_downsample(w, h, 3, 0, fine.data(), coarse.data());
         benchmark::DoNotOptimize(coarse.data());
     }
-    state.counters["MP/s"] = benchmark::Counter(static_cast<double>(w) * h * 1e-6 *
-                                                    state.iterations(),
-                                                benchmark::Counter::kIsRate);
+    state.counters["MP/s"] = benchmark::Counter(
+        static_cast<double>(w) * h * 1e-6 * state.iterations(), benchmark::Counter::kIsRate);
+}
+
+// The preview reduction of the enhancer: 24-megapixel RGBE rows to 1024 x 683
+// float RGB.
+void BM_DownsampleRgbePreview(benchmark::State &state) {
+    const int w = Field::kWidth, h = Field::kHeight, dw = 1024, dh = 683;
+    std::vector<uint8_t> rgbe(static_cast<size_t>(w) * h * 4);
+    for (size_t i = 0; i < rgbe.size(); ++i) rgbe[i] = static_cast<uint8_t>(i * 2654435761u >> 24);
+    std::vector<float> out(static_cast<size_t>(dw) * dh * 3);
+    for (auto _ : state) {
+        if (bv_downsample(w, h, dw, dh, 3, 32, rgbe.data(), out.data(),
+                          static_cast<int>(state.range(0))) != dh)
+            state.SkipWithError("bv_downsample failed");
+        benchmark::DoNotOptimize(out.data());
+    }
+    state.counters["MP/s"] = benchmark::Counter(
+        static_cast<double>(w) * h * 1e-6 * state.iterations(), benchmark::Counter::kIsRate);
 }
 
 }  // namespace
 
-BENCHMARK(BM_SolverCgMemory)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(2);
-BENCHMARK(BM_SolverCgStreaming)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(2);
+BENCHMARK(BM_DownsampleRgbePreview)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_SolverCgMemory)
+    ->Arg(1)
+    ->Arg(2)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Iterations(2);
+BENCHMARK(BM_SolverCgStreaming)
+    ->Arg(2)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Iterations(2);
 BENCHMARK(BM_SolverRelaxation)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(1);
 BENCHMARK(BM_PyramidReduce16)->Unit(benchmark::kMillisecond)->UseRealTime();

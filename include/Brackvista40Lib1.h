@@ -5,7 +5,7 @@
  * success (usually rows processed or a count), a negative code from the
  * family's table on failure. Sections follow the order data flows: buffers and
  * pixels, threads and progress, colour, RGBE, Radiance files, HDR generation,
- * pyramids, tone mapping.
+ * ghosts, pyramids, tone mapping, fusion, exposure blend.
  *
  * Buffer layouts used throughout:
  *   RGB8 image      interleaved unsigned 8-bit samples, rows top to bottom.
@@ -584,11 +584,13 @@ BV_API int bv_write_strip_rgbe(const char *path, int k, int stripHeight, int wid
 /* Codes of this family. -1 from calc_courbe means no usable sample. */
 enum {
     BV_HDR_ENOPOS = -1,     /* calc_courbe: no sample position qualifies */
-    BV_HDR_EDEPTH = -2,     /* calc_courbe: bits per sample other than 8/16 */
+    BV_HDR_EDEPTH = -2,     /* calc_courbe, bv_hdr_estimate_exposures: bits
+                               per sample other than 8/16 */
     BV_HDR_EINVAL = -3,     /* NULL buffer, negative size, bad channel count,
                                merge with n < 1 or a non-positive exposure */
     BV_HDR_ENOMEM = -4,     /* working memory could not be allocated */
-    BV_HDR_CANCELLED = -5   /* bv_hdr_merge: the progress callback asked to stop */
+    BV_HDR_CANCELLED = -5   /* bv_hdr_merge, bv_hdr_estimate_exposures: the
+                               progress callback asked to stop */
 };
 
 /* Brightness statistic per bracket (stats[n], caller-allocated). n images of
@@ -608,6 +610,59 @@ BV_API int mediane_images(int n, int width, int height, int rowStride, int chann
  * result[i] = rounded EV of the i-th brightest, stats[i] = its index.
  * Returns n, 0 when n < 1, BV_HDR_EINVAL, BV_HDR_ENOMEM. */
 BV_API int guess_ev(int wholeStops, int n, int32_t *stats, float *result, float evStep);
+
+/* Relative exposures measured from the pixels, for brackets without camera
+ * data; sturdier than guess_ev on sets whose darkest or brightest frames are
+ * nearly black or nearly white.
+ *   progressCb  may be NULL; told the fraction done on the calling thread.
+ *               Setting its cancel flag stops the work (BV_HDR_CANCELLED).
+ *   threads     worker threads (below 1 counts as 1); the results are
+ *               identical for any count.
+ *   n           brackets, 2..64, image k at sample k * width * height *
+ *               channels, rows packed.
+ *   channels    1..64; R, G, B are samples 0, (channels - 1) / 2 and
+ *               channels - 1, except 0, 1, 2 for 4 channels.
+ *   bitsPerSample  8 or 16 (16-bit in host order).
+ *   gamma       the response exponent (linear = (level / 2^bits)^gamma),
+ *               0.1..10; read only when response is NULL.
+ *   response    NULL, or 2^bits floats: the linear value of each level,
+ *               finite, non-negative, non-decreasing and positive from level
+ *               2^bits / 8 on (its scale does not matter).
+ *   exposures   n floats, out: the factor of each bracket (2 = twice the
+ *               light); the middle bracket of the brightness order (for even
+ *               n the darker of the two middle ones, as in guess_ev) gets
+ *               exactly 1.
+ *   confidence  NULL, or n floats, out: 0..1 per bracket, 1 for the middle.
+ * Method: a grid of about 262144 pixels is read (every k-th pixel of every
+ * k-th row). Window: R, G and B all within 2^bits / 8 .. 2^bits * 15 / 16 - 1.
+ * Order: a grid pixel inside the window in one of two brackets, and a pure
+ * colour (one colour at 0, another at the top level) in neither, votes for
+ * the bracket whose R + G + B level is higher; brackets rank by how many
+ * others they outvote, then by their summed R + G + B levels, then by index
+ * (lower index darker). Steps: for each pair of neighbours in that order,
+ * every grid pixel that is neither 0 nor at the top level in either bracket,
+ * and whose right-hand neighbour (left-hand in the last column) is inside
+ * the window in both, gives log2 of the ratio of its linear R + G + B
+ * (choosing by the neighbour keeps the pixel's own noise out of the choice,
+ * and so out of the ratio). The pair's step is the median of these, its
+ * confidence N / (N + 100) / (1 + (s / 0.2)^2) for N pixels whose median
+ * absolute deviation times 1.4826 is s stops. The steps are chained
+ * outwards from the middle bracket; a bracket's confidence is the smallest
+ * along its chain.
+ * Fallback: a pair with fewer than max(20, grid pixels / 1000) common pixels
+ * takes the median step of the measured pairs and confidence 0 (so do the
+ * brackets beyond it). When no pair is measured the factors are those of
+ * guess_ev (median brightness) and every confidence is 0.
+ * Returns the number of pairs measured from the pixels (n - 1 when none fell
+ * back, 0 when guess_ev decided); BV_HDR_EINVAL (n < 2, width, height or
+ * channels out of range, NULL data or exposures, a gamma that is NaN or out
+ * of range, a bad response table), BV_HDR_EDEPTH (bits other than 8 or 16),
+ * BV_HDR_ENOMEM, BV_HDR_CANCELLED (outputs unwritten). Scratch is about
+ * 4 bytes per grid pixel and pair. */
+BV_API int bv_hdr_estimate_exposures(bv_progress_cb progressCb, int threads, int n, int width,
+                                     int height, int channels, int bitsPerSample, float gamma,
+                                     const float *response, const void *data, float *exposures,
+                                     float *confidence);
 
 /* Exposure factors from camera data: records holds n records of 7 int32
  * (time num, time den, f-number num, f-number den, EV in 1/1000 stop used
@@ -681,6 +736,13 @@ BV_API int bv_hdr_merge(bv_progress_cb progressContext, int mode, int n, int wid
  * column the last one. There is never a vertical wrap. Single-threaded unless
  * a thread count is taken. */
 
+/* Codes of the pyramid functions. */
+enum {
+    BV_PYR_EARG = -1,   /* channels other than 1 or 3 (levels), NULL buffer, bad size */
+    BV_PYR_EDEPTH = -2, /* bits per sample the function does not take */
+    BV_PYR_ENOMEM = -4  /* scratch memory could not be allocated */
+};
+
 /* Exact pixel count of a whole pyramid: L = trunc(log2(min(w, h))) in single
  * precision; L < 2 gives width * height, else the base plus L - 1 further
  * levels, each halved rounding up. pyram_len(3, 100) = 300, (5, 5) = 34.
@@ -698,8 +760,8 @@ BV_API uint64_t pyram_len2(int width, int height);
  * rounded binomial filter). A missing neighbour beyond the last row or
  * column is the centre's own row or column (first row/column likewise),
  * except that with wrap the columns wrap around.
- * Returns the coarse height; 0 for an empty image; -1 unless channels is 1
- * or 3, or for a NULL buffer or a negative size. */
+ * Returns the coarse height; 0 for an empty image; BV_PYR_EARG unless
+ * channels is 1 or 3, or for a NULL buffer or a negative size. */
 BV_API int bv_short_downsample(int width, int height, int channels, int wrap,
                                const uint16_t *fine, uint16_t *coarse);
 BV_API int bv_uchar_downsample(int width, int height, int channels, int wrap,
@@ -715,9 +777,9 @@ BV_API int bv_uchar_downsample(int width, int height, int channels, int wrap,
  * modulo 65536 (short: coarse is signed, fine unsigned) or 256 (uchar), so
  * upsample exactly undoes diff. coarse must hold at least
  * ceil(fineWidth/2) x ceil(fineHeight/2) pixels of the given size.
- * Returns fineHeight (0 when it is 0); -1 unless channels is 1 or 3 (fine is
- * then untouched), for a NULL buffer, a negative size or a coarse level too
- * small for the fine one. */
+ * Returns fineHeight (0 when it is 0); BV_PYR_EARG unless channels is 1 or 3
+ * (fine is then untouched), for a NULL buffer, a negative size or a coarse
+ * level too small for the fine one. */
 BV_API int bv_short_diff(int fineWidth, int fineHeight, int coarseWidth, int coarseHeight,
                          int channels, int wrap, const int16_t *coarse, uint16_t *fine);
 BV_API int bv_short_upsample(int fineWidth, int fineHeight, int coarseWidth, int coarseHeight,
@@ -733,8 +795,9 @@ BV_API int bv_uchar_upsample(int fineWidth, int fineHeight, int coarseWidth, int
  * each pass rounded to nearest. Writes one newline to standard error before
  * filtering. threads <= 1 works on the calling thread; the result does not
  * depend on the count. radius < 1 leaves the image as it is (no newline).
- * Returns height; -2 when bits is not 8, -1 for a NULL image or a bad size,
- * -4 when the scratch rows cannot be allocated. */
+ * Returns height; BV_PYR_EDEPTH when bits is not 8, BV_PYR_EARG for a NULL
+ * image or a bad size, BV_PYR_ENOMEM when the scratch image cannot be
+ * allocated. */
 BV_API int bv_downtower(int radius, int width, int height, int channels, int bits,
                         int threads, uint8_t *image);
 
@@ -751,8 +814,9 @@ BV_API int bv_downtower(int radius, int width, int height, int channels, int bit
  * 8192, so a "black" pixel with non-zero mantissas contributes a tiny
  * denormal value rather than 0). Enlarging (a ratio below 1) repeats source
  * cells. threads <= 1 runs on the calling thread; results do not depend on
- * the count. Returns dstHeight; -1 for a NULL buffer or a non-positive size
- * or channel count; -2 for other bits; -4 when memory is short. */
+ * the count. Returns dstHeight; BV_PYR_EARG for a NULL buffer or a
+ * non-positive size or channel count; BV_PYR_EDEPTH for other bits;
+ * BV_PYR_ENOMEM when memory is short. */
 BV_API int bv_downsample(int srcWidth, int srcHeight, int dstWidth, int dstHeight,
                          int channels, int bits, const void *src, void *dst, int threads);
 /* @end pyramid */
@@ -1036,6 +1100,230 @@ BV_API int bv_adjust_colors(int threads, bv_progress_cb progressCb, int code,
                             const TmParam *params, const TmParam *colour, void *image,
                             DimParam dim);
 /* @end coloradjust */
+
+/* ===================================================================== */
+/*  Exposure fusion                                                      */
+/* ===================================================================== */
+/* @section fusion */
+
+/* --- Pyramid fusion of brackets ---------------------------------------- */
+/* Codes of bv_fusion and mem4fusion. */
+enum {
+    BV_FU_OK = 1,
+    BV_FU_EBADARG = -1,  /* NULL params, output or exposures, n < 1, empty
+                            image, channels outside 1..4, dim.rowOut shorter
+                            than a row; mem4fusion: a mode other than 1, 2 */
+    BV_FU_EDEPTH = -2,   /* unsupported bit depths (input 8, 16 or 32; weight
+                            maps 8, 16 or 32; accumulator 16 or 32; float
+                            input needs accumulator 32 and float output), or a
+                            failed write to a temporary file */
+    BV_FU_EREAD = -3,    /* a failed seek or short read of a temporary file */
+    BV_FU_ENOMEM = -4,
+    BV_FU_ECANCEL = -5   /* the progress callback asked to stop */
+};
+
+/* Fuses n bracketed exposures of one scene straight into one picture: a
+ * weight per pixel and bracket from how well exposed it is, Laplacian
+ * pyramids of the brackets blended with Gaussian pyramids of the weights,
+ * then collapsed with a detail boost, then bv_adjust_colors (code 10, or 15
+ * after the two-pass mode).
+ *   progressContext  NULL or a callback, called on the calling thread after
+ *                    each bracket (0.3 .. 0.8; 0.1 .. with a 32-bit
+ *                    accumulator; 0.12 .. 0.32 in two-pass mode).
+ *   params      fusion slots: 0 exposure boost (0 default; higher favours
+ *               well-exposed pixels more strongly), 1 rank bias (integer
+ *               part non-zero: brighter brackets weigh 2^(bias/2) more at
+ *               the top of the order, less at the bottom, factor >= 0.1),
+ *               2 curve shape (<= 0 Gaussian around mid-grey, > 0 an
+ *               asymmetric curve that adapts to the bracket's saturated
+ *               share), 8 detail strength (0 = plain fusion; above 5 it
+ *               ramps over the levels), 9 = 1.0 two-pass mode (then
+ *               bv_fusion_local refines the result; slots 0, 1, 2, 10, 18
+ *               are rewritten, slot 1 restored at the end), 13 moire mode
+ *               0..7 (limits the gain of coarse levels), 19 = 1.0 skips the
+ *               pyramid fusion (only the final passes run). Defaults:
+ *               tmparam_default(10, ...).
+ *   colour      colour settings for bv_adjust_colors (NULL: none applied).
+ *   n           number of brackets (>= 1; one bracket is passed through
+ *               the pyramid with the weight 1).
+ *   weightBits  8, 16 or 32 (float): precision of the weight maps.
+ *   accBits     16: the blended pyramid in 15-bit fixed point. 32 is
+ *               accepted for 8/16-bit input but the collapse has no 32-bit
+ *               form: the output is then left as it was (and colour
+ *               adjusted); float input requires 32 and runs in 16 bits.
+ *   reserved    ignored.
+ *   options     low 32 bits: worker threads (< 1 counts as 1) of every
+ *               stage; high 32 bits non-zero: use temporary files.
+ *   local1, local2, local3..local5  forwarded to bv_fusion_local as its
+ *               threads and reserved arguments (two-pass mode only).
+ *   sourcePath, weightPath, pyramidPath  temporary files (created or
+ *               truncated, "wb+") for the bracket stack, the weight maps
+ *               and one weight pyramid. Used when the options ask for them,
+ *               all three are given and not (n < 3 and 8-bit input);
+ *               a file that cannot be opened, or a stack that cannot be
+ *               written, falls back to memory. The files are left behind
+ *               for the caller to delete. Results are bit-identical to
+ *               the memory mode; memory drops by about (n - 1) weight maps.
+ *   dim         width, height, channels (1..4; R, G, B at 0,
+ *               (channels-1)/2, channels-1), bitsIn 8/16/32 (float 0..1),
+ *               bitsOut 8, 16 or 32 (float 0..1; other values mean 8),
+ *               rowOut output row length in samples (0 = packed), bgr
+ *               (non-zero: first and last output channels exchanged).
+ *   wrap        non-zero: a 360-degree panorama; the left and right edges
+ *               are neighbours in every pyramid step.
+ *   extra       not read.
+ *   exposures   the n brackets, packed, bracket i at sample i * width *
+ *               height * channels, in dim.bitsIn.
+ *   ghostSlots  NULL, or n int32: slot of bracket i in ghostMask (< 0:
+ *               none); ghostSlots[0] < 0 switches the selection off.
+ *   ghostMask   one bit per pixel and slot, slot s at bit s * width *
+ *               height, rows in order, most significant bit first. Where
+ *               a bracket's bit is set, the first such bracket takes the
+ *               whole weight.
+ *   scratchBytes bytes of caller scratch directly after the 2 x channels x
+ *               pyram_len2 bytes of output (after the picture when that is
+ *               larger: float output, padded rows): the accumulator, then
+ *               the weight maps, are placed there when they fit (see
+ *               mem4fusion) and are aligned for their type, else allocated.
+ *   output      the picture, dim.height rows of dim.rowOut samples; the
+ *               buffer must span at least 2 x channels x pyram_len2(width,
+ *               height) bytes (it holds a bracket pyramid while working),
+ *               pyram_len2 = trunc(1.5 x width x height + 0.5).
+ * Results are bit-identical for any thread count. Not for concurrent use
+ * (the two-pass mode sets the module-wide InterpolationInterval).
+ * Returns BV_FU_OK, a BV_FU_* code, or the negative status of
+ * bv_fusion_local or bv_adjust_colors. Short reads of a temporary file also
+ * print "could not read <file> - returned <got> instead of <expected>" on
+ * standard error. */
+BV_API int bv_fusion(bv_progress_cb progressContext, TmParam *params, const TmParam *colour,
+                     int n, int weightBits, int accBits, float reserved, uint64_t options,
+                     int64_t local1, const char *sourcePath, int64_t local2,
+                     const char *weightPath, const char *pyramidPath, int64_t local3,
+                     int64_t local4, int64_t local5, DimParam dim, int wrap, void *extra,
+                     const void *exposures, const int32_t *ghostSlots, const uint8_t *ghostMask,
+                     uint64_t scratchBytes, void *output);
+
+/* Scratch bytes a fusion needs, into *need. size packs the image as
+ * width | (uint64_t)height << 32. With L = pyram_len2 and P = width x
+ * height: mode 1 (pyramid fusion) ((n - 1) x P + L) x weightBits / 8 +
+ * accBits / 8 x channels x L; mode 2 (with the local pass) the larger of
+ * that and accBits / 8 x channels x L + 4 L + 2 (channels x P + 4 channels
+ * x L). Returns 1; BV_FU_EBADARG for another mode or a NULL need. */
+BV_API int mem4fusion(int mode, int n, int weightBits, int accBits, uint64_t *need, int ignored,
+                      uint64_t size, int channels);
+
+/* --- Local refinement of a fused picture ------------------------------- */
+/* Codes of bv_fusion_local. */
+enum {
+    BV_FLOCAL_EMODE = -1,    /* a mode other than 2 */
+    BV_FLOCAL_EDEPTH = -2,   /* dim.bitsOut other than 8 or 16 */
+    BV_FLOCAL_EBADARG = -3,  /* NULL image or params, negative size, channels
+                                < 1, dim.rowOut shorter than a row */
+    BV_FLOCAL_ENOMEM = -4,   /* the tile tables could not be allocated */
+    BV_FLOCAL_ECANCEL = -5   /* the progress callback asked to stop */
+};
+
+/* Refines a fused picture in place: the second pass of the fusion's
+ * two-pass mode (fusion slot 9 = 1.0), which calls it with mode 2.
+ *
+ * Mode 2 is a local-contrast refinement on a grid of tiles. The grid step is
+ * the fusion module's InterpolationInterval (40 pixels until a two-pass
+ * fusion sets it to 85). Each tile, twice the step wide and centred on its
+ * grid point, gets a tone curve from its own luma histogram: histogram
+ * equalisation with every bin clipped at slot 10 times the mean bin height
+ * (the clipped counts spread evenly), mixed with the identity by
+ * 0.35 x slot 18 (clamped to 0..1; slot 10 above 256 clips nothing; grid
+ * steps below 8 count as 8). Between grid points the curves are
+ * interpolated bilinearly, so no tile edge shows. A pixel's R, G and B are
+ * scaled by new luma / old luma, then clamped, which keeps its hue. Slot 10
+ * <= 0 or slot 18 <= 0 leaves the image as it is. No other slot is read.
+ *   progressCb  NULL or a callback told 0.4 .. 1.0 on the calling thread
+ *               (it follows the pyramid stage, which reports up to 0.4).
+ *   params      the fusion record (slots 10 and 18 read, none written).
+ *   wrap        non-zero: the picture is a 360-degree panorama; curves
+ *               between the last and the first tile column are interpolated
+ *               across the seam.
+ *   image       dim.width x dim.height pixels of dim.channels samples,
+ *               dim.bitsOut 16: 16-bit, 8: 8-bit; rows dim.rowOut samples
+ *               apart (0 = packed); R, G, B at 0, (channels-1)/2, channels-1
+ *               (first and last exchanged when dim.bgr). Fewer than three
+ *               channels: the one sample is treated as luma.
+ *   threads     the first forwarded argument of the fusion: worker threads
+ *               (0 or 1 = calling thread). The output is identical for any
+ *               thread count.
+ *   reserved1..reserved4  the other forwarded arguments; not read.
+ * Returns 1 (also for an empty image or a zero strength), or a BV_FLOCAL_*
+ * code; on BV_FLOCAL_ECANCEL the image may be partly refined. Like the whole
+ * fusion, not for concurrent use: InterpolationInterval is module-wide. */
+BV_API int bv_fusion_local(int mode, bv_progress_cb progressCb, const TmParam *params, int wrap,
+                           void *image, int64_t threads, int64_t reserved1, int64_t reserved2,
+                           int64_t reserved3, int64_t reserved4, DimParam dim);
+/* @end fusion */
+
+/* ===================================================================== */
+/*  Exposure blend                                                       */
+/* ===================================================================== */
+/* @section blend */
+/* Codes of the exposure blend. */
+enum {
+    BV_BLEND_UNTOUCHED = 1,  /* bv_blend: no layer has a positive opacity */
+    BV_BLEND_ETHREAD = -2,   /* a worker thread could not be created */
+    BV_BLEND_EBADARG = -3,   /* NULL pointer, n < 1, negative size, channels
+                                < 1, bits other than 8/16, short rows */
+    BV_BLEND_ENOMEM = -4     /* the layer tables could not be allocated */
+};
+
+/* Paints source exposures back into a processed result, in place.
+ *   layers  1 + B records: record 0 is the base layer (applies everywhere),
+ *           records 1..B the brush layers, B = (int)record0.slot[55] when a
+ *           brush is given (at most 255, a brush byte addresses no more),
+ *           else 0. Per record: slot 51 opacity in percent (limited to 99 %,
+ *           so the result always keeps 1 %; <= 0: layer off), slot 52 the
+ *           wanted exposure value: the exposure of evs closest to it is
+ *           used (equal distances: the lower EV for a negative target, the
+ *           higher for a positive one, the first for 0; an exact match wins
+ *           at once). n < 2 or evs NULL: exposure 0.
+ *   evs     n exposure values, or NULL.
+ *   brush   NULL, or 2 bytes per pixel, rows of dim.width pixels: strength,
+ *           layer index (255 = not painted; an index >= B uses layer B - 1).
+ *           A painted pixel of strength s mixes (s + 1) / 256 of its layer's
+ *           blend into the base blend; strength 0 keeps the base blend.
+ *   stack   n exposures, dim.bitsIn (8 or 16) bits, natural channel order,
+ *           rows dim.rowIn samples apart (0 = packed), exposure i at
+ *           i * rowIn * height samples.
+ *   result  dim.bitsOut (8 or 16) bits, rows dim.rowOut samples apart
+ *           (0 = packed), first and last channel exchanged when dim.bgr.
+ *           Only the samples at 0, (channels-1)/2 and channels-1 change.
+ * Layer blend, fixed point per sample: (src * a + res * b) >> sh, limited to
+ * the output range, with a = opacity * S, b = (1 - opacity) * R truncated;
+ * 8-bit output: R = 65535, sh = 16; 16-bit: R = 255, sh = 8; S = 65535 for
+ * 8-bit sources, else 255. A layer at opacity 0 thus still maps 8-bit
+ * samples v to (v * 65535) >> 16.
+ * threads: bands of height / threads rows (the last takes the rest); fewer
+ * than 2 threads or fewer than 3 rows a band work on the calling thread.
+ * Identical output for any thread count.
+ * Returns the rows of the last band (the height when run on one thread), 0
+ * for an empty image, BV_BLEND_UNTOUCHED, or a BV_BLEND_* code; on
+ * BV_BLEND_ETHREAD every started thread has been joined and the result is
+ * partly blended. */
+BV_API int bv_blend(int threads, int n, const TmParam *layers, const float *evs,
+                    const uint8_t *brush, const void *stack, DimParam dim, void *result);
+
+/* Draws a selection over the last exposure of an 8-bit stack for display:
+ * exposure n - 1 (at (n - 1) * inRowLen * rows bytes) is copied row by row
+ * into out (width * channels bytes a row; rows inRowLen / outRowLen bytes
+ * apart) and every selected pixel is tinted towards blue (R at 0, G at
+ * (channels-1)/2, B at channels-1).
+ *   mode != 0  selection is a bit mask, one bit per pixel in row order, most
+ *              significant bit first: R, G, B * 0.75, plus 63.75 on blue.
+ *   mode == 0  selection is one byte per pixel: m != 0 moves the pixel by
+ *              m / 1020 (at most a quarter) towards pure blue.
+ * Returns 0; BV_BLEND_EBADARG for NULL buffers, n < 1, negative sizes,
+ * channels < 1 or row lengths shorter than width * channels. */
+BV_API int brush_selection_preview(int mode, int n, int width, int rows, int inRowLen,
+                                   int outRowLen, int channels, const uint8_t *stack,
+                                   const uint8_t *selection, uint8_t *out);
+/* @end blend */
 
 #ifdef __cplusplus
 }

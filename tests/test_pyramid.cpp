@@ -1,12 +1,11 @@
 // Pyramid sizing, reduction, enlargement round trips, Gaussian blur and area reduction.
+#include <Brackvista40Lib1.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstring>
 #include <string>
 #include <vector>
-
-#include <Brackvista40Lib1.h>
 
 #include "test_support.hpp"
 
@@ -76,6 +75,15 @@ TEST(PyramidReduce, BordersRepeatOrWrap) {
     }
 }
 
+TEST(PyramidReduce, ColumnUsesRowsAboveAndBelow) {
+    // 1 x 3 column 0, 80, 160: edges and diagonals repeat the column itself.
+    const uint16_t fine[3] = {0, 80, 160};
+    uint16_t coarse[2] = {};
+    ASSERT_EQ(bv_short_downsample(1, 3, 1, 0, fine, coarse), 2);
+    EXPECT_EQ(coarse[0], 20);
+    EXPECT_EQ(coarse[1], 140);
+}
+
 TEST(PyramidReduce, BadArguments) {
     uint16_t a[16] = {}, b[16] = {};
     EXPECT_EQ(bv_short_downsample(4, 4, 2, 0, a, b), -1);
@@ -94,7 +102,17 @@ TEST(PyramidEnlarge, FixedValues) {
     for (int wrap = 0; wrap < 2; ++wrap) {
         uint8_t fine[16] = {};
         ASSERT_EQ(bv_uchar_upsample(4, 4, 2, 2, 1, wrap, coarse, fine), 4);
-        for (int i = 0; i < 16; ++i) EXPECT_EQ(fine[i], want[wrap][i]) << "wrap " << wrap << " @" << i;
+        for (int i = 0; i < 16; ++i)
+            EXPECT_EQ(fine[i], want[wrap][i]) << "wrap " << wrap << " @" << i;
+        // The same in the middle channel of an RGB level, the others flat.
+        uint8_t rgb[12], fine3[48] = {};
+        for (int i = 0; i < 4; ++i) rgb[3 * i] = rgb[3 * i + 2] = 9, rgb[3 * i + 1] = coarse[i];
+        ASSERT_EQ(bv_uchar_upsample(4, 4, 2, 2, 3, wrap, rgb, fine3), 4);
+        for (int i = 0; i < 16; ++i) {
+            EXPECT_EQ(fine3[3 * i + 1], want[wrap][i]) << "rgb wrap " << wrap << " @" << i;
+            EXPECT_EQ(fine3[3 * i], 9);
+            EXPECT_EQ(fine3[3 * i + 2], 9);
+        }
     }
     // A one-pixel-wide coarse level enlarges to constant rows.
     const uint8_t column[3] = {10, 20, 30};

@@ -51,7 +51,7 @@ public:
         std::free(p_);
         p_ = nullptr;
         n_ = 0;
-        size_t bytes;
+        size_t bytes = 0;
         if (!checked_mul(count ? count : 1, sizeof(T), &bytes)) return false;
         if (detail::alloc_should_fail()) return false;
         p_ = static_cast<T *>(std::calloc(1, bytes));

@@ -51,7 +51,12 @@ Args::Args(const std::vector<OptionSpec> &specs, int argc, char **argv) {
         }
         if (!opt)
             usage_error("unknown option '" + a + "' (see brackvista " + g_command + " --help)");
-        if (opt->value) {
+        // A placeholder in brackets ("[=WORD]") marks a value that may only
+        // be given inline, so that the option also works as a plain flag.
+        const bool optional = opt->value && opt->value[0] == '[';
+        if (optional) {
+            // Takes the inline value, if any, as it is.
+        } else if (opt->value) {
             if (!inline_value) {
                 if (i + 1 >= argc)
                     usage_error("option --" + std::string(opt->name) + " needs a value " +
@@ -105,7 +110,7 @@ void print_help(const char *usage, const char *description, const std::vector<Op
         std::string left = "  ";
         left += s.short_name ? std::string("-") + s.short_name + ", " : "    ";
         left += "--" + std::string(s.name);
-        if (s.value) left += std::string(" ") + s.value;
+        if (s.value) left += (s.value[0] == '[' ? "" : " ") + std::string(s.value);
         if (left.size() < 30)
             std::printf("%-30s %s\n", left.c_str(), s.help);
         else

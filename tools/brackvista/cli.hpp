@@ -26,7 +26,8 @@ struct Failure : std::runtime_error {
 struct OptionSpec {
     const char *name;   // long name without dashes
     char short_name;    // 0 = none
-    const char *value;  // value placeholder for help, nullptr = flag
+    const char *value;  // value placeholder for help, nullptr = flag,
+                        // "[=WORD]" = flag with an optional inline value
     const char *help;
 };
 

@@ -13,7 +13,9 @@
 #include "cli.hpp"
 #include "libcalls.hpp"
 #include "pipeline.hpp"
+#include "fuse.hpp"
 #include "scene.hpp"
+
 
 namespace bvcli {
 namespace {
@@ -83,13 +85,18 @@ void step_brackets(Demo &d) {
             bool exif = true;
             std::vector<std::array<int32_t, 7>> rec;
             for (const auto &b : d.set.info) {
-                exif = exif && b.exposure_time > 0;
+                // Zero, infinite (1/0) or NaN times are no reference.
+                exif = exif && b.exposure_time > 0 && std::isfinite(b.exposure_time) &&
+                       b.exif.exposureDen > 0;
                 rec.push_back({b.exif.exposureNum, b.exif.exposureDen, b.exif.fNumberNum,
                                b.exif.fNumberDen, 0, b.iso, 0});
             }
             if (exif) {
                 d.truth = lib::exposures_from_camera(rec);
                 d.truth_source = "EXIF";
+            } else if (std::any_of(d.set.info.begin(), d.set.info.end(),
+                                   [](const BracketInfo &b) { return b.exposure_time != 0; })) {
+                d.say("EXIF exposure times are missing or invalid in some files: no reference");
             }
         }
         d.say(format("brackets: %zu files from %s, %dx%d, %d-bit", inputs.size(), d.folder.c_str(),
@@ -129,31 +136,58 @@ void step_brackets(Demo &d) {
                d.set.info.size(), static_cast<unsigned long long>(d.seed)));
 }
 
+// Largest |error| in stops of `est` against the reference, both taken
+// relative to the bracket the estimate calls 1; errors per bracket in `err`.
+double estimate_errors(const std::vector<float> &est, const std::vector<float> &truth,
+                       std::vector<double> *err, size_t *at = nullptr) {
+    size_t ref = 0;
+    for (size_t k = 1; k < est.size(); ++k)
+        if (std::fabs(std::log(est[k])) < std::fabs(std::log(est[ref]))) ref = k;
+    if (at) *at = ref;
+    double worst = 0;
+    err->clear();
+    for (size_t k = 0; k < est.size(); ++k) {
+        err->push_back(std::log2(est[k] / est[ref]) - std::log2(truth[k] / truth[ref]));
+        worst = std::max(worst, std::fabs(err->back()));
+    }
+    return worst;
+}
+
 void step_exposures(Demo &d) {
     const int n = static_cast<int>(d.set.info.size());
-    d.estimated =
+    // Measured through the curve the files use: sRGB unless they say otherwise.
+    const BracketInfo &first = d.set.info.front();
+    const bool srgb = first.icc.empty() && !first.linear;
+    const float gamma = first.linear ? 1.0f : lib::gamma_from_profile(first.icc);
+    const lib::PixelEstimate pe = lib::estimate_from_pixels(
+        n, d.set.width, d.set.height, d.set.bits, d.set.data.data(), gamma, srgb, d.threads);
+    d.estimated = pe.factors;
+    const std::vector<float> median =
         lib::estimate_exposures(n, d.set.width, d.set.height, d.set.bits, d.set.data.data());
-    // Compare in stops relative to the bracket the estimate calls 1.
-    size_t ref = 0;
-    for (size_t k = 1; k < d.estimated.size(); ++k)
-        if (std::fabs(std::log(d.estimated[k])) < std::fabs(std::log(d.estimated[ref]))) ref = k;
     if (d.truth.empty()) {
         d.say("exposures estimated from the pixels (no reference in the files):");
+        d.say(format("  %-28s %8s %10s", "bracket", "pixels", "confidence"));
         for (int k = 0; k < n; ++k)
-            d.say(format("  %-28s %+6.2f EV", d.names[k].c_str(), std::log2(d.estimated[k])));
+            d.say(format("  %-28s %+8.2f %10.2f", d.names[k].c_str(), std::log2(d.estimated[k]),
+                         pe.confidence[k]));
         return;
     }
-    d.say(format("exposures, estimated from the pixels against the %s ones (stops):",
-                 d.truth_source.c_str()));
-    d.say(format("  %-28s %8s %10s %7s", "bracket", d.truth_source.c_str(), "estimated", "error"));
-    double worst = 0;
-    for (int k = 0; k < n; ++k) {
-        double t = std::log2(d.truth[k] / d.truth[ref]);
-        double e = std::log2(d.estimated[k]);
-        worst = std::max(worst, std::fabs(e - t));
-        d.say(format("  %-28s %+8.2f %+10.2f %+7.2f", d.names[k].c_str(), t, e, e - t));
-    }
-    d.say(format("  largest error %.2f stops", worst));
+    d.say(
+        format("exposures estimated two ways against the %s ones (stops): from pixel ratios, "
+               "and from median brightness",
+               d.truth_source.c_str()));
+    d.say(format("  %-28s %8s %8s %7s %8s %7s", "bracket", d.truth_source.c_str(), "pixels",
+                 "error", "median", "error"));
+    std::vector<double> err_p, err_m;
+    size_t ref = 0;
+    const double worst_p = estimate_errors(d.estimated, d.truth, &err_p, &ref);
+    const double worst_m = estimate_errors(median, d.truth, &err_m);
+    for (int k = 0; k < n; ++k)
+        d.say(format("  %-28s %+8.2f %+8.2f %+7.2f %+8.2f %+7.2f", d.names[k].c_str(),
+                     std::log2(d.truth[k] / d.truth[ref]), std::log2(d.estimated[k]), err_p[k],
+                     std::log2(median[k]), err_m[k]));
+    d.say(format("  largest error: pixel ratios %.3f stops, median brightness %.3f stops", worst_p,
+                 worst_m));
 }
 
 // How well the merge recovered the scene: per-pixel luminance ratio to the
@@ -215,6 +249,21 @@ void step_tonemap(Demo &d) {
     d.wrote("tonemapped.png");
 }
 
+// The brackets fused straight into a picture, with no HDR file between.
+void step_fuse(Demo &d) {
+    OutputFile out(d.path("fused.png"));
+    FuseJob job;
+    job.threads = d.threads;
+    std::vector<uint8_t> px = fuse_brackets(d.set, job);
+    const exifInfo *meta = d.set.info.empty() ? nullptr : &d.set.info[d.set.info.size() / 2].exif;
+    save_picture(out, d.set.width, d.set.height, 8, px, meta);
+    d.wrote("fused.png");
+    double sum = 0;
+    for (uint8_t v : px) sum += v;
+    d.say(format("fused %zu brackets straight into fused.png (no HDR file): mean level %.0f of 255",
+                 d.set.info.size(), sum / static_cast<double>(px.size())));
+}
+
 // The workflow in order; a new capability adds its step here.
 const std::vector<Step> &steps() {
     static const std::vector<Step> table = {
@@ -222,6 +271,7 @@ const std::vector<Step> &steps() {
         {"exposures", step_exposures},
         {"merge", step_merge},
         {"tonemap", step_tonemap},
+        {"fuse", step_fuse},
     };
     return table;
 }

@@ -225,11 +225,16 @@ void write_picture(const std::string &path, const std::string &shown, const std:
             ispec.attribute("Model", std::string(meta->camera, strnlen(meta->camera, 64)));
         if (meta->capDate[0])
             ispec.attribute("DateTime", std::string(meta->capDate, strnlen(meta->capDate, 20)));
+        // OpenImageIO turns a float EXIF rational that is an exact binary
+        // fraction below 1 (1/2 s, 1/8192 s) into 1/0; one unit in the last
+        // place up keeps it finite and reads back as the same time.
+        auto rational = [](int32_t num, int32_t den) {
+            return std::nextafter(static_cast<float>(num) / static_cast<float>(den), 1e30f);
+        };
         if (meta->exposureNum > 0 && meta->exposureDen > 0)
-            ispec.attribute("ExposureTime",
-                           static_cast<float>(meta->exposureNum) / meta->exposureDen);
+            ispec.attribute("ExposureTime", rational(meta->exposureNum, meta->exposureDen));
         if (meta->fNumberNum > 0 && meta->fNumberDen > 0)
-            ispec.attribute("FNumber", static_cast<float>(meta->fNumberNum) / meta->fNumberDen);
+            ispec.attribute("FNumber", rational(meta->fNumberNum, meta->fNumberDen));
         if (meta->iso > 0) ispec.attribute("Exif:PhotographicSensitivity", meta->iso);
     }
     ispec.attribute("Software", "brackvista");

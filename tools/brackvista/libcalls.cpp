@@ -35,6 +35,32 @@ std::vector<float> estimate_exposures(int n, int width, int height, int bits, co
     return factors;
 }
 
+PixelEstimate estimate_from_pixels(int n, int width, int height, int bits, const void *data,
+                                   float gamma, bool srgb, int threads) {
+    std::vector<float> curve;
+    if (srgb) {
+        const double top = std::ldexp(1.0, bits) - 1;
+        for (int i = 0; i < (1 << bits); ++i) {
+            const double v = i / top;
+            curve.push_back(
+                static_cast<float>(v <= 0.04045 ? v / 12.92 : std::pow((v + 0.055) / 1.055, 2.4)));
+        }
+    }
+    PixelEstimate e;
+    e.factors.assign(static_cast<size_t>(n), 1.0f);
+    e.confidence.assign(static_cast<size_t>(n), 0.0f);
+    Progress bar("estimating exposures");
+    const int rc = bv_hdr_estimate_exposures(&Progress::library_callback, threads, n, width, height,
+                                             3, bits, gamma, srgb ? curve.data() : nullptr, data,
+                                             e.factors.data(), e.confidence.data());
+    check_interrupted();
+    if (rc == BV_HDR_CANCELLED) throw Failure(kCancelled, "cancelled");
+    if (rc == BV_HDR_ENOMEM) fail("not enough memory to estimate the exposures");
+    if (rc < 0) fail("exposure estimation failed (" + code_text(BV_FAMILY_HDRGEN, rc) + ")");
+    e.measured = rc;
+    return e;
+}
+
 float gamma_from_profile(const std::vector<uint8_t> &icc) {
     float gamma = 2.2f;
     if (icc.size() >= 16) {

@@ -19,6 +19,17 @@ std::vector<float> exposures_from_camera(std::vector<std::array<int32_t, 7>> rec
 // of the brightness order gets 1), as the merge would estimate them.
 std::vector<float> estimate_exposures(int n, int width, int height, int bits, const void *data);
 
+// Relative exposures measured from neighbour ratios over well-exposed pixels
+// (bv_hdr_estimate_exposures), with a confidence per bracket; `measured` is
+// the number of bracket pairs the pixels decided (the rest fell back). The
+// levels are linearised by the sRGB curve when `srgb`, else by `gamma`.
+struct PixelEstimate {
+    std::vector<float> factors, confidence;
+    int measured = 0;
+};
+PixelEstimate estimate_from_pixels(int n, int width, int height, int bits, const void *data,
+                                   float gamma, bool srgb, int threads);
+
 // Gamma of the tone curve in an ICC profile (2.2 when it has a sampled curve).
 float gamma_from_profile(const std::vector<uint8_t> &icc);
 

@@ -11,6 +11,7 @@
 #include <sstream>
 
 #include "cli.hpp"
+#include "exposures.hpp"
 #include "libcalls.hpp"
 
 namespace bvcli {
@@ -87,41 +88,10 @@ void parse_exposures(const std::string &arg, std::vector<std::string> &inputs,
 
 HdrImage merge_brackets(const BracketSet &set, const ExposureChoice &choice, MergeReport *report,
                         int threads) {
-    (void)threads;  // the merge runs on the calling thread
     const int n = static_cast<int>(set.info.size());
     if (n < 2)
         fail("merging needs at least two brackets of one scene (got " + std::to_string(n) + ")");
     MergeReport r;
-    std::vector<float> exposures;
-    float ev_step = 0.0f;  // estimate unless something better is known
-    if (!choice.given.empty()) {
-        if (static_cast<int>(choice.given.size()) != n)
-            usage_error(std::to_string(choice.given.size()) + " exposures given for " +
-                        std::to_string(n) + " brackets");
-        exposures = choice.given;
-        ev_step = -1.0f;
-        r.exposure_source = "given";
-    } else if (choice.ev_step > 0) {
-        ev_step = static_cast<float>(choice.ev_step);
-        r.exposure_source = "fixed spacing";
-    } else if (!choice.estimate &&
-               std::all_of(set.info.begin(), set.info.end(),
-                           [](const BracketInfo &b) { return b.exposure_time > 0; })) {
-        std::vector<std::array<int32_t, 7>> records;
-        for (const auto &b : set.info)
-            records.push_back({b.exif.exposureNum, b.exif.exposureDen, b.exif.fNumberNum,
-                               b.exif.fNumberDen, 0, b.iso, 0});
-        exposures = lib::exposures_from_camera(records);
-        auto [lo, hi] = std::minmax_element(exposures.begin(), exposures.end());
-        if (*lo > 0 && *hi > *lo * 1.01f) {
-            ev_step = -1.0f;
-            r.exposure_source = "EXIF";
-        } else {
-            exposures.clear();  // one exposure for all: the pixels must tell
-        }
-    }
-    if (r.exposure_source.empty()) r.exposure_source = "estimated";
-
     if (choice.gamma > 0) {
         r.gamma = static_cast<float>(choice.gamma);
         r.gamma_source = "given";
@@ -135,6 +105,17 @@ HdrImage merge_brackets(const BracketSet &set, const ExposureChoice &choice, Mer
         r.gamma = 2.2f;
         r.gamma_source = "default";
     }
+
+    // Files that name no curve are sRGB by convention; the merge keeps its
+    // gamma, but the exposures are measured through the curve itself.
+    ExposurePlan plan =
+        choose_exposures(set, choice, r.gamma, r.gamma_source == "default", threads);
+    std::vector<float> exposures = plan.exposures;
+    const float ev_step = plan.ev_step;
+    r.exposure_source = plan.source;
+    r.estimate = plan.estimate;
+    r.confidence = plan.confidence;
+    r.warnings = plan.warnings;
 
     HdrImage img;
     img.width = set.width;

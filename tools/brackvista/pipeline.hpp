@@ -17,6 +17,7 @@ struct ExposureChoice {
     std::vector<float> given;  // per input, relative (any scale)
     double ev_step = 0;        // > 0: evenly spaced this many stops
     bool estimate = false;     // ignore EXIF
+    bool median = false;       // estimate by median brightness, not pixel ratios
     double gamma = 0;          // > 0: response exponent to use
 };
 
@@ -37,8 +38,11 @@ struct HdrImage {
 };
 
 struct MergeReport {
-    std::vector<float> exposures;  // per bracket, as merged
-    std::string exposure_source;   // "given", "EXIF", "fixed spacing", "estimated"
+    std::vector<float> exposures;       // per bracket, as merged
+    std::string exposure_source;        // "given", "EXIF", "fixed spacing", "estimated ..."
+    std::vector<float> estimate;        // measured from the pixels, empty if not made
+    std::vector<float> confidence;      // of each estimate, 0..1
+    std::vector<std::string> warnings;  // one line each, for the user
     float gamma = 2.2f;
     std::string gamma_source;  // "ICC profile", "default", "given", "raw decoder"
     float stats[3] = {};       // min, max, mean luminance x 256

@@ -17,8 +17,8 @@ int reduce(int width, int height, int channels, int wrap, const T *fine, T *coar
 // Subtracts (sign -1) or adds (sign +1) the 2x enlargement of coarse to fine.
 // Coarse samples are C, fine samples F; sums wrap in F. Returns fineHeight or -1.
 template <class C, class F>
-int expand(int fineWidth, int fineHeight, int coarseWidth, int coarseHeight, int channels,
-           int wrap, const C *coarse, F *fine, int sign);
+int expand(int fineWidth, int fineHeight, int coarseWidth, int coarseHeight, int channels, int wrap,
+           const C *coarse, F *fine, int sign);
 
 // Separable Gaussian blur of 8-bit samples in place; see bv_downtower.
 int downtower(int radius, int width, int height, int channels, int threads, uint8_t *image);

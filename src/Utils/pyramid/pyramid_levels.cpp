@@ -24,8 +24,8 @@ int64_t pyram_len(int width, int height) {
 
 uint64_t pyram_len2(int width, int height) {
     // The product wraps as a 32-bit integer before it becomes a float.
-    const int32_t product = static_cast<int32_t>(static_cast<uint32_t>(width) *
-                                                 static_cast<uint32_t>(height));
+    const int32_t product =
+        static_cast<int32_t>(static_cast<uint32_t>(width) * static_cast<uint32_t>(height));
     const double bound = static_cast<double>(static_cast<float>(product)) * 1.5 + 0.5;
     return bound > 0.0 ? static_cast<uint64_t>(bound) : 0;
 }
@@ -45,10 +45,10 @@ inline int side(int x, int dx, int width, int wrap) {
 
 template <class T>
 int reduce(int width, int height, int channels, int wrap, const T *fine, T *coarse) {
-    if (channels != 1 && channels != 3) return -1;
-    if (width < 0 || height < 0) return -1;
+    if (channels != 1 && channels != 3) return BV_PYR_EARG;
+    if (width < 0 || height < 0) return BV_PYR_EARG;
     if (width == 0 || height == 0) return 0;
-    if (!fine || !coarse) return -1;
+    if (!fine || !coarse) return BV_PYR_EARG;
     const int cw = (width + 1) / 2, ch = (height + 1) / 2;
     const size_t stride = static_cast<size_t>(width) * channels;
     for (int i = 0; i < ch; ++i) {
@@ -75,13 +75,14 @@ int reduce(int width, int height, int channels, int wrap, const T *fine, T *coar
 }
 
 template <class C, class F>
-int expand(int fineWidth, int fineHeight, int coarseWidth, int coarseHeight, int channels,
-           int wrap, const C *coarse, F *fine, int sign) {
-    if (channels != 1 && channels != 3) return -1;
-    if (fineWidth < 0 || fineHeight < 0) return -1;
+int expand(int fineWidth, int fineHeight, int coarseWidth, int coarseHeight, int channels, int wrap,
+           const C *coarse, F *fine, int sign) {
+    if (channels != 1 && channels != 3) return BV_PYR_EARG;
+    if (fineWidth < 0 || fineHeight < 0) return BV_PYR_EARG;
     if (fineHeight == 0 || fineWidth == 0) return fineHeight;
-    if (!coarse || !fine) return -1;
-    if (coarseWidth < (fineWidth + 1) / 2 || coarseHeight < (fineHeight + 1) / 2) return -1;
+    if (!coarse || !fine) return BV_PYR_EARG;
+    if (coarseWidth < (fineWidth + 1) / 2 || coarseHeight < (fineHeight + 1) / 2)
+        return BV_PYR_EARG;
     const size_t cstride = static_cast<size_t>(coarseWidth) * channels;
     const size_t fstride = static_cast<size_t>(fineWidth) * channels;
     for (int y = 0; y < fineHeight; ++y) {
@@ -113,9 +114,8 @@ int expand(int fineWidth, int fineHeight, int coarseWidth, int coarseHeight, int
                     v = (p + r + d + q) >> 2;
                 }
                 const unsigned f = out[static_cast<size_t>(x) * channels + c];
-                out[static_cast<size_t>(x) * channels + c] =
-                    static_cast<F>(sign < 0 ? f - static_cast<unsigned>(v)
-                                            : f + static_cast<unsigned>(v));
+                out[static_cast<size_t>(x) * channels + c] = static_cast<F>(
+                    sign < 0 ? f - static_cast<unsigned>(v) : f + static_cast<unsigned>(v));
             }
         }
     }
@@ -135,12 +135,10 @@ extern "C" {
 
 BV_API int64_t pyram_len(int width, int height) { return bv::pyramid::pyram_len(width, height); }
 
-BV_API uint64_t pyram_len2(int width, int height) {
-    return bv::pyramid::pyram_len2(width, height);
-}
+BV_API uint64_t pyram_len2(int width, int height) { return bv::pyramid::pyram_len2(width, height); }
 
-BV_API int bv_short_downsample(int width, int height, int channels, int wrap,
-                               const uint16_t *fine, uint16_t *coarse) {
+BV_API int bv_short_downsample(int width, int height, int channels, int wrap, const uint16_t *fine,
+                               uint16_t *coarse) {
     return bv::pyramid::reduce(width, height, channels, wrap, fine, coarse);
 }
 

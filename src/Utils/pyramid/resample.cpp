@@ -7,6 +7,7 @@
 #include "Threading/bands.hpp"
 #include "Utils/pyramid/pyramid.hpp"
 #include "common/boundary.hpp"
+#include "common/diag.hpp"
 #include "common/pixels.hpp"
 #include "core/rgbe/rgbe_pixel.hpp"
 
@@ -24,7 +25,7 @@ inline uint8_t round_u8(double v) {
 }  // namespace
 
 int downtower(int radius, int width, int height, int channels, int threads, uint8_t *image) {
-    if (!image || width < 0 || height < 0 || channels < 1) return -1;
+    if (!image || width < 0 || height < 0 || channels < 1) return BV_PYR_EARG;
     if (radius < 1 || width == 0 || height == 0) return height;
     const int taps = 2 * radius + 1;
     std::vector<double> w(static_cast<size_t>(taps));
@@ -38,10 +39,10 @@ int downtower(int radius, int width, int height, int channels, int threads, uint
     size_t stride, total;
     if (!checked_mul(static_cast<size_t>(width), static_cast<size_t>(channels), &stride) ||
         !checked_mul(stride, static_cast<size_t>(height), &total))
-        return -4;
+        return BV_PYR_ENOMEM;
     Scratch<uint8_t> tmp;
-    if (!tmp.alloc(total)) return -4;
-    std::fputc('\n', stderr);
+    if (!tmp.alloc(total)) return BV_PYR_ENOMEM;
+    diag(Stream::Err, "\n");
 
     // Along rows into tmp, then along columns back into the image.
     threading::run_bands(
@@ -54,8 +55,10 @@ int downtower(int radius, int width, int height, int channels, int threads, uint
                     for (int c = 0; c < channels; ++c) {
                         double acc = 0.0;
                         for (int k = 0; k < taps; ++k)
-                            acc += w[k] * in[static_cast<size_t>(clamp_index(x + k - radius, width)) *
-                                                 channels + c];
+                            acc +=
+                                w[k] * in[static_cast<size_t>(clamp_index(x + k - radius, width)) *
+                                              channels +
+                                          c];
                         out[static_cast<size_t>(x) * channels + c] = round_u8(acc);
                     }
             }
@@ -69,8 +72,10 @@ int downtower(int radius, int width, int height, int channels, int threads, uint
                 for (size_t i = 0; i < stride; ++i) {
                     double acc = 0.0;
                     for (int k = 0; k < taps; ++k)
-                        acc += w[k] * tmp[static_cast<size_t>(clamp_index(y + k - radius, height)) *
-                                              stride + i];
+                        acc +=
+                            w[k] *
+                            tmp[static_cast<size_t>(clamp_index(y + k - radius, height)) * stride +
+                                i];
                     out[i] = round_u8(acc);
                 }
             }
@@ -132,7 +137,8 @@ void read_ints(const void *src, int width, int ch, int y, float *out) {
 
 void read_floats(const void *src, int width, int ch, int y, float *out) {
     const size_t n = static_cast<size_t>(width) * ch;
-    std::memcpy(out, static_cast<const float *>(src) + static_cast<size_t>(y) * n, n * sizeof(float));
+    std::memcpy(out, static_cast<const float *>(src) + static_cast<size_t>(y) * n,
+                n * sizeof(float));
 }
 
 const rgbe::Table &exp_table() {
@@ -188,10 +194,10 @@ int area_reduce(int sw, int sh, int dw, int dh, int ch, const void *src, void *d
     if (!checked_mul(static_cast<size_t>(sw), static_cast<size_t>(ch), &in_n) ||
         !checked_mul(static_cast<size_t>(dw), static_cast<size_t>(ch), &out_n) ||
         !checked_mul(in_n, nb, &in_all) || !checked_mul(out_n, nb, &out_all))
-        return -4;
+        return BV_PYR_ENOMEM;
     Scratch<float> rows;
     Scratch<double> sums;
-    if (!rows.alloc(in_all) || !sums.alloc(out_all)) return -4;
+    if (!rows.alloc(in_all) || !sums.alloc(out_all)) return BV_PYR_ENOMEM;
     threading::run_bands(
         0, dh, threads,
         [&](const threading::Band &b) {
@@ -226,7 +232,7 @@ int downsample_float(int srcWidth, int srcHeight, int dstWidth, int dstHeight, i
                      const float *src, float *dst, int threads) {
     if (!src || !dst || srcWidth <= 0 || srcHeight <= 0 || dstWidth <= 0 || dstHeight <= 0 ||
         channels < 1)
-        return -1;
+        return BV_PYR_EARG;
     return area_reduce(srcWidth, srcHeight, dstWidth, dstHeight, channels, src, dst, threads,
                        read_floats, write_floats);
 }
@@ -235,19 +241,19 @@ int downsample(int srcWidth, int srcHeight, int dstWidth, int dstHeight, int cha
                const void *src, void *dst, int threads) {
     if (!src || !dst || srcWidth <= 0 || srcHeight <= 0 || dstWidth <= 0 || dstHeight <= 0 ||
         (channels < 1 && bits != 32))
-        return -1;
+        return BV_PYR_EARG;
     switch (bits) {
-    case 8:
-        return area_reduce(srcWidth, srcHeight, dstWidth, dstHeight, channels, src, dst, threads,
-                           read_ints<uint8_t>, write_ints<uint8_t>);
-    case 16:
-        return area_reduce(srcWidth, srcHeight, dstWidth, dstHeight, channels, src, dst, threads,
-                           read_ints<uint16_t>, write_ints<uint16_t>);
-    case 32:
-        return area_reduce(srcWidth, srcHeight, dstWidth, dstHeight, 3, src, dst, threads,
-                           read_rgbe, write_floats);
-    default:
-        return -2;
+        case 8:
+            return area_reduce(srcWidth, srcHeight, dstWidth, dstHeight, channels, src, dst,
+                               threads, read_ints<uint8_t>, write_ints<uint8_t>);
+        case 16:
+            return area_reduce(srcWidth, srcHeight, dstWidth, dstHeight, channels, src, dst,
+                               threads, read_ints<uint16_t>, write_ints<uint16_t>);
+        case 32:
+            return area_reduce(srcWidth, srcHeight, dstWidth, dstHeight, 3, src, dst, threads,
+                               read_rgbe, write_floats);
+        default:
+            return BV_PYR_EDEPTH;
     }
 }
 
@@ -257,15 +263,15 @@ extern "C" {
 
 BV_API int bv_downtower(int radius, int width, int height, int channels, int bits, int threads,
                         uint8_t *image) {
-    if (bits != 8) return -2;
-    return bv::c_boundary(-4, -4, [&] {
+    if (bits != 8) return BV_PYR_EDEPTH;
+    return bv::c_boundary(BV_PYR_ENOMEM, BV_PYR_ENOMEM, [&] {
         return bv::pyramid::downtower(radius, width, height, channels, threads, image);
     });
 }
 
 BV_API int bv_downsample(int srcWidth, int srcHeight, int dstWidth, int dstHeight, int channels,
                          int bits, const void *src, void *dst, int threads) {
-    return bv::c_boundary(-4, -4, [&] {
+    return bv::c_boundary(BV_PYR_ENOMEM, BV_PYR_ENOMEM, [&] {
         return bv::pyramid::downsample(srcWidth, srcHeight, dstWidth, dstHeight, channels, bits,
                                        src, dst, threads);
     });

@@ -35,6 +35,12 @@ int profile_gamma(const unsigned char *profile, int expectedSize, float *gamma);
 int response_gamma(int n, int width, int height, int channels, int bits, const void *data,
                    const float *exposures, float result[3]);
 
+// Exposures from neighbour ratios over well-exposed pixels; lin holds the
+// linear value of every level. Returns the pairs measured, or a code.
+int estimate_exposures(bv_progress_cb cb, int threads, int n, int width, int height, int channels,
+                       int bits, const float *lin, const void *data, float *exposures,
+                       float *confidence);
+
 // Merge; the arguments are checked by the exported adapter.
 int merge(bv_progress_cb cb, int mode, int n, int width, int height, int channels, float evStep,
           int bits, int gammaGiven, float *lut, float *exposures, const void *data, float stats[3],

@@ -79,8 +79,8 @@ double sum_rows(const double *rowDots, int height);
 // (strip rows + 2) x width floats) and written from `out` (strip rows x
 // width). rowDots (height entries) or NULL: per-row sums of x * out.
 // Returns 0 or a strip code (-20, -21, -22).
-int tm20m_streaming(int width, int height, int wrap, int threads, int strips, FILE *src,
-                    FILE *dst, float *buf, float *out, double *rowDots);
+int tm20m_streaming(int width, int height, int wrap, int threads, int strips, FILE *src, FILE *dst,
+                    float *buf, float *out, double *rowDots);
 // Removes the mean of b (per-row sums, then rows in order): a Poisson
 // problem with reflecting borders has a solution only for a right-hand side
 // summing to zero, and the float rounding of a divergence rarely does.
@@ -124,12 +124,11 @@ void exp_plane(float *v, int width, int height, int threads);
 // as level_sizes(width, height, levels), finest first) from the coarsest to
 // the finest, each level starting from the enlarged solution of the next
 // coarser one (the coarsest from 0); writes exp(solution) over the finest
-// level. Each level's right-hand side first loses its mean (centre_rhs). Uses slots 15 (wrap), 17 (iterations) and 18 (tolerance) of params
-// and optim's threads, mode (1: preview tolerances), temporary-file flag and
-// paths (streaming of the two finest levels of a pyramid of 3 or more levels
-// through tempPath1 and the four solver files). Coarser levels are left
-// overwritten with scratch values. Returns 1, or -1, -2, -3, -4, -5, -20,
-// -21, -22.
+// level. Each level's right-hand side first loses its mean (centre_rhs). Uses slots 15 (wrap), 17
+// (iterations) and 18 (tolerance) of params and optim's threads, mode (1: preview tolerances),
+// temporary-file flag and paths (streaming of the two finest levels of a pyramid of 3 or more
+// levels through tempPath1 and the four solver files). Coarser levels are left overwritten with
+// scratch values. Returns 1, or -1, -2, -3, -4, -5, -20, -21, -22.
 int calc_tm2new2(int levels, const TmParam *params, bv_progress_cb progressContext, float *plane,
                  int width, int height, const optimParam &optim);
 

@@ -7,6 +7,7 @@
 
 #include "Threading/bands.hpp"
 #include "common/boundary.hpp"
+#include "common/diag.hpp"
 #include "tmlib-core/solver/solver.hpp"
 
 namespace bv::solver {
@@ -94,19 +95,17 @@ int open_stream_files(StreamFiles &f, const char *inPath, const char *basePath, 
         FILE **file;
         const char *path;
         const char *mode;
-        const char *message;
+        const char *tag;  // names the file in the message
     };
     const Spec specs[] = {
-        {&f.base, basePath, "wb+", "can not open temporary file in tm20 %s\n"},
-        {&f.r, rPath, "wb+", "can not open temporary file R in tm20 %s\n"},
-        {&f.p, pPath, "wb+", "can not open temporary file P in tm20 %s\n"},
-        {&f.t, tPath, "wb+", "can not open temporary file T in tm20 %s\n"},
-        {&f.in, inPath, "rb", "can not open temporary file In in tm20 %s\n"},
+        {&f.base, basePath, "wb+", ""}, {&f.r, rPath, "wb+", "R "},   {&f.p, pPath, "wb+", "P "},
+        {&f.t, tPath, "wb+", "T "},     {&f.in, inPath, "rb", "In "},
     };
     for (const Spec &s : specs) {
         *s.file = s.path ? std::fopen(s.path, s.mode) : nullptr;
         if (!*s.file) {
-            std::printf(s.message, s.path ? s.path : "(null)");
+            diag(Stream::Out, "can not open temporary file %sin tm20 %s\n", s.tag,
+                 s.path ? s.path : "(null)");
             return kErrTempOpen;
         }
     }
@@ -145,8 +144,8 @@ int cg_stream(int width, int height, int maxIterations, int wrap, int threads, i
                                  (e - a) * static_cast<int64_t>(width), x + a * w))) < 0)
             return rc;
     }
-    if ((rc = tm20m_streaming(width, height, wrap, threads, strips, f.base, f.t, A, B,
-                              nullptr)) < 0)
+    if ((rc = tm20m_streaming(width, height, wrap, threads, strips, f.base, f.t, A, B, nullptr)) <
+        0)
         return rc;
     // Applies body to strip s after reading the listed files' strips into A
     // (first) and B (second), then writes `out` (A or B) to each target.
@@ -185,8 +184,8 @@ int cg_stream(int width, int height, int maxIterations, int wrap, int threads, i
     if (delta > 0.0) {
         done = maxIterations;
         for (int i = 1; i <= maxIterations; ++i) {
-            if ((rc = tm20m_streaming(width, height, wrap, threads, strips, f.p, f.t,
-                                      A, B, dt)) < 0)
+            if ((rc = tm20m_streaming(width, height, wrap, threads, strips, f.p, f.t, A, B, dt)) <
+                0)
                 return rc;
             const double dq = sum_rows(dt, height);
             if (dq == 0.0) {
@@ -312,12 +311,12 @@ void enlarge(const float *coarse, int cw, int ch, float *fine, int fw, int fh, i
 int write_level_file(const char *path, const float *data, size_t n) {
     File f(path, "wb");
     if (!f) {
-        std::printf("can not open temporary file %s\n", path ? path : "(null)");
+        diag(Stream::Out, "can not open temporary file %s\n", path ? path : "(null)");
         return kErrLevelOpen;
     }
     const size_t put = n ? std::fwrite(data, sizeof(float), n, f.get()) : 0;
     if (f.close() != 0 || put != n) {
-        std::printf("could not write to temporary file tempPath1\n");
+        diag(Stream::Out, "could not write to temporary file tempPath1\n");
         return kErrLevelWrite;
     }
     return 0;
@@ -355,7 +354,7 @@ int tm2new2_impl(int levels, const TmParam &params, bv_progress_cb progressConte
         float *b = plane + L.offset;
         const int lt = (L.height / threads < 81) ? 1 : threads;
         const float factor = (k == levels - 1) ? (optim.mode == 1 ? 1.0f : 0.0001f)
-                                                : level_factor(L.width, L.height);
+                                               : level_factor(L.width, L.height);
         const float tol = base * factor;
         centre_rhs(L.width, L.height, lt, b);
         if (k >= top) {

@@ -192,8 +192,8 @@ void strip_rows(int height, int strips, int s, int *first, int *end) {
     *end = (s == strips - 1) ? height : *first + h;
 }
 
-int tm20m_streaming(int width, int height, int wrap, int threads, int strips, FILE *src,
-                    FILE *dst, float *buf, float *out, double *rowDots) {
+int tm20m_streaming(int width, int height, int wrap, int threads, int strips, FILE *src, FILE *dst,
+                    float *buf, float *out, double *rowDots) {
     const size_t w = static_cast<size_t>(width);
     for (int s = 0; s < strips; ++s) {
         int first, end;

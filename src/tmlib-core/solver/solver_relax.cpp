@@ -7,6 +7,7 @@
 
 #include "Threading/bands.hpp"
 #include "common/boundary.hpp"
+#include "common/diag.hpp"
 #include "tmlib-core/solver/solver.hpp"
 
 namespace bv::solver {
@@ -61,8 +62,8 @@ void relax_rows(int width, int height, int first, int end, int lo, int colour, i
 
 // Sweeps of a level held in the file, strip by strip; each colour is one
 // pass over the file, so the result equals the in-memory sweep.
-int relax_file(FILE *file, int width, int height, int sweeps, int wrap, int threads,
-               const float *f, float *buf, bv_progress_cb cb, float p0, float dp) {
+int relax_file(FILE *file, int width, int height, int sweeps, int wrap, int threads, const float *f,
+               float *buf, bv_progress_cb cb, float p0, float dp) {
     for (int s = 0; s < sweeps; ++s) {
         for (int colour = 0; colour < 2; ++colour) {
             for (int a = 0; a < height; a += kStripRows) {
@@ -106,8 +107,8 @@ int tm2old_impl(int levels, const TmParam &params, bv_progress_cb cb, float *pla
         return kErrNoMem;
     File file(optim.solverBase, "wb+");
     if (!file) {
-        std::printf("can not open temporary file %s\n",
-                    optim.solverBase ? optim.solverBase : "(null)");
+        diag(Stream::Out, "can not open temporary file %s\n",
+             optim.solverBase ? optim.solverBase : "(null)");
         return kErrLevelOpen;
     }
     // Progress over the file-based sweeps, which take nearly all the time.
@@ -149,8 +150,8 @@ int tm2old_impl(int levels, const TmParam &params, bv_progress_cb cb, float *pla
                                        static_cast<int64_t>(e - a) * L.width, buf.get());
             if (rc != 4) return rc < 0 ? rc : kErrStripWrite;
         }
-        int rc = relax_file(file.get(), L.width, L.height, sweeps, wrap, lt, f, buf.get(), cb, p0,
-                            dp);
+        int rc =
+            relax_file(file.get(), L.width, L.height, sweeps, wrap, lt, f, buf.get(), cb, p0, dp);
         if (rc < 0) return rc;
         p0 += sweeps * dp;
         // The right-hand side is spent: the solution takes its place.

@@ -1,0 +1,158 @@
+// The fusion's local pass: codes, neutral settings, contrast gain, grid step, wrap, threads.
+#include <Brackvista40Lib1.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <vector>
+
+#include "FusionLib/local/fusion_local.hpp"
+#include "test_support.hpp"
+
+namespace {
+
+TmParam two_pass_slots(float clip = 5.625f, float strength = 1.0f) {
+    TmParam p{};
+    p.slot[10] = clip;  // what the two-pass fusion writes
+    p.slot[18] = strength;
+    return p;
+}
+
+DimParam dim_of(int w, int h, int ch, int bits) {
+    DimParam d;
+    init_dim_param(&d);
+    d.width = w, d.height = h, d.channels = ch, d.bitsOut = bits;
+    return d;
+}
+
+int run(std::vector<uint8_t> &img, const DimParam &d, int threads = 1, int wrap = 0,
+        const TmParam &p = two_pass_slots(), bv_progress_cb cb = nullptr) {
+    return bv_fusion_local(2, cb, &p, wrap, img.data(), threads, 0, 0, 0, 0, d);
+}
+
+// A dim, low-contrast scene: a left half near 40 and a right half near 200,
+// each with a faint +-6 texture and a slow vertical ramp; 3 channels.
+std::vector<uint8_t> two_halves(int w, int h, int bits, uint64_t seed) {
+    std::vector<uint8_t> img(size_t(w) * h * 3 * bits / 8);
+    bvtest::Rng rng(seed);
+    for (size_t i = 0; i < size_t(w) * h * 3; ++i) {
+        const int x = int(i / 3 % w), y = int(i / 3 / w);
+        const int v = (x < w / 2 ? 40 : 200) + y * 10 / h + int(rng.next() % 13) - 6 + int(i % 3) * 3;
+        if (bits == 8) img[i] = uint8_t(v);
+        else reinterpret_cast<uint16_t *>(img.data())[i] = uint16_t(v * 257);
+    }
+    return img;
+}
+
+// Standard deviation of the first sample over columns [x0, x1) of an RGB8 image.
+double spread(const std::vector<uint8_t> &img, int w, int x0, int x1) {
+    double s = 0, s2 = 0, n = 0;
+    for (size_t p = 0; p < img.size() / 3; ++p)
+        if (int(p % w) >= x0 && int(p % w) < x1) s += img[3 * p], s2 += img[3 * p] * img[3 * p], ++n;
+    return std::sqrt(s2 / n - (s / n) * (s / n));
+}
+
+void cancel_at_once(int32_t *cancel, float) { *cancel = 1; }
+
+TEST(FusionLocal, CodesAndNeutralSettings) {
+    const DimParam ok = dim_of(30, 20, 3, 8);
+    std::vector<uint8_t> img = two_halves(30, 20, 8, 1);
+    const std::vector<uint8_t> orig = img;
+    const TmParam p = two_pass_slots();
+    EXPECT_EQ(bv_fusion_local(1, nullptr, &p, 0, img.data(), 1, 0, 0, 0, 0, ok), BV_FLOCAL_EMODE);
+    EXPECT_EQ(bv_fusion_local(2, nullptr, nullptr, 0, img.data(), 1, 0, 0, 0, 0, ok), BV_FLOCAL_EBADARG);
+    EXPECT_EQ(bv_fusion_local(2, nullptr, &p, 0, nullptr, 1, 0, 0, 0, 0, ok), BV_FLOCAL_EBADARG);
+    const struct {
+        void (*edit)(DimParam &);
+        int want;
+    } bad[] = {{[](DimParam &d) { d.bitsOut = 32; }, BV_FLOCAL_EDEPTH},
+               {[](DimParam &d) { d.rowOut = 89; }, BV_FLOCAL_EBADARG},
+               {[](DimParam &d) { d.channels = 0; }, BV_FLOCAL_EBADARG},
+               {[](DimParam &d) { d.width = -1; }, BV_FLOCAL_EBADARG}};
+    for (const auto &b : bad) {
+        DimParam d = ok;
+        b.edit(d);
+        EXPECT_EQ(run(img, d), b.want);
+    }
+    EXPECT_EQ(run(img, ok, 1, 0, p, cancel_at_once), BV_FLOCAL_ECANCEL);
+    for (long nth : {0L, 1L, 2L}) {
+        bvtest::FailAllocation fail(nth);
+        EXPECT_EQ(run(img, ok), BV_FLOCAL_ENOMEM);
+    }
+    // A zero clip limit or a zero strength leaves the picture alone.
+    EXPECT_EQ(run(img, ok, 1, 0, two_pass_slots(0, 1)), 1);
+    EXPECT_EQ(run(img, ok, 1, 0, two_pass_slots(5, 0)), 1);
+    EXPECT_EQ(run(img, dim_of(0, 20, 3, 8)), 1);
+    EXPECT_EQ(img, orig);
+}
+
+// Local contrast rises in both halves although they sit far apart in level,
+// and the dark half stays darker than the bright one.
+TEST(FusionLocal, RaisesContrastInEveryRegion) {
+    const int w = 160, h = 90;
+    std::vector<uint8_t> img = two_halves(w, h, 8, 2);
+    const std::vector<uint8_t> orig = img;
+    ASSERT_EQ(run(img, dim_of(w, h, 3, 8)), 1);
+    EXPECT_GT(spread(img, w, 0, w / 2 - 40), 1.4 * spread(orig, w, 0, w / 2 - 40));
+    EXPECT_GT(spread(img, w, w / 2 + 40, w), 1.4 * spread(orig, w, w / 2 + 40, w));
+    EXPECT_LT(img[(size_t(h / 2) * w + 5) * 3], img[(size_t(h / 2) * w + w - 5) * 3]);
+}
+
+// The grid step is the module's InterpolationInterval; absurd steps, clip
+// limits and strengths are held to their meaningful range.
+TEST(FusionLocal, GridStepAndExtremeSettings) {
+    const int w = 120, h = 80;
+    const std::vector<uint8_t> orig = two_halves(w, h, 8, 3);
+    std::vector<uint8_t> a = orig, b = orig;
+    ASSERT_EQ(bv::fusion::InterpolationInterval, bv::fusion::kDefaultInterpolationInterval);
+    run(a, dim_of(w, h, 3, 8));
+    bv::fusion::InterpolationInterval = 85;
+    run(b, dim_of(w, h, 3, 8));
+    EXPECT_NE(a, b);
+    for (int interval : {1, 2147483647}) {
+        std::vector<uint8_t> img = two_halves(30, 20, 16, 5);
+        bv::fusion::InterpolationInterval = interval;
+        EXPECT_EQ(run(img, dim_of(30, 20, 3, 16), 2, 1, two_pass_slots(1e30f, INFINITY)), 1);
+    }
+    bv::fusion::InterpolationInterval = bv::fusion::kDefaultInterpolationInterval;
+}
+
+// A panorama whose left and right edges differ: the wrap flag changes only
+// columns within two grid steps of an edge.
+TEST(FusionLocal, WrapChangesOnlyColumnsNearTheSeam) {
+    const int w = 240, h = 60, step = bv::fusion::kDefaultInterpolationInterval;
+    std::vector<uint8_t> flat = two_halves(w, h, 8, 4), wrapped = flat;
+    run(flat, dim_of(w, h, 3, 8));
+    run(wrapped, dim_of(w, h, 3, 8), 1, 1);
+    int changed = 0;
+    for (size_t i = 0; i < flat.size(); ++i) {
+        if (flat[i] == wrapped[i]) continue;
+        const int x = int(i / 3 % w);
+        ++changed;
+        EXPECT_TRUE(x < 2 * step || x >= w - 2 * step) << "column " << x;
+    }
+    EXPECT_GT(changed, 0);
+}
+
+TEST(FusionLocal, SameBytesForAnyThreadCount) {
+    const struct {
+        int w, h, ch, bits, bgr, row_pad, wrap;
+    } layouts[] = {{97, 61, 3, 8, 0, 0, 0}, {83, 47, 4, 16, 1, 5, 1}, {50, 33, 1, 8, 0, 3, 0}};
+    for (const auto &l : layouts) {
+        DimParam d = dim_of(l.w, l.h, l.ch, l.bits);
+        d.bgr = l.bgr;
+        d.rowOut = l.row_pad ? l.w * l.ch + l.row_pad : 0;
+        std::vector<uint8_t> orig(size_t(d.rowOut ? d.rowOut : l.w * l.ch) * l.h * l.bits / 8);
+        bvtest::Rng rng(l.w);
+        for (size_t i = 0; i < orig.size(); ++i) orig[i] = uint8_t((i / 7 % 200) + rng.next() % 40);
+        std::vector<uint8_t> one = orig;
+        ASSERT_EQ(run(one, d, 1, l.wrap), 1);
+        EXPECT_NE(one, orig);
+        for (int t : {2, 3, 7, 100}) {
+            std::vector<uint8_t> img = orig;
+            ASSERT_EQ(run(img, d, t, l.wrap), 1);
+            EXPECT_EQ(img, one) << t << " threads, " << l.ch << " channels, " << l.bits << "-bit";
+        }
+    }
+}
+
+}  // namespace
