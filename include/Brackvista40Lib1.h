@@ -998,6 +998,136 @@ BV_API int  slider2param(int slider, double exponent);
 BV_API int  tm_simple(TmParam *params, const unsigned char *regionMap,
                       const LogLumStats *stats, const float *expTable, void *input,
                       uint16_t *output, DimParam dim, int threads);
+/* --- Tone enhancer: local contrast by gradient-domain compression ------ */
+/* The enhancer compresses an HDR image's contrast at large scales while
+ * keeping (and, where the image is flat, lifting) its small-scale detail:
+ * the log-luminance gradients are attenuated where they are strong, at
+ * several scales at once, and a new luminance is solved from them. Halos
+ * cannot form around bright windows because only gradients change, never
+ * the luminance of a region directly.
+ *
+ * Method 1 of tmparam_default writes its parameters. Meaning of each slot:
+ *   slot 1  strength, 0..100 (default 70; 40 when tmparam_default's flag is
+ *           positive): how much large-scale contrast is compressed into
+ *           local contrast. 0 leaves every gradient as it is, which gives a
+ *           global rendering (the log luminance mapped linearly to the
+ *           screen); 100 compresses the most (each scale's gradient
+ *           exponent becomes 1 - 0.0024 x strength).
+ *   slot 2  colour saturation, 0..100 (default 46): each channel is
+ *           (C / L)^(0.013 x slot 2) x the new luminance; 0 is grey, about
+ *           77 keeps the input's saturation, 100 is vivid.
+ *   slot 3  white clip, in per cent of the pixels (0..10, default 0.25):
+ *           the brightest such share of pixels is rendered pure white.
+ *   slot 5  detail, 0.25..4 (default 1; 0 reads as 1): gradients weaker
+ *           than 0.8 x slot 5 x the image's mean gradient are lifted,
+ *           stronger ones compressed. Larger values lift more texture.
+ *   slot 7  shadow noise floor, 0..10 (default 2): keeps the deepest
+ *           shadows from amplifying sensor noise (a luminance of 0.1 x
+ *           slot 7 x the 1st percentile is added before the log, and
+ *           0.1 x slot 7 of the neutral gradient is added to every
+ *           gradient before it is attenuated). 0 lifts all shadow detail.
+ *           Pixel-scale gradients are never lifted, whatever the setting.
+ *   slot 8  brightness, 0..100 (default 50): mid-tones are raised to the
+ *           power 2^((50 - slot 8) / 50) on the screen's luminance scale
+ *           (0 darker, 100 brighter); the key of the image (its median,
+ *           taken higher for mostly dark images) is first put on mid grey.
+ *   slot 15 non-zero: the image is a 360-degree panorama, closed
+ *           horizontally (default 0).
+ *   slot 16 solver: > 0 (default 1) conjugate gradients in memory; 0 the
+ *           relaxation solver, with the log-luminance plane parked in
+ *           optim.tempPath1 during the solve; < 0 the relaxation solver
+ *           without that file.
+ *   slot 17 iterations per pyramid level: trunc(50 x 3^(slot 17 / 10)),
+ *           default 0 = 50.
+ *   slot 18 precision: base tolerance 1e-5 at 0 (default), 1e-6 at 1,
+ *           1e-7 at 2, 1e-4 at -1, 3e-4 at -2.
+ *   slot 19 variant: 1 writes only rows [slot 56, slot 57) of the output
+ *           (the other rows keep their content); 2 leaves the solved
+ *           luminance plane (width x height floats, linear, arbitrary scale)
+ *           in the work buffer after the call (see below).
+ * The look does not depend on the image size: the attenuation is analysed
+ * on a copy of the preview size and enlarged, so a preview and the
+ * full-size result look the same.
+ */
+enum {
+    BV_EN_EBADARG = -3,        /* NULL params or output, bad dimensions */
+    BV_EN_ENOMEM = -4,         /* scratch memory could not be allocated */
+    BV_EN_ECANCEL = -5,        /* the progress callback asked to stop */
+    BV_EN_ENOINPUT = -10,      /* input and optim.sourceFile both NULL */
+    BV_EN_ENOTHDR = -11,       /* sourceFile's extension is not hdr / HDR */
+    BV_EN_ESMALL = -12,        /* work size below twice the input image size */
+    BV_EN_ETEMPOPEN = -150,    /* tempPath1 cannot be created ("wb+") */
+    BV_EN_ETEMPWRITE = -151,   /* tempPath1 write was short */
+    BV_EN_ETEMPREOPEN = -201,  /* tempPath1 cannot be reopened */
+    BV_EN_ETEMPREAD = -202,    /* tempPath1 read back was short */
+    BV_EN_ENOMEM_RANGE = -304, /* the copy of the output for a row range */
+    BV_EN_ENOMEM_PLANE = -305, /* the copy of the second plane (slot 19 = 2) */
+    BV_EN_ENOWORK = -400       /* work is NULL */
+};
+
+/* Number of pyramid levels for a dim.width x dim.height image (at least 1:
+ * trunc(log2(min side / 32)) + 2; the solver uses one fewer, stopping where
+ * a side would fall below 10) and, when the pointers are not NULL, the
+ * work-buffer size in bytes (*totalBytes) and the float counts of the
+ * largest planes: levelSizes[0] = width x height (the luminance plane),
+ * levelSizes[1] = the whole right-hand-side pyramid. The image takes
+ * height x row x 4 bytes, row = kind when kind > 0, else width x channels;
+ * the work is that plus the larger of it and the planes (4 bytes per
+ * float), or plus the planes alone when slot 16 <= 0 (the relaxation solver
+ * then needs optim.useTempFiles, see bv_tm_enhancer). params may be NULL
+ * (slot 16 = 0). Returns BV_EN_EBADARG for non-positive sizes. */
+BV_API int mem4enhancer(int kind, const TmParam *params, int64_t *levelSizes,
+                        int64_t *totalBytes, DimParam dim);
+
+/* Renders an HDR image with the tone enhancer.
+ *   kind     input row length in samples for float input (0: width x
+ *            channels); RGBE rows are always 4 x width bytes.
+ *   params   TmParam, slots as above (tmparam_default(1, 0, ...)).
+ *   aux1     output, caller-allocated: dim.bitsOut 16 gives 16-bit samples,
+ *            else 8-bit; interleaved with rows dim.rowOut samples apart (0 =
+ *            packed), R/G/B at 0, (channels-1)/2, channels-1 (swapped by
+ *            dim.bgr), or three planes when dim.layout is 3. Display-ready:
+ *            gamma 1/2.2. In mode 1 the output has the preview size and
+ *            packed rows.
+ *   aux2     NULL or a LogLumStats receiving the natural-log luminance
+ *            statistics of the input (min, max, mean, median, 99.5 %, 33 %).
+ *   aux3     NULL or the 256 RGBE exponent scales (exp_lut_old).
+ *   aux4     reserved, not read.
+ *   dim      width, height, channels (float input), bitsOut, rowOut, bgr,
+ *            layout, sourceKind (10: input is interleaved float RGB, else
+ *            RGBE scanline rows). With input NULL and a zero width or
+ *            height, the size is read from the file's header.
+ *   optim    threads; useTempFiles (non-zero: the image sits at the start of
+ *            work, the size check is skipped and the solver streams its two
+ *            finest levels through tempPath1 and solverBase/P/R/T); mode 0
+ *            full size, 1 preview (sized as mode 9 says; a buffer input whose
+ *            measure - the width, or 3/4 of the height for portraits - is at
+ *            most 512 is rendered at full size), 9 query: writes the preview
+ *            width and height as two int32 at the start of work and returns
+ *            the preview's solver level count, touching nothing else;
+ *            sourceFile: Radiance file read when input is NULL (its
+ *            extension must begin with "hdr" or "HDR").
+ *   progressContext  NULL or a callback told 0.45..0.8 by the solver, 0.8
+ *            after it and 1 at the end; asking to stop returns
+ *            BV_EN_ECANCEL.
+ *   input    NULL (read sourceFile) or the HDR image; only read.
+ *   work     mem4enhancer's totalBytes, caller-allocated. Without
+ *            useTempFiles the planes are built at its start and a file is
+ *            read into it at the offset totalBytes - image size. After
+ *            return with slot 19 = 2, the solved luminance plane starts at
+ *            byte offset 4 x width x height (mode 0).
+ * Threads: optim.threads bands; the result is identical for any count.
+ * Returns the rows of the output, or: BV_EN_ENOINPUT, BV_EN_ENOTHDR,
+ * BV_EN_ENOWORK, BV_EN_ESMALL (validated in this order, with a message on
+ * standard output for -10, -11 and -12); a read error r of sourceFile as
+ * r - 100 (-101 unreadable, -104, -300 other dimensions, -301, -302 bad
+ * data); BV_EN_ETEMPOPEN, BV_EN_ETEMPWRITE, BV_EN_ETEMPREOPEN,
+ * BV_EN_ETEMPREAD; the solver's -1, -2 (level file), -20, -21, -22 (solver
+ * files); BV_EN_EBADARG, BV_EN_ENOMEM, BV_EN_ENOMEM_RANGE,
+ * BV_EN_ENOMEM_PLANE, BV_EN_ECANCEL. No temporary file is removed. */
+BV_API int bv_tm_enhancer(int kind, TmParam *params, void *aux1, void *aux2, void *aux3,
+                          void *aux4, DimParam dim, optimParam optim,
+                          bv_progress_cb progressContext, const void *input, void *work);
 /* @end tonemap */
 
 /* ===================================================================== */

@@ -686,6 +686,54 @@ TEST(Cli, CtrlCCancelsAndRemovesPartialOutput) {
     }
 }
 
+TEST(Cli, EnhanceRendersAndRefusesBadInput) {
+    REQUIRE_TOOL();
+    const std::string data = bvtest::shared_data_dir();
+    BV_REQUIRE_SHARED_DATA(data);
+    const std::string hdr = data + "/hdr/mpi_atrium_3.hdr", dir = fresh_dir("enhance");
+    const std::string a = dir + "/a.png", b = dir + "/b.png", wide = dir + "/w.png";
+    ASSERT_EQ(run({"enhance", "-q", hdr, "-o", a}).code, 0);
+    ASSERT_EQ(run({"tonemap", "-q", "--method", "enhancer", hdr, "-o", b}).code, 0);
+    ASSERT_EQ(run({"enhance", "-q", "--bits", "16", "--strength", "20", hdr, "-o", wide}).code, 0);
+    Image ia, ib, iw;
+    ASSERT_TRUE(read_image(a, &ia));
+    ASSERT_TRUE(read_image(b, &ib));
+    ASSERT_TRUE(read_image(wide, &iw));
+    EXPECT_EQ(ia.width, 1024);
+    EXPECT_EQ(ia.height, 676);
+    EXPECT_EQ(ia.px, ib.px) << "tonemap --method enhancer is enhance";
+    EXPECT_EQ(iw.format, OIIO::TypeDesc::UINT16);
+    EXPECT_NE(iw.px.size(), 0u);
+    // Brackets straight to a picture: the same as merging, then enhancing.
+    const std::string list = data + "/memorial/exposures.txt", merged = dir + "/m.hdr";
+    ASSERT_EQ(run({"merge", "-q", "-e", list, "-o", merged}).code, 0);
+    ASSERT_EQ(run({"enhance", "-q", merged, "-o", a}).code, 0);
+    ASSERT_EQ(run({"enhance", "-q", "-e", list, "-o", b}).code, 0);
+    ASSERT_TRUE(read_image(a, &ia));
+    ASSERT_TRUE(read_image(b, &ib));
+    EXPECT_EQ(ia.px, ib.px) << "brackets give the merged file's rendering";
+    const std::string junk = dir + "/junk.hdr";
+    ASSERT_TRUE(bvtest::write_file(junk, "not a picture\n", 14));
+    struct Case {
+        std::vector<std::string> args;
+        int code;
+        std::string says;
+    } cases[] = {
+        {{"enhance", dir + "/none.hdr", "-o", dir + "/o.png"}, 1, "none.hdr"},
+        {{"enhance", junk, "-o", dir + "/o.png"}, 1, "not a readable Radiance file"},
+        {{"enhance", hdr, "-o", dir + "/o.png", "--strength", "101"}, 2, "strength"},
+        {{"enhance", hdr}, 2, "no output file"},
+        {{"tonemap", "--method", "bogus", hdr, "-o", dir + "/o.png"}, 2, "--method"},
+    };
+    for (const Case &c : cases) {
+        const Result r = run(c.args);
+        EXPECT_EQ(r.code, c.code) << c.args[1];
+        EXPECT_EQ(r.err_lines(), 1) << r.err;
+        EXPECT_NE(r.err.find(c.says), std::string::npos) << r.err;
+    }
+    EXPECT_FALSE(fs::exists(dir + "/o.png"));
+}
+
 }  // namespace
 
 namespace {

@@ -1,5 +1,8 @@
 // brackvista tonemap: an HDR file to an 8- or 16-bit picture with the simple tone mapper.
 #include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
 
 #include "cli.hpp"
 #include "libcalls.hpp"
@@ -8,10 +11,26 @@
 
 namespace bvcli {
 
+int run_enhance(int argc, char **argv);
+
 int run_tonemap(int argc, char **argv) {
+    // --method enhancer hands the rest of the command line to `enhance`.
+    for (int i = 0; i + 1 < argc; ++i)
+        if (!std::strcmp(argv[i], "--method")) {
+            const std::string m = argv[i + 1];
+            if (m != "enhancer" && m != "simple")
+                usage_error("--method must be simple or enhancer, got '" + m + "'");
+            std::vector<char *> rest(argv, argv + argc);
+            rest.erase(rest.begin() + i, rest.begin() + i + 2);
+            if (m == "enhancer") return run_enhance(static_cast<int>(rest.size()), rest.data());
+            return run_tonemap(static_cast<int>(rest.size()), rest.data());
+        }
     std::vector<OptionSpec> specs = {
         {"output", 'o', "FILE", "picture to write: .png, .tif or .jpg"},
         {"bits", 'b', "8|16", "bits per sample of the picture (default 8; JPEG is 8 only)"},
+        {"method", 0, "simple|enhancer",
+         "simple (default): this global mapping; enhancer: the local tone enhancer "
+         "(brackvista enhance --help)"},
     };
     add_tonemap_options(specs);
     add_common_options(specs);
