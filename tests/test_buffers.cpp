@@ -250,10 +250,10 @@ TEST(StripFiles, RoundTripAndExactCodes) {
     EXPECT_EQ(read_strip(f, 0, 50, b.data()), 4);
     EXPECT_EQ(b[0], 0.0f);  // the hole reads as zeros
 
-    testing::internal::CaptureStderr();
+    testing::internal::CaptureStdout();
     EXPECT_EQ(read_strip(f, 120, 100, b.data()), -21);  // one of four items left
     EXPECT_EQ(read_strip(f, 150, 100, b.data()), -21);  // at the end
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "can not read temporary file - returned 1 instead of 4 in tm20\n"
               "can not read temporary file - returned 0 instead of 4 in tm20\n");
     std::fclose(f);
@@ -261,9 +261,9 @@ TEST(StripFiles, RoundTripAndExactCodes) {
     FILE *full = std::fopen("/dev/full", "wb");
     ASSERT_NE(full, nullptr);
     std::vector<float> big(8192, 1.0f);  // larger than the stdio buffer
-    testing::internal::CaptureStderr();
+    testing::internal::CaptureStdout();
     EXPECT_EQ(write_strip(full, 0, 8192, big.data()), -22);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "could not write to temporary file in tm20 - - returned 0 instead of 4 \n");
     std::fclose(full);
 

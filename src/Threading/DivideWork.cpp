@@ -8,6 +8,7 @@
 
 #include "Threading/bands.hpp"
 #include "common/boundary.hpp"
+#include "common/diag.hpp"
 
 namespace {
 
@@ -21,7 +22,7 @@ struct RecordHead {
 
 int divide_work(int start, int end, int threads, bv_band_worker worker, const void *templ,
                 size_t size) {
-    if (!worker || !templ || size < sizeof(RecordHead)) return -1;
+    if (!worker || !templ || size < sizeof(RecordHead)) return BV_DW_EBADARG;
     int n = threads < 1 ? 1 : threads;
     if (n > 1 && (end - start) / n == 0) n = end - start;  // one row per thread
     if (n < 1) return 0;
@@ -31,14 +32,15 @@ int divide_work(int start, int end, int threads, bv_band_worker worker, const vo
 
     bv::Scratch<unsigned char> block;
     size_t total;
-    if (!bv::checked_mul(size, static_cast<size_t>(n), &total) || !block.alloc(total)) return -4;
+    if (!bv::checked_mul(size, static_cast<size_t>(n), &total) || !block.alloc(total))
+        return BV_DW_ENOMEM;
     auto record = [&](int i) { return block.get() + static_cast<size_t>(i) * size; };
     for (const auto &b : bands) {
         unsigned char *r = record(b.index);
         std::memcpy(r, templ, size);
         const RecordHead head{b.index, 0, b.first, b.end};
         std::memcpy(r, &head, sizeof head);
-        std::fprintf(stderr, "----> %d: %d - %d\n", b.index, b.first, b.end);
+        bv::diag(bv::Stream::Err, "----> %d: %d - %d\n", b.index, b.first, b.end);
     }
     // A band that could not get a thread runs inline, flagged unthreaded.
     bv::threading::run_bands(
@@ -86,7 +88,7 @@ BV_API int progress(bv_progress_cb callback, float value) {
 
 BV_API int DivideWork(int start, int end, int threads, bv_band_worker worker, const void *templ,
                       size_t recordSize) {
-    return bv::c_boundary(-4, -4, [&] {
+    return bv::c_boundary(BV_DW_ENOMEM, BV_DW_ENOMEM, [&] {
         return divide_work(start, end, threads, worker, templ, recordSize);
     });
 }

@@ -76,8 +76,7 @@ public:
     // threads <= 1, else in split_rows bands on their own threads. Returns
     // the last band's result, or spawn_failure when a thread could not be
     // created (the others are joined first). Only for status kOk.
-    int run(int threads, const std::function<int(const Band &)> &body,
-            int spawn_failure) const;
+    int run(int threads, const std::function<int(const Band &)> &body, int spawn_failure) const;
 
 private:
     int height_ = 0;

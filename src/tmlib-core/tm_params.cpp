@@ -56,7 +56,7 @@ int slider_to_param(int slider, double exponent) {
 extern "C" {
 
 BV_API int tmparam_default(unsigned method, int flag, TmParam *rec) {
-    if (!rec) return -1;
+    if (!rec) return BV_TM_EBADARG;
     bv::tmcore::set_defaults(method, flag, *rec);
     return 0;
 }

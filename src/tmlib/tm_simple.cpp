@@ -56,7 +56,7 @@ CurveSet make_curve(const TmParam &p, const LogLumStats &st, float range) {
     const double r = high - med;
     const double k = (r <= 4.0) ? -1.5 : ((med - high) + 1.0) * 0.5;
     const double a = std::exp(k - med);
-    const double s1 = s[1], s2 = s[2];
+    const double s1 = s[BV_TM_SLOT_BRIGHTNESS], s2 = s[BV_TM_SLOT_ADAPTATION];
     double c;
     if (s2 <= 0.0 || s1 <= 0.0) {
         c = (s2 + 10.0) * 0.05;
@@ -72,7 +72,7 @@ CurveSet make_curve(const TmParam &p, const LogLumStats &st, float range) {
         m = static_cast<float>((s1 + 10.0) * 0.1 * (m - 0.01) + 0.01);
     else if (s1 > 0.0)
         m = static_cast<float>((10.0 - s1) * 0.1 * (m - 0.9) + 0.9);
-    const double s0 = s[0];
+    const double s0 = s[BV_TM_SLOT_EXPOSURE];
     double x;
     if (s0 > 0.0)
         x = s0 * (0.4 - 0.01 * s0);
@@ -86,14 +86,14 @@ CurveSet make_curve(const TmParam &p, const LogLumStats &st, float range) {
     const double hi = range * H / (std::pow(f * (c * H + a0), m) + H + 1e-20);
     const double lo = range * L / (std::pow(f * (c * L + a0), m) + L + 1e-20);
     const double d = hi - lo;
-    const double lo_clip = lo + s[4] * 0.02 * d;
+    const double lo_clip = lo + s[BV_TM_SLOT_BLACK_CLIP] * 0.02 * d;
     cs.a = static_cast<float>(a);
     cs.c = static_cast<float>(c);
     cs.a0 = static_cast<float>(a0);
     cs.f = static_cast<float>(f);
     cs.m = m;
     cs.lo = static_cast<float>(lo_clip);
-    cs.inv = static_cast<float>(1.0 / ((hi - s[3] * 0.03 * d) - lo_clip));
+    cs.inv = static_cast<float>(1.0 / ((hi - s[BV_TM_SLOT_WHITE_CLIP] * 0.03 * d) - lo_clip));
     cs.colour = coloradjust::colour_stage_from(p);
     return cs;
 }
@@ -305,8 +305,7 @@ int tm_simple_orig(const Job &j, int first, int end) {
     const int hi = end < j.end_row ? end : j.end_row;
     if (lo < hi) {
         const CurveSet &b = j.sets[0];
-        const bool plain =
-            !(j.region_map && j.regions > 0) && !b.colour.any();
+        const bool plain = !(j.region_map && j.regions > 0) && !b.colour.any();
         if (j.range > 255.0f)
             plain ? map_rows_plain<uint16_t>(j, lo, hi) : map_rows<uint16_t>(j, lo, hi);
         else
@@ -317,63 +316,100 @@ int tm_simple_orig(const Job &j, int first, int end) {
 
 namespace {
 
-int tm_simple_impl(const TmParam *params, const unsigned char *region_map, const LogLumStats &stats,
-                   const float *exp_table, const void *input, void *output, const DimParam &dim,
-                   int threads) {
-    const bool rgbe = dim.sourceKind != 10;
-    const bool planar = dim.layout == 3;
+// Stage 1: arguments. Returns 1 to go on, 0 for an empty image, or a code.
+int check_arguments(const DimParam &dim, const threading::DimBands &rows, const float *exp_table,
+                    const void *input, const void *output) {
+    const bool rgbe = dim.sourceKind != BV_SOURCE_FLOAT_RGB;
+    const bool planar = dim.layout == BV_LAYOUT_PLANES;
     if ((rgbe && !exp_table) || dim.channels < 1 || (planar && dim.channels < 3))
         return BV_TM_EBADARG;
-    const threading::DimBands rows(dim, 1);
     if (rows.status() == threading::DimBands::kEmpty) return 0;
     if (rows.status() != threading::DimBands::kOk || !input || !output) return BV_TM_EBADARG;
+    return 1;
+}
 
-    const TmParam &base = params[0];
-    int regions = 0;
-    if (region_map) {
-        const float v = base.slot[55];
-        if (v > 0.0f) regions = v >= kMaxRegionSets ? kMaxRegionSets : static_cast<int>(v);
-    }
-    const size_t sets = static_cast<size_t>(regions) + 1;
-    const size_t lut = static_cast<size_t>(coloradjust::kLutEntries);
-    Scratch<float> hue_tables, value_tables;
-    if (!hue_tables.alloc(sets * lut * 3) || !value_tables.alloc(sets * lut)) return BV_TM_ENOMEM;
-    // Also rejects NaN statistics.
-    if (!(stats.v[0] < stats.v[1])) return BV_TM_ESTATS;
+// Stage 2: region sets following the base record (only with a region map).
+int region_set_count(const TmParam &base, const unsigned char *region_map) {
+    if (!region_map) return 0;
+    const float v = base.slot[BV_TM_SLOT_REGION_SETS];
+    if (!(v > 0.0f)) return 0;
+    return v >= kMaxRegionSets ? kMaxRegionSets : static_cast<int>(v);
+}
 
-    const float range = dim.bitsOut == 16 ? 65535.0f : 255.0f;
-    std::vector<CurveSet> curves(sets);
-    for (size_t k = 0; k < sets; ++k) {
+// Hue and value tables of every parameter set, side by side.
+struct ColourTables {
+    static constexpr size_t kLut = static_cast<size_t>(coloradjust::kLutEntries);
+    Scratch<float> hue, value;
+    bool alloc(size_t sets) { return hue.alloc(sets * kLut * 3) && value.alloc(sets * kLut); }
+    float *hue_of(size_t set) const { return hue.get() + set * kLut * 3; }
+    float *value_of(size_t set) const { return value.get() + set * kLut; }
+};
+
+// Stage 3: curve constants of every set, with its colour tables when its
+// colour slots or its saturation ask for them.
+void build_curves(const TmParam *params, const LogLumStats &stats, float range,
+                  const ColourTables &tables, std::vector<CurveSet> &curves) {
+    for (size_t k = 0; k < curves.size(); ++k) {
         TmParam colour;
         std::memcpy(&colour, &params[k], sizeof colour);
-        curves[k] = make_curve(colour, stats, range);
-        if (!coloradjust::has_table_params(colour) && colour.slot[13] == 0.0f) continue;
-        float *hue = hue_tables.get() + k * lut * 3;
-        float *value = value_tables.get() + k * lut;
-        curves[k].colour.tables = true;
-        curves[k].colour.use_value =
-            coloradjust::build_colour_luts(colour, coloradjust::kLutEntries, hue, value) != 0;
-        curves[k].colour.hue = hue;
-        curves[k].colour.value = value;
+        CurveSet &c = curves[k];
+        c = make_curve(colour, stats, range);
+        if (!coloradjust::has_table_params(colour) && colour.slot[BV_TM_SLOT_SATURATION] == 0.0f)
+            continue;
+        c.colour.tables = true;
+        c.colour.hue = tables.hue_of(k);
+        c.colour.value = tables.value_of(k);
+        c.colour.use_value =
+            coloradjust::build_colour_luts(colour, coloradjust::kLutEntries, tables.hue_of(k),
+                                           tables.value_of(k)) != 0;
     }
+}
 
+// Stage 4: the job every band reads, with the base set's row window.
+Job make_job(const std::vector<CurveSet> &curves, const unsigned char *region_map,
+             const float *exp_table, const void *input, void *output, const DimParam &dim,
+             size_t out_row, float range) {
     Job j{};
     j.sets = curves.data();
-    j.regions = regions;
+    j.regions = static_cast<int>(curves.size()) - 1;
     j.region_map = region_map;
     j.exp_table = exp_table;
     j.input = static_cast<const unsigned char *>(input);
     j.output = output;
     j.dim = dim;
-    j.rgbe = rgbe;
-    j.planar = planar;
+    j.rgbe = dim.sourceKind != BV_SOURCE_FLOAT_RGB;
+    j.planar = dim.layout == BV_LAYOUT_PLANES;
     j.range = range;
-    j.out_row = rows.row_samples();
+    j.out_row = out_row;
+    return j;
+}
+
+void set_row_window(const TmParam &base, int height, Job &j) {
     j.first_row = 0;
-    j.end_row = dim.height;
-    const float first = base.slot[56], end = base.slot[57];
-    if (first > 0.0f && first < dim.height - 1) j.first_row = static_cast<int>(first);
-    if (end > 0.0f && end < dim.height) j.end_row = static_cast<int>(end);
+    j.end_row = height;
+    const float first = base.slot[BV_TM_SLOT_FIRST_ROW], end = base.slot[BV_TM_SLOT_END_ROW];
+    if (first > 0.0f && first < height - 1) j.first_row = static_cast<int>(first);
+    if (end > 0.0f && end < height) j.end_row = static_cast<int>(end);
+}
+
+int tm_simple_impl(const TmParam *params, const unsigned char *region_map, const LogLumStats &stats,
+                   const float *exp_table, const void *input, void *output, const DimParam &dim,
+                   int threads) {
+    const threading::DimBands rows(dim, 1);
+    const int checked = check_arguments(dim, rows, exp_table, input, output);
+    if (checked <= 0) return checked;
+
+    const size_t sets = static_cast<size_t>(region_set_count(params[0], region_map)) + 1;
+    ColourTables tables;
+    if (!tables.alloc(sets)) return BV_TM_ENOMEM;
+    // Also rejects NaN statistics.
+    if (!(stats.v[0] < stats.v[1])) return BV_TM_ESTATS;
+
+    const float range = dim.bitsOut == 16 ? 65535.0f : 255.0f;
+    std::vector<CurveSet> curves(sets);
+    build_curves(params, stats, range, tables, curves);
+    Job j = make_job(curves, region_map, exp_table, input, output, dim, rows.row_samples(), range);
+    set_row_window(params[0], dim.height, j);
 
     return rows.run(
         threads, [&](const threading::Band &b) { return tm_simple_orig(j, b.first, b.end); },

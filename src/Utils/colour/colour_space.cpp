@@ -58,7 +58,7 @@ const SpaceMatrices kSpaces[3] = {
 extern "C" {
 
 BV_API int rgb2hsl(int range, const float rgb[3], float hsl[3]) {
-    if (!rgb || !hsl) return -1;
+    if (!rgb || !hsl) return BV_COLOUR_EARG;
     const float r = bv::colour::range_of(range);
     const float n[3] = {rgb[0] / r, rgb[1] / r, rgb[2] / r};
     bv::colour::rgb_to_hsl(n, hsl);
@@ -71,7 +71,7 @@ BV_API float hue2rgb(int range, float p, float q, float h) {
 }
 
 BV_API int hsl2rgb(int range, const float hsl[3], float rgb[3]) {
-    if (!rgb || !hsl) return -1;
+    if (!rgb || !hsl) return BV_COLOUR_EARG;
     const float r = bv::colour::range_of(range);
     bv::colour::hsl_to_rgb(hsl, rgb);
     for (int c = 0; c < 3; ++c) rgb[c] *= r;
@@ -79,40 +79,40 @@ BV_API int hsl2rgb(int range, const float hsl[3], float rgb[3]) {
 }
 
 BV_API int rgb2hsl_norm(const float rgb[3], float hsl[3]) {
-    if (!rgb || !hsl) return -1;
+    if (!rgb || !hsl) return BV_COLOUR_EARG;
     bv::colour::rgb_to_hsl(rgb, hsl);
     return 1;
 }
 
 BV_API int hsl2rgb_norm(const float hsl[3], float rgb[3]) {
-    if (!rgb || !hsl) return -1;
+    if (!rgb || !hsl) return BV_COLOUR_EARG;
     bv::colour::hsl_to_rgb(hsl, rgb);
     return 1;
 }
 
 BV_API int rgb2hsv_norm(const float rgb[3], float hsv[3]) {
-    if (!rgb || !hsv) return -1;
+    if (!rgb || !hsv) return BV_COLOUR_EARG;
     bv::colour::rgb_to_hsv(rgb, hsv);
     return 1;
 }
 
 BV_API int hsv2rgb_norm(const float hsv[3], float rgb[3]) {
-    if (!rgb || !hsv) return -1;
+    if (!rgb || !hsv) return BV_COLOUR_EARG;
     bv::colour::hsv_to_rgb(hsv, rgb);
     return 1;
 }
 
 BV_API int rgb2Lab(int useFloats, const float rgb[3], const float *table, const int32_t index[3],
                    float Lab[3]) {
-    if (!Lab) return -1;
+    if (!Lab) return BV_COLOUR_EARG;
     double c[3];
     if (useFloats) {
-        if (!rgb) return -1;
+        if (!rgb) return BV_COLOUR_EARG;
         for (int i = 0; i < 3; ++i) c[i] = rgb[i];
     } else {
-        if (!table || !index) return -1;
+        if (!table || !index) return BV_COLOUR_EARG;
         for (int i = 0; i < 3; ++i) {
-            if (index[i] < 0) return -1;
+            if (index[i] < 0) return BV_COLOUR_EARG;
             c[i] = table[index[i]];
         }
     }
@@ -130,8 +130,8 @@ BV_API int rgb2Lab(int useFloats, const float rgb[3], const float *table, const 
 
 BV_API int Lab2rgb(int useFloats, const float Lab[3], float rgb[3], int n, const float *table,
                    float out[3]) {
-    if (!Lab) return -1;
-    if (useFloats ? !rgb : (!table || !out || n < 0)) return -1;
+    if (!Lab) return BV_COLOUR_EARG;
+    if (useFloats ? !rgb : (!table || !out || n < 0)) return BV_COLOUR_EARG;
     const double L = Lab[0];
     const double fy = (L + 16.0) / 116.0;
     const double fx = fy + Lab[1] * 0.002;
@@ -160,13 +160,13 @@ BV_API int Lab2rgb(int useFloats, const float Lab[3], float rgb[3], int n, const
 }
 
 BV_API int kelvin2XYZ(float T, float XYZ[3]) {
-    if (!XYZ) return -1;
+    if (!XYZ) return BV_COLOUR_EARG;
     return bv::colour::kelvin_to_xyz(T, XYZ) ? 1 : 0;
 }
 
 BV_API int getRGB_to_from_XYZ(int space, float toXYZ[9], float fromXYZ[9]) {
     if (space < 0 || space > 2) return 1;
-    if (!toXYZ || !fromXYZ) return -1;
+    if (!toXYZ || !fromXYZ) return BV_COLOUR_EARG;
     const bv::colour::SpaceMatrices &m = bv::colour::kSpaces[space];
     for (int i = 0; i < 9; ++i) {
         toXYZ[i] = m.to[i];

@@ -196,8 +196,9 @@ BV_API int has_color_param(int mode, const TmParam *rec) {
     if (!rec) return BV_CA_EBADARG;
     if (mode == BV_CA_MODE_TABLES) return bv::coloradjust::has_table_params(*rec) ? mode : 0;
     if (mode == BV_CA_MODE_ALL) {
-        const bool any = static_cast<int>(rec->slot[12]) != 0 ||
-                         static_cast<int>(rec->slot[13]) != 0 || bv::coloradjust::has_table_params(*rec);
+        const bool any = static_cast<int>(rec->slot[BV_TM_SLOT_TEMPERATURE]) != 0 ||
+                         static_cast<int>(rec->slot[BV_TM_SLOT_SATURATION]) != 0 ||
+                         bv::coloradjust::has_table_params(*rec);
         return any ? mode : 0;
     }
     return BV_CA_EBADARG;

@@ -115,10 +115,12 @@ struct ColourStage {
 // Temperature and saturation settings of a record (tables left off).
 inline ColourStage colour_stage_from(const TmParam &p) noexcept {
     ColourStage c;
-    c.temperature = static_cast<int>(p.slot[12]) != 0;
-    if (c.temperature) c.gains = temperature_gains(p.slot[12]);
-    c.saturation = static_cast<int>(p.slot[13]) != 0;
-    c.sat_factor = p.slot[13] * 0.1f + 1.0f;
+    const float temperature = p.slot[BV_TM_SLOT_TEMPERATURE];
+    const float saturation = p.slot[BV_TM_SLOT_SATURATION];
+    c.temperature = static_cast<int>(temperature) != 0;
+    if (c.temperature) c.gains = temperature_gains(temperature);
+    c.saturation = static_cast<int>(saturation) != 0;
+    c.sat_factor = saturation * 0.1f + 1.0f;
     return c;
 }
 

@@ -11,7 +11,7 @@ namespace bv::loglum {
 
 int log_histo(uint64_t count, uint32_t nbins, const float *values, int32_t *hist, float lo,
               float hi) noexcept {
-    if (!(lo < hi) || nbins == 0 || !hist || (count && !values)) return -1;
+    if (!(lo < hi) || nbins == 0 || !hist || (count && !values)) return BV_RGBE_ERR_OPEN;
     const float top = static_cast<float>(nbins - 1);
     const float range = hi - lo;
     for (uint64_t i = 0; i < count; ++i) {
@@ -102,7 +102,7 @@ int log_min_max_moy(int width, int height, const float *table, const void *data,
     const bool is_float = stats->v[BV_LLS_MIN] == 32.0f;
     const int channels = is_float ? static_cast<int>(stats->v[BV_LLS_MAX]) : 4;
     Scratch<float> samples;
-    if (!samples.alloc(kLogSamples)) return -4;
+    if (!samples.alloc(kLogSamples)) return BV_RGBE_ERR_NOMEM;
 
     Accumulator acc;
     acc.samples = samples.get();

@@ -15,10 +15,6 @@ namespace bv::radiance {
 // a 128-byte buffer: a longer line is seen as several pieces.
 constexpr int kLineBuffer = 128;
 
-// Extra code of this family: arguments the readers and writers cannot use
-// (NULL buffer, negative or zero sizes, sizes that overflow).
-constexpr int kBadArguments = -203;
-
 // Widths above this are written as flat rows: the run-length scanline header
 // stores the width in 15 bits.
 constexpr int kMaxRleWidth = 32767;
