@@ -900,9 +900,10 @@ enum {
  *               a bracket's bit is set, the first such bracket takes the
  *               whole weight.
  *   scratchBytes bytes of caller scratch directly after the 2 x channels x
- *               pyram_len2 bytes of output: the accumulator, then the
- *               weight maps, are placed there when they fit (see
- *               mem4fusion), else allocated.
+ *               pyram_len2 bytes of output (after the picture when that is
+ *               larger: float output, padded rows): the accumulator, then
+ *               the weight maps, are placed there when they fit (see
+ *               mem4fusion) and are aligned for their type, else allocated.
  *   output      the picture, dim.height rows of dim.rowOut samples; the
  *               buffer must span at least 2 x channels x pyram_len2(width,
  *               height) bytes (it holds a bracket pyramid while working),

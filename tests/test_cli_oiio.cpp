@@ -483,7 +483,7 @@ TEST(Cli, DemoOnBuiltInSceneAndOnItsBrackets) {
     ASSERT_EQ(r.code, 0) << r.err;
     const std::string d = work + "/brackvista-demo";
     for (const char *f : {"scene-truth.exr", "merged.hdr", "merged.tif", "tonemapped.png",
-                          "summary.txt", "brackets/bracket-1.jpg", "brackets/bracket-7.jpg"})
+                          "fused.png", "summary.txt", "brackets/bracket-1.jpg", "brackets/bracket-7.jpg"})
         EXPECT_TRUE(fs::exists(d + "/" + f)) << f;
     EXPECT_EQ(slurp(d + "/summary.txt") + "  summary.txt\n", r.out);
 
@@ -533,6 +533,7 @@ TEST(Cli, DemoOnBuiltInSceneAndOnItsBrackets) {
     std::string again = fresh_dir("demo2");
     ASSERT_EQ(run({"demo", "-q", "--size", "384x256", "-o", again}).code, 0);
     EXPECT_EQ(slurp(again + "/merged.hdr"), slurp(d + "/merged.hdr"));
+    EXPECT_EQ(slurp(again + "/fused.png"), slurp(d + "/fused.png"));
     Result f = run({"demo", "-o", work + "/fromfolder", d + "/brackets"});
     ASSERT_EQ(f.code, 0) << f.err;
     EXPECT_NE(f.out.find("against the EXIF ones"), std::string::npos) << f.out;
@@ -646,6 +647,67 @@ TEST(Cli, BlendPaintsLayersThroughAMask) {
         EXPECT_EQ(b.code, c.code) << b.err;
         EXPECT_EQ(b.err_lines(), 1) << b.err;
         EXPECT_NE(b.err.find(c.says), std::string::npos) << b.err;
+    }
+}
+
+// Three flat brackets (40, 120, 220): the fused picture lies between them;
+// 16-bit output, the temporary-file mode and the ghost mask behave.
+TEST(Cli, FuseBracketsWithOptions) {
+    REQUIRE_TOOL();
+    const std::string dir = fresh_dir("fuse");
+    const int w = 256, h = 64;
+    const uint8_t levels[3] = {40, 120, 220};
+    std::vector<std::string> files;
+    for (int k = 0; k < 3; ++k) {
+        files.push_back(dir + "/b" + std::to_string(k) + ".png");
+        write_split_png(files.back(), w, h, 0, 0, levels[k]);
+    }
+    write_split_png(dir + "/mask.png", w, h, w / 2, 255, 0);
+    write_split_png(dir + "/small.png", w - 1, h, 0, 0, 100);
+    auto fuse = [&](std::vector<std::string> extra) {
+        std::vector<std::string> a = {"fuse", "-q"};
+        a.insert(a.end(), extra.begin(), extra.end());
+        a.insert(a.end(), files.begin(), files.end());
+        return run(a);
+    };
+    fs::create_directories(dir + "/spill");
+    struct Case { std::vector<std::string> args; int bits; };
+    const Case cases[] = {
+        {{"-o", dir + "/mem.png"}, 8},
+        {{"-o", dir + "/files.png", "--temp-dir", dir + "/spill", "-j", "3"}, 8},
+        {{"-o", dir + "/deep.tif", "--bits", "16", "--detail", "6", "--moire", "6"}, 16},
+        {{"-o", dir + "/ghost.png", "--mask", dir + "/mask.png", "--mask-bracket", "3"}, 8},
+        {{"-o", dir + "/two.png", "--two-pass"}, 8},
+    };
+    std::vector<Image> img(std::size(cases));
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        Result r = fuse(cases[i].args);
+        ASSERT_EQ(r.code, 0) << r.err;
+        ASSERT_TRUE(read_image(cases[i].args[1], &img[i]));
+        EXPECT_EQ(img[i].width, w);
+        EXPECT_EQ(img[i].format.size(), cases[i].bits / 8u);
+    }
+    EXPECT_EQ(img[0].px, img[1].px) << "temporary files changed the picture";
+    EXPECT_TRUE(fs::is_empty(dir + "/spill")) << "temporary files left behind";
+    const float mid = img[0].px[(20 * w + 60) * 3 + 1] * 255;
+    EXPECT_GT(mid, 40);
+    EXPECT_LT(mid, 220);
+    // Inside the mask the third bracket alone; outside, the usual blend.
+    EXPECT_NEAR(img[3].px[(20 * w + 16) * 3 + 1] * 255, 220, 6);
+    EXPECT_NEAR(img[3].px[(20 * w + 240) * 3 + 1] * 255, img[0].px[(20 * w + 240) * 3 + 1] * 255, 6);
+
+    const struct { std::vector<std::string> args; int code; std::string says; } bad[] = {
+        {{"-o", dir + "/x.png", dir + "/small.png"}, 1, "brackets differ in size"},
+        {{"-o", dir + "/x.png", "--mask", dir + "/small.png"}, 1, "mask"},
+        {{"-o", dir + "/x.png", "--moire", "9"}, 2, "moire"},
+        {{"-o", dir + "/x.png", "--temp-dir", dir + "/none"}, 1, "not a folder"},
+    };
+    for (const auto &c : bad) {
+        Result b = fuse(c.args);
+        EXPECT_EQ(b.code, c.code) << b.err;
+        EXPECT_EQ(b.err_lines(), 1) << b.err;
+        EXPECT_NE(b.err.find(c.says), std::string::npos) << b.err;
+        EXPECT_FALSE(fs::exists(dir + "/x.png"));
     }
 }
 

@@ -22,16 +22,12 @@ inline uint32_t code16(uint8_t v) noexcept { return v; }
 // images of width x height x channels samples of `bits` (8, 16 or 32 =
 // float 0..1). Returns 0, or -4 without memory.
 int stats_order_photos(int n, int width, int height, int channels, int bits, const void *images,
-                       uint32_t *darkPct, uint32_t *brightPct, uint32_t *saturated,
-                       uint32_t *key, int32_t *order);
+                       uint32_t *darkPct, uint32_t *brightPct, uint32_t *saturated, uint32_t *key,
+                       int32_t *order);
 
 // Exposure curve of one bracket into lut[levels] (256 or 65536); g2 picks
 // the shape, satFraction is its saturated-pixel share.
 void exposure_lut(float g2, double satFraction, int levels, float *lut);
-
-// Each curve times the channel's share of the exposure score (0.2, 0.7,
-// 0.1 of 65536): scores[(i * 3 + c) * levels + v].
-void score_tables(int n, int levels, const float *luts, double *scores);
 
 // The 65536-entry table that turns a weighted exposure score into a weight.
 void boost_lut(float g0, bool floatOutput, float *lut);
@@ -48,19 +44,19 @@ struct WeightJob {
     int n = 0;
     int width = 0;
     int channels = 3;
-    int bits = 8;                    // input samples: 8, 16 or 32 (float)
+    int bits = 8;                       // input samples: 8, 16 or 32 (float)
     const void *const *rows = nullptr;  // per image: its row 0 (packed rows)
-    const double *scores = nullptr;  // n x 3 x levels, from score_tables
+    const float *luts = nullptr;        // n x levels
     int levels = 256;
     const float *boost = nullptr;    // 65536
     const float *factors = nullptr;  // n, 0 = not applied
     const int32_t *ghostSlots = nullptr;
     const uint8_t *ghostMask = nullptr;
-    size_t pixelBase = 0;            // mask pixel index of row 0
-    size_t maskPlane = 0;            // bits per mask slot (width x height)
-    int weightBits = 8;              // 8, 16 or 32 (float maps)
-    void *planes = nullptr;          // weight map of image i at i * planeStride
-    size_t planeStride = 0;          // in weight values
+    size_t pixelBase = 0;    // mask pixel index of row 0
+    size_t maskPlane = 0;    // bits per mask slot (width x height)
+    int weightBits = 8;      // 8, 16 or 32 (float maps)
+    void *planes = nullptr;  // weight map of image i at i * planeStride
+    size_t planeStride = 0;  // in weight values
 };
 
 // Weights of rows [first, end) (the band worker; w is scratch of n floats)
@@ -76,17 +72,16 @@ int pyramid_depth(int width, int height, int bitsOut);
 
 // Level geometry: sizes and sample offsets (times channels) of levels 0..D.
 struct Levels {
-    int count = 1;              // D + 1
+    int count = 1;  // D + 1
     int w[32] = {}, h[32] = {};
-    size_t off[33] = {};        // pixel offset of each level; off[count] = total
+    size_t off[33] = {};  // pixel offset of each level; off[count] = total
 };
 Levels level_layout(int width, int height, int depth);
 
 // One reduction step: `out` ((w + 1) / 2 x (h + 1) / 2) from `in` (w x h),
 // channels per pixel, 3 x 3 binomial with the border and wrap rules.
 void reduce(const uint8_t *in, uint8_t *out, int w, int h, int channels, bool wrap, int threads);
-void reduce(const uint16_t *in, uint16_t *out, int w, int h, int channels, bool wrap,
-            int threads);
+void reduce(const uint16_t *in, uint16_t *out, int w, int h, int channels, bool wrap, int threads);
 void reduce(const float *in, float *out, int w, int h, int channels, bool wrap, int threads);
 
 // Row y of the 2x enlargement of a coarse level (cw x ch) to a fine width

@@ -8,6 +8,7 @@
 #include "FusionLib/local/fusion_local.hpp"
 #include "Threading/bands.hpp"
 #include "common/boundary.hpp"
+#include "common/diag.hpp"
 
 namespace bv::fusion {
 
@@ -66,8 +67,8 @@ int get(FILE *f, uint64_t at, void *p, size_t size, size_t count, const char *wh
     if (int rc = seek(f, at)) return rc;
     const size_t got = std::fread(p, size, count, f);
     if (got == count) return 0;
-    std::fprintf(stderr, "could not read %s - returned %d instead of %d\n", what,
-                 static_cast<int>(got), static_cast<int>(count));
+    diag(Stream::Err, "could not read %s - returned %d instead of %d\n", what,
+         static_cast<int>(got), static_cast<int>(count));
     return -3;
 }
 
@@ -80,13 +81,13 @@ struct Run {
     int D;  // detail levels
     int wbits, wbytes;
     bool acc16;
-    uint16_t *g = nullptr;    // the current bracket's 15-bit pyramid
-    void *acc = nullptr;      // the blended pyramid
-    void *wbuf = nullptr;     // weight maps (memory) or two level buffers (files)
-    size_t wlevel1 = 0;       // files: offset of the second level buffer
+    uint16_t *g = nullptr;  // the current bracket's 15-bit pyramid
+    void *acc = nullptr;    // the blended pyramid
+    void *wbuf = nullptr;   // weight maps (memory) or two level buffers (files)
+    size_t wlevel1 = 0;     // files: offset of the second level buffer
     TempFiles *files = nullptr;
-    size_t tmpStride = 0;     // per band: an expanded row and two coarse rows
-    float *wrows = nullptr;   // per band: a row of weights, one per sample
+    size_t tmpStride = 0;    // per band: an expanded row and two coarse rows
+    float *wrows = nullptr;  // per band: a row of weights, one per sample
 };
 
 template <class W>
@@ -162,8 +163,10 @@ template <class W>
 void blend_level(const Run &r, int k, const void *wk, int32_t *tmp) {
     const W *w = static_cast<const W *>(wk);
     if (k == r.lv.count - 1) {
-        if (r.acc16) blend_low<W, uint16_t>(r, w);
-        else blend_low<W, float>(r, w);
+        if (r.acc16)
+            blend_low<W, uint16_t>(r, w);
+        else
+            blend_low<W, float>(r, w);
     } else if (r.acc16) {
         blend_detail<W, uint16_t>(r, k, w, tmp);
     } else {
@@ -172,9 +175,12 @@ void blend_level(const Run &r, int k, const void *wk, int32_t *tmp) {
 }
 
 void blend(const Run &r, int k, const void *wk, int32_t *tmp) {
-    if (r.wbits == 8) blend_level<uint8_t>(r, k, wk, tmp);
-    else if (r.wbits == 16) blend_level<uint16_t>(r, k, wk, tmp);
-    else blend_level<float>(r, k, wk, tmp);
+    if (r.wbits == 8)
+        blend_level<uint8_t>(r, k, wk, tmp);
+    else if (r.wbits == 16)
+        blend_level<uint16_t>(r, k, wk, tmp);
+    else
+        blend_level<float>(r, k, wk, tmp);
 }
 
 void reduce_weights(const Run &r, const void *in, void *out, int k) {
@@ -210,9 +216,12 @@ void to_15_bits(const Run &r, const T *img) {
 void image_pyramid(const Run &r, int i) {
     const size_t at = static_cast<size_t>(i) * r.P * r.ch;
     const int bits = r.a.dim.bitsIn;
-    if (bits == 8) to_15_bits(r, static_cast<const uint8_t *>(r.a.images) + at);
-    else if (bits == 16) to_15_bits(r, static_cast<const uint16_t *>(r.a.images) + at);
-    else to_15_bits(r, static_cast<const float *>(r.a.images) + at);
+    if (bits == 8)
+        to_15_bits(r, static_cast<const uint8_t *>(r.a.images) + at);
+    else if (bits == 16)
+        to_15_bits(r, static_cast<const uint16_t *>(r.a.images) + at);
+    else
+        to_15_bits(r, static_cast<const float *>(r.a.images) + at);
     for (int k = 0; k < r.D; ++k)
         reduce(r.g + r.lv.off[k] * r.ch, r.g + r.lv.off[k + 1] * r.ch, r.lv.w[k], r.lv.h[k], r.ch,
                r.a.wrap, r.threads);
@@ -221,7 +230,8 @@ void image_pyramid(const Run &r, int i) {
 // Weight pyramid and blend of bracket i with its maps in memory: the
 // pyramid grows in place over the maps of brackets already blended.
 int blend_from_memory(const Run &r, int i, int32_t *tmp) {
-    unsigned char *base = static_cast<unsigned char *>(r.wbuf) + static_cast<size_t>(i) * r.P * r.wbytes;
+    unsigned char *base =
+        static_cast<unsigned char *>(r.wbuf) + static_cast<size_t>(i) * r.P * r.wbytes;
     for (int k = 0; k < r.D; ++k)
         reduce_weights(r, base + r.lv.off[k] * r.wbytes, base + r.lv.off[k + 1] * r.wbytes, k);
     image_pyramid(r, i);
@@ -271,9 +281,12 @@ void write_row(const Run &r, const int32_t *rec, int y, size_t stride, bool swap
             const int oc = swap ? (c == 0 ? r.ch - 1 : (c == r.ch - 1 ? 0 : c)) : c;
             const size_t o = at + static_cast<size_t>(x) * r.ch + oc;
             const int32_t v = rec[static_cast<size_t>(x) * r.ch + c];
-            if (bits == 8) static_cast<uint8_t *>(r.a.output)[o] = static_cast<uint8_t>(v >> 7);
-            else if (bits == 16) static_cast<uint16_t *>(r.a.output)[o] = static_cast<uint16_t>(v * 2);
-            else static_cast<float *>(r.a.output)[o] = static_cast<float>(v) / 32767.0f;
+            if (bits == 8)
+                static_cast<uint8_t *>(r.a.output)[o] = static_cast<uint8_t>(v >> 7);
+            else if (bits == 16)
+                static_cast<uint16_t *>(r.a.output)[o] = static_cast<uint16_t>(v * 2);
+            else
+                static_cast<float *>(r.a.output)[o] = static_cast<float>(v) / 32767.0f;
         }
     }
 }
@@ -355,8 +368,8 @@ int weights_through_files(const Run &r, WeightJob job, int threads) {
             if (int rc = seek(fs, at)) return rc;
             const size_t got = std::fread(dst, sb, want, fs);
             if (got != want) {
-                std::fprintf(stderr, "could not read fpSource - returned %d instead of %d  at  %d\n",
-                             static_cast<int>(got), static_cast<int>(want), y0);
+                diag(Stream::Err, "could not read fpSource - returned %d instead of %d  at  %d\n",
+                     static_cast<int>(got), static_cast<int>(want), y0);
                 return -3;
             }
             rows[i] = dst;
@@ -367,9 +380,11 @@ int weights_through_files(const Run &r, WeightJob job, int threads) {
         job.planeStride = static_cast<size_t>(n_rows) * r.w;
         if (adj1b_threaded(job, n_rows, threads) < 0) return -4;
         for (int i = 0; i < r.a.n; ++i) {
-            const uint64_t at = (static_cast<uint64_t>(i) * r.P + static_cast<uint64_t>(y0) * r.w) * r.wbytes;
-            const int rc = put(fw, at, out.get() + static_cast<size_t>(i) * job.planeStride * r.wbytes,
-                               r.wbytes, job.planeStride);
+            const uint64_t at =
+                (static_cast<uint64_t>(i) * r.P + static_cast<uint64_t>(y0) * r.w) * r.wbytes;
+            const int rc =
+                put(fw, at, out.get() + static_cast<size_t>(i) * job.planeStride * r.wbytes,
+                    r.wbytes, job.planeStride);
             if (rc) return rc;
         }
     }
@@ -397,7 +412,8 @@ int pyramid_fusion(const Args &a, int threads, bool twoPass, int *adjustThreads)
     const int levels = dim.bitsIn == 8 ? 256 : 65536;
     Scratch<uint32_t> st(4 * static_cast<size_t>(n));
     Scratch<int32_t> order(static_cast<size_t>(n));
-    Scratch<float> luts(static_cast<size_t>(n) * levels), boost(65536), factors(static_cast<size_t>(n));
+    Scratch<float> luts(static_cast<size_t>(n) * levels), boost(65536),
+        factors(static_cast<size_t>(n));
     if (!st || !order || !luts || !boost || !factors) return -4;
     uint32_t *dark = st.get(), *bright = dark + n, *sat = bright + n, *key = sat + n;
     if (stats_order_photos(n, r.w, r.h, r.ch, dim.bitsIn, a.images, dark, bright, sat, key,
@@ -407,9 +423,6 @@ int pyramid_fusion(const Args &a, int threads, bool twoPass, int *adjustThreads)
         exposure_lut(slot[2], static_cast<double>(sat[i]) / static_cast<double>(r.P), levels,
                      luts.get() + static_cast<size_t>(i) * levels);
     boost_lut(slot[0], dim.bitsOut == 32, boost.get());
-    Scratch<double> scores(static_cast<size_t>(n) * 3 * levels);
-    if (!scores) return -4;
-    score_tables(n, levels, luts.get(), scores.get());
     image_factors(n, order.get(), slot[1], factors.get());
 
     WeightJob job;
@@ -417,7 +430,7 @@ int pyramid_fusion(const Args &a, int threads, bool twoPass, int *adjustThreads)
     job.width = r.w;
     job.channels = r.ch;
     job.bits = dim.bitsIn;
-    job.scores = scores.get();
+    job.luts = luts.get();
     job.levels = levels;
     job.boost = boost.get();
     job.factors = factors.get();
@@ -452,7 +465,14 @@ int pyramid_fusion(const Args &a, int threads, bool twoPass, int *adjustThreads)
     const size_t level1 = r.D > 0 ? static_cast<size_t>(r.lv.w[1]) * r.lv.h[1] : 0;
     const size_t wvalues = useFiles ? r.P + level1 : static_cast<size_t>(n - 1) * r.P + r.L;
     const size_t wBytes = wvalues * r.wbytes;
-    unsigned char *spare = static_cast<unsigned char *>(a.output) + 2 * static_cast<size_t>(r.ch) * r.L;
+    // The caller's scratch follows the 2 x channels x L bytes of output, or
+    // the picture itself when that is larger (float output, long rows).
+    const size_t outBytes =
+        static_cast<size_t>(r.h) *
+        (dim.rowOut > 0 ? static_cast<size_t>(dim.rowOut) : static_cast<size_t>(r.w) * r.ch) *
+        sample_bytes(dim.bitsOut == 16 || dim.bitsOut == 32 ? dim.bitsOut : 8);
+    unsigned char *spare = static_cast<unsigned char *>(a.output) +
+                           std::max(2 * static_cast<size_t>(r.ch) * r.L, outBytes);
     Scratch<unsigned char> accOwn, wOwn, gOwn;
     uint64_t budget = a.scratchBytes;
     if (budget >= accBytes && aligned(spare, accSize)) {
@@ -498,7 +518,8 @@ int pyramid_fusion(const Args &a, int threads, bool twoPass, int *adjustThreads)
         if (!rows) return -4;
         const size_t sb = sample_bytes(dim.bitsIn);
         for (int i = 0; i < n; ++i)
-            rows[i] = static_cast<const unsigned char *>(a.images) + static_cast<size_t>(i) * r.P * r.ch * sb;
+            rows[i] = static_cast<const unsigned char *>(a.images) +
+                      static_cast<size_t>(i) * r.P * r.ch * sb;
         job.rows = rows.get();
         job.planes = r.wbuf;
         job.planeStride = r.P;
@@ -601,8 +622,8 @@ int fuse(const Args &a) {
         ld.bitsIn = a.dim.bitsIn;
         ld.bitsOut = a.dim.bitsOut;
         ld.rowOut = a.dim.width * a.dim.channels;
-        const int rc = bv_fusion_local(2, a.progress, p, a.wrap, a.output, a.fwd9, a.fwd11,
-                                       a.fwd14, a.fwd15, a.fwd16, ld);
+        const int rc = bv_fusion_local(2, a.progress, p, a.wrap, a.output, a.fwd9, a.fwd11, a.fwd14,
+                                       a.fwd15, a.fwd16, ld);
         if (saved) p->slot[1] = slot1;
         p->slot[2] = 0.0f;
         if (rc < 0) return rc;
@@ -683,9 +704,9 @@ int bv_fusion5(bv_progress_cb progressContext, TmParam *params, const TmParam *c
                const int32_t *ghostSlots, const uint8_t *ghostMask, uint64_t scratchBytes,
                void *output) {
     (void)reserved;
-    Args a{progressContext, params,     colour,      n,         weightBits, accBits,
-           options,         local1,     local2,      local3,    local4,     local5,
-           sourcePath,      weightPath, pyramidPath, dim,       wrap,       extra,
+    Args a{progressContext, params,     colour,      n,         weightBits,   accBits,
+           options,         local1,     local2,      local3,    local4,       local5,
+           sourcePath,      weightPath, pyramidPath, dim,       wrap,         extra,
            resultCopy,      exposures,  ghostSlots,  ghostMask, scratchBytes, output};
     const int bad = check_args(a);
     if (bad) return bad;

@@ -202,9 +202,11 @@ void expand_row(const uint16_t *coarse, int cw, int chh, int ch, int fw, int y, 
         } else {
             for (size_t s = lo; s < hi; ++s) {
                 const size_t x2 = 2 * s - (s % ch);
-                out[x2] = static_cast<int32_t>(0.5626 * A[s] + 0.09375 * (B[s] + A[s - ch] + A[s + ch]) +
-                                               0.0156 * (B[s - ch] + B[s + ch]));
-                out[x2 + ch] = static_cast<int32_t>(0.375 * (A[s] + A[s + ch]) + 0.0625 * (B[s] + B[s + ch]));
+                out[x2] =
+                    static_cast<int32_t>(0.5626 * A[s] + 0.09375 * (B[s] + A[s - ch] + A[s + ch]) +
+                                         0.0156 * (B[s - ch] + B[s + ch]));
+                out[x2 + ch] =
+                    static_cast<int32_t>(0.375 * (A[s] + A[s + ch]) + 0.0625 * (B[s] + B[s + ch]));
             }
         }
         border(pairs - 1);
@@ -216,18 +218,24 @@ float fix_moire(int m, int k, int depth, float g) {
     const bool fine = k < h;
     const float mid = k <= q ? g : static_cast<float>(1.25 * g);
     switch (m) {
-    case 1: return fine ? g : 0.0f;
-    case 2: return fine ? g : 0.2f;
-    case 3: return fine ? static_cast<float>(1.4 * g) : 0.0f;
-    case 4: return fine ? static_cast<float>(1.4 * g) : 0.2f;
-    case 5: return fine ? mid : (k < e ? 0.0f : static_cast<float>(1.5 * g));
-    case 6:
-    case 7: {
-        const int lim = m == 6 ? e : u;
-        if (fine) return mid;
-        return k < lim ? (g < 0.15f ? g : 0.15f) : static_cast<float>(1.5 * g);
-    }
-    default: return g;
+        case 1:
+            return fine ? g : 0.0f;
+        case 2:
+            return fine ? g : 0.2f;
+        case 3:
+            return fine ? static_cast<float>(1.4 * g) : 0.0f;
+        case 4:
+            return fine ? static_cast<float>(1.4 * g) : 0.2f;
+        case 5:
+            return fine ? mid : (k < e ? 0.0f : static_cast<float>(1.5 * g));
+        case 6:
+        case 7: {
+            const int lim = m == 6 ? e : u;
+            if (fine) return mid;
+            return k < lim ? (g < 0.15f ? g : 0.15f) : static_cast<float>(1.5 * g);
+        }
+        default:
+            return g;
     }
 }
 

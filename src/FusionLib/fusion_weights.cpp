@@ -4,6 +4,7 @@
 #include "FusionLib/fusion.hpp"
 #include "Threading/bands.hpp"
 #include "common/boundary.hpp"
+#include "common/pixels.hpp"
 #include "core/hdrgen/hdrgen.hpp"
 
 namespace bv::fusion {
@@ -11,9 +12,8 @@ namespace bv::fusion {
 int quantise_weight(float w, float sum, int bits) {
     if (!(sum > 0.0f)) return 0;
     const int qmax = (1 << bits) - 1;
-    const float f = w * static_cast<float>(1 << bits) / sum;
-    const int t = static_cast<int>(f);
-    const int q = (f - static_cast<float>(t) > 0.5f) ? t + 1 : t;
+    // The quotient is a float; its fraction is exact in double.
+    const int q = round_half_down(w * static_cast<float>(1 << bits) / sum);
     return q < 0 ? 0 : (q > qmax ? qmax : q);
 }
 
@@ -32,11 +32,11 @@ int first_bin_above(const uint64_t *hist, uint64_t limit) {
 template <class T>
 void image_stats(const T *img, size_t pixels, int channels, uint32_t threshold, uint64_t *hist,
                  uint32_t *saturated) {
-    const int g = (channels - 1) / 2, b = channels - 1;
+    const ChannelOffsets o = channel_offsets(channels);
     const int shift = sizeof(T) == 1 ? 0 : 8;
     uint32_t sat = 0;
     for (size_t p = 0; p < pixels; ++p, img += channels) {
-        const uint32_t R = code16(img[0]), G = code16(img[g]), B = code16(img[b]);
+        const uint32_t R = code16(img[o.r]), G = code16(img[o.g]), B = code16(img[o.b]);
         if (R > threshold && G > threshold && B > threshold) ++sat;
         ++hist[(54 * (R >> shift) + 183 * (G >> shift) + 19 * (B >> shift)) >> 8];
     }
@@ -65,7 +65,8 @@ uint32_t brightness_key(const uint64_t *hist, double pixels) {
 template <class T>
 inline void weigh_row(const WeightJob &j, int y, float *w) {
     const size_t width = static_cast<size_t>(j.width);
-    const int ch = j.channels, g = (ch - 1) / 2, b = ch - 1;
+    const int ch = j.channels;
+    const ChannelOffsets o = channel_offsets(ch);
     const bool ghosts = j.ghostSlots && j.ghostMask && j.ghostSlots[0] >= 0;
     const size_t rowpix = static_cast<size_t>(y) * width;
     for (size_t x = 0; x < width; ++x) {
@@ -75,9 +76,10 @@ inline void weigh_row(const WeightJob &j, int y, float *w) {
         } else {
             for (int i = 0; i < j.n; ++i) {
                 const T *p = static_cast<const T *>(j.rows[i]) + pix * ch;
-                const double *t = j.scores + static_cast<size_t>(i) * 3 * j.levels;
-                const double score = t[code16(p[0])] + t[j.levels + code16(p[g])] +
-                                     t[2 * j.levels + code16(p[b])];
+                const float *lut = j.luts + static_cast<size_t>(i) * j.levels;
+                // 0.2, 0.7 and 0.1 of 65536 for the first, middle and last channel.
+                const double score = lut[code16(p[o.r])] * 13107.2 + lut[code16(p[o.g])] * 45875.2 +
+                                     lut[code16(p[o.b])] * 6553.6;
                 int idx = static_cast<int>(score);
                 if (idx > 65535) idx = 65535;
                 float wi = j.boost[idx];
@@ -116,8 +118,8 @@ inline void weigh_row(const WeightJob &j, int y, float *w) {
 }  // namespace
 
 int stats_order_photos(int n, int width, int height, int channels, int bits, const void *images,
-                       uint32_t *darkPct, uint32_t *brightPct, uint32_t *saturated,
-                       uint32_t *key, int32_t *order) {
+                       uint32_t *darkPct, uint32_t *brightPct, uint32_t *saturated, uint32_t *key,
+                       int32_t *order) {
     const size_t pixels = static_cast<size_t>(width) * static_cast<size_t>(height);
     const size_t image_samples = pixels * static_cast<size_t>(channels);
     Scratch<int32_t> keys(static_cast<size_t>(n)), work(static_cast<size_t>(n));
@@ -170,16 +172,6 @@ void exposure_lut(float g2, double satFraction, int levels, float *lut) {
         const double y = v < c ? 1.0 - std::pow(1.0 - t, b) : 1.0 - k * std::pow(t - 1.0, a);
         lut[v] = static_cast<float>(y > 0.0 ? y : 0.0);
     }
-}
-
-void score_tables(int n, int levels, const float *luts, double *scores) {
-    // 0.2, 0.7 and 0.1 of 65536 for the first, middle and last channel.
-    const double weight[3] = {13107.2, 45875.2, 6553.6};
-    for (int i = 0; i < n; ++i)
-        for (int c = 0; c < 3; ++c)
-            for (int v = 0; v < levels; ++v)
-                scores[(static_cast<size_t>(i) * 3 + c) * levels + v] =
-                    luts[static_cast<size_t>(i) * levels + v] * weight[c];
 }
 
 void boost_lut(float g0, bool floatOutput, float *lut) {

@@ -13,7 +13,9 @@
 #include "cli.hpp"
 #include "libcalls.hpp"
 #include "pipeline.hpp"
+#include "fuse.hpp"
 #include "scene.hpp"
+
 
 namespace bvcli {
 namespace {
@@ -215,6 +217,21 @@ void step_tonemap(Demo &d) {
     d.wrote("tonemapped.png");
 }
 
+// The brackets fused straight into a picture, with no HDR file between.
+void step_fuse(Demo &d) {
+    OutputFile out(d.path("fused.png"));
+    FuseJob job;
+    job.threads = d.threads;
+    std::vector<uint8_t> px = fuse_brackets(d.set, job);
+    const exifInfo *meta = d.set.info.empty() ? nullptr : &d.set.info[d.set.info.size() / 2].exif;
+    save_picture(out, d.set.width, d.set.height, 8, px, meta);
+    d.wrote("fused.png");
+    double sum = 0;
+    for (uint8_t v : px) sum += v;
+    d.say(format("fused %zu brackets straight into fused.png (no HDR file): mean level %.0f of 255",
+                 d.set.info.size(), sum / static_cast<double>(px.size())));
+}
+
 // The workflow in order; a new capability adds its step here.
 const std::vector<Step> &steps() {
     static const std::vector<Step> table = {
@@ -222,6 +239,7 @@ const std::vector<Step> &steps() {
         {"exposures", step_exposures},
         {"merge", step_merge},
         {"tonemap", step_tonemap},
+        {"fuse", step_fuse},
     };
     return table;
 }

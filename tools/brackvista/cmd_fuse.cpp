@@ -1,7 +1,6 @@
 // brackvista fuse: bracketed exposures straight to one picture by pyramid fusion.
 #include <OpenImageIO/imagebuf.h>
 #include <OpenImageIO/imagebufalgo.h>
-
 #include <unistd.h>
 
 #include <cstdio>
@@ -9,6 +8,7 @@
 #include <vector>
 
 #include "cli.hpp"
+#include "fuse.hpp"
 #include "pipeline.hpp"
 
 namespace bvcli {
@@ -23,17 +23,21 @@ std::vector<OptionSpec> fuse_options() {
         {"rank-bias", 0, "B",
          "favour brighter (B > 0) or darker (B < 0) brackets, whole numbers -10..10 (default 0)"},
         {"curve", 0, "SHAPE",
-         "exposure curve: 'gaussian' (default) or a number 0.1..10 for the curve that adapts to "
-         "each bracket's clipped share (higher keeps more shadow detail)"},
+         "exposure curve: 'gaussian' (default), or a number 0.1..10: a curve whose steepness "
+         "adapts to each bracket's clipped share (higher is steeper)"},
         {"detail", 'd', "S", "detail strength 0..20 (default 2; 0 = plain fusion)"},
-        {"moire", 0, "M", "moire mode 0..7: calm the coarse levels of repeated patterns (default 0)"},
+        {"moire", 0, "M",
+         "moire mode 0..7: calm the coarse levels of repeated patterns (default 0)"},
+        {"two-pass", 0, nullptr,
+         "refine the fused picture with the local-contrast pass (tile grid 85 pixels apart)"},
         {"wrap", 0, nullptr, "the brackets are 360-degree panoramas: blend across the side edges"},
         {"mask", 0, "IMAGE",
          "ghost selection: a picture of the brackets' size whose light pixels take only one "
          "bracket (see --mask-bracket)"},
         {"mask-bracket", 0, "K", "bracket (1 = first given) used inside --mask (default middle)"},
         {"temp-dir", 0, "DIR",
-         "keep weight maps in temporary files in DIR instead of memory (stacks larger than memory)"},
+         "keep weight maps in temporary files in DIR instead of memory (stacks larger than "
+         "memory)"},
     };
     add_common_options(s);
     return s;
@@ -67,6 +71,59 @@ struct TempNames {
 
 }  // namespace
 
+FuseJob::FuseJob() { tmparam_default(10, 0, &param); }
+
+std::vector<uint8_t> fuse_brackets(const BracketSet &set, const FuseJob &job) {
+    const int n = static_cast<int>(set.info.size());
+    TempNames temps;
+    std::string src, wmap, wpyr;
+    uint64_t options = static_cast<uint32_t>(job.threads);
+    if (!job.temp_dir.empty()) {
+        const std::string stem = job.temp_dir + "/bv-fuse-" + std::to_string(getpid());
+        src = stem + ".stack";
+        wmap = stem + ".weights";
+        wpyr = stem + ".pyramid";
+        temps.paths = {src, wmap, wpyr};
+        options |= 1ull << 32;
+    }
+    DimParam dim;
+    init_dim_param(&dim);
+    dim.width = set.width;
+    dim.height = set.height;
+    dim.channels = 3;
+    dim.bitsIn = set.bits;
+    dim.bitsOut = job.bits;
+    // The library works in the output buffer: it spans 2 x 3 x pyram_len2 bytes.
+    const size_t pixels = static_cast<size_t>(set.width) * set.height;
+    const size_t bound =
+        static_cast<size_t>(static_cast<double>(static_cast<float>(pixels)) * 1.5 + 0.5);
+    size_t bytes = 2 * 3 * bound;
+    if (bytes < pixels * 3 * (job.bits / 8)) bytes = pixels * 3 * (job.bits / 8);
+    std::vector<uint8_t> picture(bytes);
+    TmParam param = job.param;
+    int rc;
+    {
+        Progress bar("fusing");
+        rc = bv_fusion(&Progress::library_callback, &param, nullptr, n, 16, 16, 0.0f, options,
+                       job.threads, src.empty() ? nullptr : src.c_str(), 0,
+                       wmap.empty() ? nullptr : wmap.c_str(), wpyr.empty() ? nullptr : wpyr.c_str(),
+                       0, 0, 0, dim, job.wrap ? 1 : 0, nullptr, set.data.data(),
+                       job.slots.empty() ? nullptr : job.slots.data(),
+                       job.mask.empty() ? nullptr : job.mask.data(), 0, picture.data());
+    }
+    if (rc == BV_FU_ECANCEL) check_interrupted();
+    if (rc < 0) {
+        const char *why = rc == BV_FU_ENOMEM   ? "out of memory"
+                          : rc == BV_FU_EREAD  ? "a temporary file could not be read back"
+                          : rc == BV_FU_EDEPTH ? "unsupported bit depth or a temporary file "
+                                                 "could not be written"
+                                               : "bad arguments";
+        fail(std::string("fusion failed: ") + why + " (code " + std::to_string(rc) + ")");
+    }
+    picture.resize(pixels * 3 * (job.bits / 8));
+    return picture;
+}
+
 int run_fuse(int argc, char **argv) {
     const auto specs = fuse_options();
     Args args(specs, argc, argv);
@@ -76,8 +133,7 @@ int run_fuse(int argc, char **argv) {
                    "raw, all the same size) straight into a natural-looking picture: each pixel\n"
                    "is taken mostly from the brackets that expose it well, blended over a\n"
                    "pyramid so that no seams show. No HDR file and no exposure values needed.",
-                   specs,
-                   "example:\n  brackvista fuse -o church.png memorial/*.png --detail 4\n");
+                   specs, "example:\n  brackvista fuse -o church.png memorial/*.png --detail 4\n");
         return kOk;
     }
     const int threads = apply_common_options(args);
@@ -89,83 +145,42 @@ int run_fuse(int argc, char **argv) {
     const std::string out_path = args.str("output");
     check_picture_extension(out_path, bits);
 
-    TmParam param;
-    tmparam_default(10, 0, &param);
+    FuseJob job;
+    TmParam &param = job.param;
     param.slot[0] = static_cast<float>(args.number("exposure-boost", 0, -10, 10));
     param.slot[1] = static_cast<float>(args.integer("rank-bias", 0, -10, 10));
     const std::string curve = args.str("curve", "gaussian");
-    param.slot[2] = curve == "gaussian" ? 0.0f
-                                        : static_cast<float>(parse_number(curve, "--curve", 0.1, 10));
+    param.slot[2] =
+        curve == "gaussian" ? 0.0f : static_cast<float>(parse_number(curve, "--curve", 0.1, 10));
     param.slot[8] = static_cast<float>(args.number("detail", 2, 0, 20));
     param.slot[13] = static_cast<float>(args.integer("moire", 0, 0, 7));
+    if (args.has("two-pass")) param.slot[9] = 1.0f;
+    job.bits = bits;
+    job.threads = threads;
+    job.wrap = args.has("wrap");
     const int n = static_cast<int>(inputs.size());
     const int mask_bracket = args.integer("mask-bracket", n / 2 + 1, 1, n) - 1;
     if (args.has("mask-bracket") && !args.has("mask")) usage_error("--mask-bracket needs --mask");
+    if (args.has("temp-dir")) {
+        job.temp_dir = args.str("temp-dir");
+        if (!is_directory(job.temp_dir)) fail("--temp-dir '" + job.temp_dir + "' is not a folder");
+    }
 
     OutputFile out(out_path);
     BracketSet set = load_brackets(inputs);
-    std::vector<uint8_t> mask;
-    std::vector<int32_t> slots;
     if (args.has("mask")) {
-        mask = read_mask(args.str("mask"), set.width, set.height);
-        slots.assign(static_cast<size_t>(n), -1);
-        // A negative first slot switches the selection off, so bracket 0
-        // cannot be the only one without a slot: give every other bracket
-        // an empty slot after the mask.
-        slots[static_cast<size_t>(mask_bracket)] = 0;
+        job.mask = read_mask(args.str("mask"), set.width, set.height);
+        job.slots.assign(static_cast<size_t>(n), -1);
+        job.slots[static_cast<size_t>(mask_bracket)] = 0;
+        // A negative first slot switches the whole selection off: when
+        // another bracket owns the mask, bracket 0 gets an empty slot 1
+        // (bits width x height onward).
         if (mask_bracket != 0) {
-            slots[0] = 1;
-            mask.resize(mask.size() * 2 + 1, 0);
-            // Slot 1 starts at bit width x height; it stays empty.
+            job.slots[0] = 1;
+            job.mask.resize(job.mask.size() * 2 + 1, 0);
         }
     }
-
-    TempNames temps;
-    std::string src, wmap, wpyr;
-    uint64_t options = static_cast<uint32_t>(threads);
-    if (args.has("temp-dir")) {
-        const std::string dir = args.str("temp-dir");
-        if (!is_directory(dir)) fail("--temp-dir '" + dir + "' is not a folder");
-        const std::string stem = dir + "/bv-fuse-" + std::to_string(getpid());
-        src = stem + ".stack";
-        wmap = stem + ".weights";
-        wpyr = stem + ".pyramid";
-        temps.paths = {src, wmap, wpyr};
-        options |= 1ull << 32;
-    }
-
-    DimParam dim;
-    init_dim_param(&dim);
-    dim.width = set.width;
-    dim.height = set.height;
-    dim.channels = 3;
-    dim.bitsIn = set.bits;
-    dim.bitsOut = bits;
-    const size_t pixels = static_cast<size_t>(set.width) * set.height;
-    const size_t bound = static_cast<size_t>(static_cast<double>(static_cast<float>(pixels)) * 1.5 + 0.5);
-    size_t bytes = 2 * 3 * bound;
-    if (bytes < pixels * 3 * (bits / 8)) bytes = pixels * 3 * (bits / 8);
-    std::vector<uint8_t> picture(bytes);
-
-    int rc;
-    {
-        Progress bar("fusing");
-        rc = bv_fusion(&Progress::library_callback, &param, nullptr, n, 16, 16, 0.0f, options, 0,
-                       src.empty() ? nullptr : src.c_str(), 0,
-                       wmap.empty() ? nullptr : wmap.c_str(), wpyr.empty() ? nullptr : wpyr.c_str(),
-                       0, 0, 0, dim, args.has("wrap") ? 1 : 0, nullptr, set.data.data(),
-                       slots.empty() ? nullptr : slots.data(), mask.empty() ? nullptr : mask.data(),
-                       0, picture.data());
-    }
-    if (rc == BV_FU_ECANCEL) check_interrupted();
-    if (rc < 0) {
-        const char *why = rc == BV_FU_ENOMEM   ? "out of memory"
-                          : rc == BV_FU_EREAD  ? "a temporary file could not be read back"
-                          : rc == BV_FU_EDEPTH ? "unsupported bit depth or a temporary file "
-                                                 "could not be written"
-                                               : "bad arguments";
-        fail(std::string("fusion failed: ") + why + " (code " + std::to_string(rc) + ")");
-    }
+    std::vector<uint8_t> picture = fuse_brackets(set, job);
     save_picture(out, set.width, set.height, bits, picture,
                  set.info.empty() ? nullptr : &set.info[static_cast<size_t>(n / 2)].exif);
     if (!args.has("quiet"))
