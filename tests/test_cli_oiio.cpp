@@ -767,7 +767,7 @@ TEST(Cli, BlendPaintsLayersThroughAMask) {
     write_split_png(dir + "/small.png", w - 1, h, 0, 0, 100);
     std::vector<std::string> ok = args;
     ok.insert(ok.end(), {"-e", "1,4,16", "--base", "50@0", "--layers", "99@2", "--brush",
-                         dir + "/mask.png"});
+                         dir + "/mask.png", "--show-brush", dir + "/shown.png"});
     Result r = run(ok);
     ASSERT_EQ(r.code, 0) << r.err;
     Image img;
@@ -775,6 +775,11 @@ TEST(Cli, BlendPaintsLayersThroughAMask) {
     ASSERT_EQ(img.width, w);
     for (int x = 0; x < w; ++x)
         EXPECT_EQ(std::lround(img.px[(5 * w + x) * 3 + 1] * 255), x < w / 2 ? 218 : 109) << x;
+    // The preview tints the painted half of the last bracket (220) by a quarter towards blue.
+    ASSERT_TRUE(read_image(dir + "/shown.png", &img));
+    EXPECT_EQ(std::lround(img.px[0] * 255), 165);
+    EXPECT_EQ(std::lround(img.px[2] * 255), 228);
+    EXPECT_EQ(std::lround(img.px[(w - 1) * 3] * 255), 220);
 
     std::vector<std::string> no_mask = args, nothing = args, wrong_size = ok;
     no_mask.insert(no_mask.end(), {"--layers", "99@2"});

@@ -73,6 +73,24 @@ std::vector<uint8_t> brush_from_masks(const std::vector<std::string> &paths, int
     return brush;
 }
 
+// The last bracket at 8 bits with every painted pixel tinted in proportion
+// to its strength, to check a mask against the picture.
+void show_brush(const std::string &path, const BracketSet &set, const std::vector<uint8_t> &brush) {
+    const size_t samples = set.image_samples(), pixels = samples / 3;
+    const size_t n = set.info.size();
+    std::vector<uint8_t> last(samples), shown(samples), strength(pixels);
+    for (size_t i = 0; i < samples; ++i)
+        last[i] = set.bits == 8 ? set.data[(n - 1) * samples + i]
+                                : reinterpret_cast<const uint16_t *>(set.data.data())[(n - 1) * samples + i] >> 8;
+    for (size_t p = 0; p < pixels; ++p) strength[p] = brush[2 * p + 1] == 255 ? 0 : brush[2 * p];
+    const int row = set.width * 3;
+    if (brush_selection_preview(0, 1, set.width, set.height, row, row, 3, last.data(),
+                                strength.data(), shown.data()) < 0)
+        fail("cannot draw the brush preview");
+    OutputFile out(path);
+    save_picture(out, set.width, set.height, 8, shown);
+}
+
 }  // namespace
 
 int run_blend(int argc, char **argv) {
@@ -84,6 +102,8 @@ int run_blend(int argc, char **argv) {
         {"brush", 0, "MASK,...", "one grey mask per brush layer: 0 unpainted .. 255 full"},
         {"exposures", 'e', "LIST|FILE",
          "relative exposures of the brackets (default: estimated from the pixels)"},
+        {"show-brush", 0, "FILE",
+         "also write the last bracket with the painted area tinted blue (8-bit picture)"},
     };
     add_common_options(specs);
     Args args(specs, argc, argv);
@@ -161,6 +181,10 @@ int run_blend(int argc, char **argv) {
     if (rc < 0)
         fail(rc == BV_BLEND_ENOMEM ? "out of memory while blending"
                                    : "blending failed (code " + std::to_string(rc) + ")");
+    if (args.has("show-brush")) {
+        if (brush.empty()) usage_error("--show-brush needs --brush masks");
+        show_brush(args.str("show-brush"), set, brush);
+    }
     save_picture(out, result.width, result.height, result.bits, result.data);
     if (!args.has("quiet")) {
         std::printf("blended %zu layer(s) from %zu brackets into %s (%dx%d, %d-bit) -> %s\n",
