@@ -132,7 +132,12 @@ enum {
     BV_FAMILY_RADIANCE = 5,    /* Radiance files */
     BV_FAMILY_HDRGEN = 6,      /* exposures, response curve, merge */
     BV_FAMILY_TONEMAP = 7,     /* tone-mapping parameters, tm_simple */
-    BV_FAMILY_COLORADJUST = 8  /* colour adjustment */
+    BV_FAMILY_COLORADJUST = 8, /* colour adjustment */
+    BV_FAMILY_GHOSTS = 9,      /* mask files, ghost detection */
+    BV_FAMILY_PYRAMID = 10,    /* pyramids and resampling */
+    BV_FAMILY_ENHANCER = 11,   /* the tone enhancer */
+    BV_FAMILY_FUSION = 12,     /* exposure fusion and its local pass */
+    BV_FAMILY_BLEND = 13       /* the exposure blend */
 };
 
 /* A short English text (no trailing newline) for `code` as returned by a

@@ -1,7 +1,6 @@
 // Status codes as text: every family's table, and what lies outside it.
-#include <gtest/gtest.h>
-
 #include <Brackvista40Lib1.h>
+#include <gtest/gtest.h>
 
 #include <string>
 
@@ -32,7 +31,7 @@ TEST(CodeText, EachFamilyReadsItsOwnTable) {
         {BV_FAMILY_TONEMAP, -3, "unknown code"},
         {BV_FAMILY_RADIANCE, -199, "unknown code"},
         {0, -1, "unknown family"},
-        {BV_FAMILY_COLORADJUST + 1, -1, "unknown family"},
+        {BV_FAMILY_BLEND + 1, -1, "unknown family"},
         {-1, 0, "unknown family"},
     };
     for (const Case &c : cases)
@@ -54,6 +53,11 @@ TEST(CodeText, EveryNegativeCodeOfEveryFamilyHasAText) {
         {BV_FAMILY_HDRGEN, {-1, -2, -3, -4, -5}},
         {BV_FAMILY_TONEMAP, {-1, -2, -4, -5}},
         {BV_FAMILY_COLORADJUST, {-1, -2, -3, -4}},
+        {BV_FAMILY_GHOSTS, {-1, -2, -3, -4}},
+        {BV_FAMILY_PYRAMID, {-1, -2, -4}},
+        {BV_FAMILY_ENHANCER, {-3, -4, -5, -10, -11, -12, -150, -151, -201, -202, -304, -305, -400}},
+        {BV_FAMILY_FUSION, {-1, -2, -3, -4, -5}},
+        {BV_FAMILY_BLEND, {-2, -3, -4}},
     };
     for (const Family &f : families)
         for (int code : f.codes) {

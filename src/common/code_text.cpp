@@ -56,10 +56,43 @@ constexpr CodeText kTexts[] = {
     {BV_FAMILY_COLORADJUST, BV_CA_EDEPTH, "unsupported depth, or a worker thread failed"},
     {BV_FAMILY_COLORADJUST, BV_CA_ECANCEL, "cancelled"},
     {BV_FAMILY_COLORADJUST, BV_CA_ENOMEM, "out of memory"},
+
+    {BV_FAMILY_GHOSTS, BV_MASK_ERR_FILE, "mask file cannot be opened, read or written"},
+    {BV_FAMILY_GHOSTS, BV_MASK_ERR_SIZE, "mask file size out of range, or header unreadable"},
+    {BV_FAMILY_GHOSTS, BV_MASK_ERR_TOTAL, "vertex counts exceed the total"},
+    {BV_FAMILY_GHOSTS, BV_MASK_ERR_NOMEM, "out of memory"},
+
+    {BV_FAMILY_PYRAMID, BV_PYR_EARG, "bad channel count, NULL buffer or bad size"},
+    {BV_FAMILY_PYRAMID, BV_PYR_EDEPTH, "unsupported bits per sample"},
+    {BV_FAMILY_PYRAMID, BV_PYR_ENOMEM, "out of memory"},
+
+    {BV_FAMILY_ENHANCER, BV_EN_EBADARG, "NULL pointer or bad dimensions"},
+    {BV_FAMILY_ENHANCER, BV_EN_ENOMEM, "out of memory"},
+    {BV_FAMILY_ENHANCER, BV_EN_ECANCEL, "cancelled"},
+    {BV_FAMILY_ENHANCER, BV_EN_ENOINPUT, "no input buffer and no source file"},
+    {BV_FAMILY_ENHANCER, BV_EN_ENOTHDR, "source file is not a .hdr file"},
+    {BV_FAMILY_ENHANCER, BV_EN_ESMALL, "work buffer too small"},
+    {BV_FAMILY_ENHANCER, BV_EN_ETEMPOPEN, "temporary file cannot be created"},
+    {BV_FAMILY_ENHANCER, BV_EN_ETEMPWRITE, "temporary file write short"},
+    {BV_FAMILY_ENHANCER, BV_EN_ETEMPREOPEN, "temporary file cannot be reopened"},
+    {BV_FAMILY_ENHANCER, BV_EN_ETEMPREAD, "temporary file read short"},
+    {BV_FAMILY_ENHANCER, BV_EN_ENOMEM_RANGE, "out of memory for the row range"},
+    {BV_FAMILY_ENHANCER, BV_EN_ENOMEM_PLANE, "out of memory for the second plane"},
+    {BV_FAMILY_ENHANCER, BV_EN_ENOWORK, "no work buffer"},
+
+    {BV_FAMILY_FUSION, BV_FU_EBADARG, "NULL pointer, no bracket or bad size"},
+    {BV_FAMILY_FUSION, BV_FU_EDEPTH, "unsupported bit depths, or temporary file write failed"},
+    {BV_FAMILY_FUSION, BV_FU_EREAD, "temporary file seek or read failed"},
+    {BV_FAMILY_FUSION, BV_FU_ENOMEM, "out of memory"},
+    {BV_FAMILY_FUSION, BV_FU_ECANCEL, "cancelled"},
+
+    {BV_FAMILY_BLEND, BV_BLEND_ETHREAD, "a worker thread could not be created"},
+    {BV_FAMILY_BLEND, BV_BLEND_EBADARG, "NULL pointer or bad sizes"},
+    {BV_FAMILY_BLEND, BV_BLEND_ENOMEM, "out of memory"},
 };
 
 constexpr int kFirstFamily = BV_FAMILY_BUFFERS;
-constexpr int kLastFamily = BV_FAMILY_COLORADJUST;
+constexpr int kLastFamily = BV_FAMILY_BLEND;
 
 }  // namespace
 }  // namespace bv

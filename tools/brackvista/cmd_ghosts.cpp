@@ -12,8 +12,6 @@ namespace bvcli {
 
 namespace {
 
-std::string code_text(int code) { return "library code " + std::to_string(code); }
-
 bool is_mask_file(const std::string &path) { return extension_of(path) == ".txt"; }
 
 // The brackets' exposures as merge finds them: given, evenly spaced, from
@@ -64,8 +62,7 @@ std::vector<uint8_t> mask_picture(const PixelMask &m) {
 // Outer outline of the 4-connected region whose first pixel in row order
 // is (x, y), along pixel edges with the region on the right; one vertex per
 // turn, at pixel corners, so that filling it gives back the region.
-void trace(const std::vector<uint8_t> &in, int w, int h, int x, int y,
-           std::vector<int32_t> &xy) {
+void trace(const std::vector<uint8_t> &in, int w, int h, int x, int y, std::vector<int32_t> &xy) {
     static const int dx[4] = {1, 0, -1, 0}, dy[4] = {0, 1, 0, -1};  // E S W N
     // Pixels ahead-right and ahead-left of a corner, per heading.
     static const int rx[4] = {0, -1, -1, 0}, ry[4] = {0, 0, -1, -1};
@@ -113,7 +110,7 @@ PixelMask detect_ghosts(const BracketSet &set, int threshold, float ev_step,
                                    m.bits.data(), ev_step, threads);
     check_interrupted();
     if (rc == BV_GHOST_ERR_NOMEM) fail("not enough memory to look for ghosts");
-    if (rc < 0) fail("ghost detection failed (" + code_text(rc) + ")");
+    if (rc < 0) fail("ghost detection failed (" + code_text(BV_FAMILY_GHOSTS, rc) + ")");
     return m;
 }
 
@@ -126,7 +123,8 @@ SlotMask read_selections(const std::string &path, int width, int height, int bra
     std::fflush(stderr);
     if (T == BV_MASK_ERR_SIZE)
         fail("'" + path + "' is not a mask file: it must have 60 bytes to 1 MB");
-    if (T < 0 || N < 0) fail("cannot read mask file '" + path + "' (" + code_text(T) + ")");
+    if (T < 0 || N < 0)
+        fail("cannot read mask file '" + path + "' (" + code_text(BV_FAMILY_GHOSTS, T) + ")");
     if (W != width || H != height)
         fail("mask file '" + path + "' is drawn for " + std::to_string(W) + "x" +
              std::to_string(H) + ", the brackets are " + std::to_string(width) + "x" +
@@ -136,7 +134,7 @@ SlotMask read_selections(const std::string &path, int width, int height, int bra
     const int rc = get_mask_data(path.c_str(), e.data(), p.data(), xy.data());
     if (rc < 0) {
         std::fprintf(stderr, "\n");
-        fail("mask file '" + path + "' is damaged (" + code_text(rc) + ")");
+        fail("mask file '" + path + "' is damaged (" + code_text(BV_FAMILY_GHOSTS, rc) + ")");
     }
     for (int i = 0; i < N; ++i)
         if (p[i] > 0 && (e[i] < 0 || e[i] >= brackets))
@@ -146,9 +144,11 @@ SlotMask read_selections(const std::string &path, int width, int height, int bra
     s.width = width, s.height = height, s.planes = brackets;
     s.slots.resize(static_cast<size_t>(brackets));
     s.bits.resize((static_cast<size_t>(brackets) * width * height + 7) / 8);
-    const int filled = bv_ghost_rasterize(width, height, brackets, N, e.data(), p.data(),
-                                          xy.data(), T, s.slots.data(), s.bits.data());
-    if (filled < 0) fail("cannot fill the selections of '" + path + "' (" + code_text(filled) + ")");
+    const int filled = bv_ghost_rasterize(width, height, brackets, N, e.data(), p.data(), xy.data(),
+                                          T, s.slots.data(), s.bits.data());
+    if (filled < 0)
+        fail("cannot fill the selections of '" + path + "' (" +
+             code_text(BV_FAMILY_GHOSTS, filled) + ")");
     s.selections = static_cast<size_t>(filled);
     return s;
 }
@@ -196,8 +196,9 @@ void add_ghost_options(std::vector<OptionSpec> &specs) {
     specs.push_back({"ghost-ref", 0, "N",
                      "bracket used inside detected ghosts, counted from 0 as given (default: "
                      "the middle exposure)"});
-    specs.push_back({"threshold", 0, "T", "ghost detection threshold, 45..1000 (default 70; "
-                                          "larger finds fewer ghosts)"});
+    specs.push_back({"threshold", 0, "T",
+                     "ghost detection threshold, 45..1000 (default 70; "
+                     "larger finds fewer ghosts)"});
 }
 
 GhostOptions read_ghost_options(const Args &args, int brackets) {
@@ -221,8 +222,9 @@ size_t remove_ghosts(const BracketSet &set, const MergeReport &report, const Gho
     std::vector<int> from(N, -1);
     if (opt.mode == "auto") {
         const int ref = opt.reference >= 0 ? opt.reference : report.middle;
-        const PixelMask m = detected ? *detected
-                                     : detect_ghosts(set, opt.threshold, -1.0f, report.exposures, threads);
+        const PixelMask m =
+            detected ? *detected
+                     : detect_ghosts(set, opt.threshold, -1.0f, report.exposures, threads);
         for (size_t p = 0; p < N; ++p)
             if (m.get(p)) from[p] = ref;
     } else {
@@ -245,11 +247,13 @@ size_t remove_ghosts(const BracketSet &set, const MergeReport &report, const Gho
             table[i] = static_cast<float>(std::pow(static_cast<double>(i) / levels, gamma) / e);
         table[0] = table[1];
         std::vector<uint8_t> rgbe(4 * N);
-        const int rc = convert_to_rgbe(set.bits, w, h, 3, 3 * w, 0, table.data(),
-                                       set.data.data() + set.image_samples() *
-                                                             static_cast<size_t>(k) * (set.bits / 8),
-                                       rgbe.data());
-        if (rc != h) fail("cannot convert bracket " + std::to_string(k) + " (" + code_text(rc) + ")");
+        const int rc = convert_to_rgbe(
+            set.bits, w, h, 3, 3 * w, 0, table.data(),
+            set.data.data() + set.image_samples() * static_cast<size_t>(k) * (set.bits / 8),
+            rgbe.data());
+        if (rc != h)
+            fail("cannot convert bracket " + std::to_string(k) + " (" +
+                 code_text(BV_FAMILY_RGBE, rc) + ")");
         const int shift = set.bits == 16 ? 8 : 0;
         for (int y = 0; y < h; ++y) {
             const size_t row = static_cast<size_t>(y) * 4 * w;
@@ -261,8 +265,9 @@ size_t remove_ghosts(const BracketSet &set, const MergeReport &report, const Gho
                 int v[3];
                 for (int c = 0; c < 3; ++c) {
                     const size_t at = set.image_samples() * k + 3 * p + c;
-                    v[c] = set.bits == 16 ? reinterpret_cast<const uint16_t *>(set.data.data())[at] >> shift
-                                          : set.data[at];
+                    v[c] = set.bits == 16
+                               ? reinterpret_cast<const uint16_t *>(set.data.data())[at] >> shift
+                               : set.data[at];
                 }
                 const int luma = (54 * v[0] + 183 * v[1] + 19 * v[2]) >> 8;
                 if (luma < 8 || std::max({v[0], v[1], v[2]}) >= 250) continue;
@@ -276,8 +281,8 @@ size_t remove_ghosts(const BracketSet &set, const MergeReport &report, const Gho
 
 void print_ghost_removal(const GhostOptions &opt, const MergeReport &report, size_t replaced,
                          const BracketSet &set) {
-    const double share = 100.0 * static_cast<double>(replaced) /
-                         (static_cast<double>(set.width) * set.height);
+    const double share =
+        100.0 * static_cast<double>(replaced) / (static_cast<double>(set.width) * set.height);
     if (opt.mode == "auto")
         std::printf("ghosts: %zu pixels (%.2f %%) taken from bracket %d (threshold %d)\n", replaced,
                     share, opt.reference >= 0 ? opt.reference : report.middle, opt.threshold);
@@ -298,8 +303,9 @@ std::vector<OptionSpec> ghosts_options() {
         {"threshold", 0, "T", "detection threshold, 45..1000 (default 70; larger finds fewer)"},
         {"selections", 0, "MASK.txt", "add the selections drawn in a mask file"},
         {"no-detect", 0, nullptr, "only the drawn selections, no detection"},
-        {"ghost-ref", 0, "N", "bracket named by the selections of a .txt output (default: the "
-                              "middle exposure)"},
+        {"ghost-ref", 0, "N",
+         "bracket named by the selections of a .txt output (default: the "
+         "middle exposure)"},
     };
     add_common_options(s);
     return s;
@@ -380,7 +386,8 @@ int run_ghosts(int argc, char **argv) {
         if (detect) std::printf(", threshold %d", threshold);
         if (args.has("selections")) std::printf(", %zu drawn selections", drawn);
         std::printf("\nghosts cover %zu pixels (%.2f %%) -> %s (%s)\n", ghost_pixels,
-                    100.0 * static_cast<double>(ghost_pixels) / (static_cast<double>(set.width) * set.height),
+                    100.0 * static_cast<double>(ghost_pixels) /
+                        (static_cast<double>(set.width) * set.height),
                     out_path.c_str(), what.c_str());
     }
     return kOk;

@@ -9,14 +9,6 @@
 
 namespace bvcli {
 namespace lib {
-namespace {
-
-// The library's own short text for a code of one family, with the number.
-std::string code_text(int family, int code) {
-    return std::string(bv_code_text(family, code)) + ", code " + std::to_string(code);
-}
-
-}  // namespace
 
 std::vector<float> exposures_from_camera(std::vector<std::array<int32_t, 7>> records) {
     const int n = static_cast<int>(records.size());

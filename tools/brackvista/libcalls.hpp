@@ -9,6 +9,12 @@
 #include <vector>
 
 namespace bvcli {
+
+// The library's own short text for a code of one family, with the number.
+inline std::string code_text(int family, int code) {
+    return std::string(bv_code_text(family, code)) + ", code " + std::to_string(code);
+}
+
 namespace lib {
 
 // Relative exposure factors from camera data, in the order given: per bracket
