@@ -18,6 +18,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (bytes > fuzzfile::kMaxBytes) return 0;
     std::vector<unsigned char> out(bytes);
     const int rc = bv_io_read_rgbe(d.width, d.height, p, out.data());
-    if (rc != d.height && rc != -1 && rc != -4 && rc != -201 && rc != -202) __builtin_trap();
+    if (rc != d.height && rc != BV_RAD_ERR_IO && rc != BV_RAD_ERR_MEMORY &&
+        rc != BV_RAD_ERR_SCANLINE_HEADER && rc != BV_RAD_ERR_PACKET)
+        __builtin_trap();
     return 0;
 }
