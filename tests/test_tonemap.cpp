@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "test_support.hpp"
@@ -18,39 +19,32 @@ namespace tc = bv::tmcore;
 // ---------------------------------------------------------------- records
 
 TEST(TmParams, DefaultsPerMethod) {
-    const struct {
-        int method, variant;
-        std::vector<std::pair<int, float>> set;  // every other slot is 0
-    } cases[] = {
-        {16, 1, {}},
-        {1, 1, {{1, 40}, {2, 46}, {3, 0.25f}, {5, 1}, {7, 2}, {8, 50}, {16, 1}}},
-        {1, 0, {{1, 70}, {2, 46}, {3, 0.25f}, {5, 1}, {7, 2}, {8, 50}, {16, 1}}},
-        {1, -4, {{1, 70}, {2, 46}, {3, 0.25f}, {5, 1}, {7, 2}, {8, 50}, {16, 1}}},
-        {3, 0, {{0, 50}, {2, 20}, {3, 0.6f}, {4, 0.25f}}},
-        {10, 0, {{8, 2}}},
-        {11, 0, {{2, 70}}},
-        {12, 0, {{8, 2}, {9, 1}}},
-        {15, 0, {{8, 2}, {9, 1}}},
-        {2, 0, {}},
-    };
-    for (const auto &c : cases) {
+    using Slots = std::vector<std::pair<int, float>>;  // every other slot is 0
+    // clang-format off
+    const Slots m1 = {{1, 70}, {2, 46}, {3, 0.25f}, {5, 1}, {7, 2}, {8, 50}, {16, 1}}, m12 = {{8, 2}, {9, 1}};
+    const std::tuple<int, int, Slots> cases[] = {
+        {16, 1, {}}, {1, 0, m1}, {1, -4, m1}, {3, 0, {{0, 50}, {2, 20}, {3, 0.6f}, {4, 0.25f}}},
+        {10, 0, {{8, 2}}}, {11, 0, {{2, 70}}}, {12, 0, m12}, {15, 0, m12}, {2, 0, {}},
+        {1, 1, {{1, 40}, {2, 46}, {3, 0.25f}, {5, 1}, {7, 2}, {8, 50}, {16, 1}}}};
+    // clang-format on
+    for (const auto &[method, variant, set] : cases) {
         TmParam p;
         std::memset(&p, 0x7f, sizeof p);
-        EXPECT_EQ(tmparam_default(c.method, c.variant, &p), 0);
+        EXPECT_EQ(tmparam_default(method, variant, &p), 0);
         std::vector<float> want(60, 0.0f);
-        for (auto [slot, v] : c.set) want[slot] = v;
-        EXPECT_EQ(std::vector<float>(p.slot, p.slot + 60), want) << c.method << "/" << c.variant;
+        for (auto [slot, v] : set) want[slot] = v;
+        EXPECT_EQ(std::vector<float>(p.slot, p.slot + 60), want) << method << "/" << variant;
     }
     EXPECT_EQ(tmparam_default(1, 0, nullptr), -1);
     DimParam d;
+    optimParam o;
+    const optimParam zero{};
     std::memset(&d, 0x55, sizeof d);
+    std::memset(&o, 0x55, sizeof o);
     init_dim_param(&d);
+    init_optim_param(&o);
     const int32_t want[10] = {0, 0, 3, 8, 8, 0, 0, 0, 0, 0};
     EXPECT_EQ(0, std::memcmp(&d, want, sizeof want));
-    optimParam o;
-    std::memset(&o, 0x55, sizeof o);
-    init_optim_param(&o);
-    const optimParam zero{};
     EXPECT_EQ(0, std::memcmp(&o, &zero, sizeof o));
     init_dim_param(nullptr);
     init_optim_param(nullptr);
@@ -62,19 +56,12 @@ TEST(TmParams, SliderMappingRoundsHalvesDown) {
         EXPECT_EQ(param2slider(200000.0f, e), 100) << e;
         EXPECT_EQ(slider2param(0, e), 0);
     }
-    const struct {
-        float param;
-        double e;
-        int slider;
-    } to_slider[] = {{5000, 1, 2} /* 2.5 exactly: down */,
-                     {1000, 1, 0} /* 0.5: down */,
-                     {125, 0.5, 2} /* 2.5: down */,
-                     {3000, 1, 2} /* above 1.5: up */,
-                     {3400, 1, 2},
-                     {-5, 0.5, 0} /* NaN power */};
-    for (const auto &c : to_slider) EXPECT_EQ(param2slider(c.param, c.e), c.slider) << c.param;
-    EXPECT_EQ(slider2param(50, 1.0), 100000);
-    EXPECT_EQ(slider2param(50, 2.0), 50000);
+    // Exactly 2.5 and 0.5 go down, just above 1.5 up; a negative value makes a NaN power.
+    EXPECT_EQ(
+        std::vector<int>({param2slider(5000, 1), param2slider(1000, 1), param2slider(125, 0.5),
+                          param2slider(3000, 1), param2slider(3400, 1), param2slider(-5, 0.5),
+                          slider2param(50, 1.0), slider2param(50, 2.0)}),
+        std::vector<int>({2, 0, 2, 2, 2, 0, 100000, 50000}));
     // Reciprocal exponents invert each other (up to rounding).
     for (int s = 0; s <= 100; s += 7) EXPECT_NEAR(param2slider(slider2param(s, 2.0), 0.5), s, 1);
 }
