@@ -112,6 +112,12 @@ TEST(RowConversion, ChannelOrderAndDepth) {
     EXPECT_EQ(p16, (std::vector<uint16_t>{3000, 2000, 1000, 7, 6000, 5000, 4000, 9}));
     EXPECT_EQ(bgr2rgb(1, 1, 12, 3, 32, p16.data()), -1);
     EXPECT_EQ(bgr2rgb(2, 1, 4, 3, 8, px.data()), BV_BUF_ERR_ARG) << "stride shorter than a row";
+    // A zero width is an empty image, a negative one an error.
+    EXPECT_EQ(
+        std::vector<int>({bgr2rgb(0, 2, 10, 4, 8, px.data()), bgr2rgb(-1, 2, 10, 4, 8, px.data()),
+                          generateOriginalFrom16Bit(0, 2, 4, 4, 3, nullptr, nullptr),
+                          generateOriginalFrom16Bit(-1, 2, 4, 4, 3, nullptr, nullptr)}),
+        std::vector<int>({2, BV_BUF_ERR_ARG, 2, BV_BUF_ERR_ARG}));
     // 16-bit samples to their high bytes: in place, copied, and RGB with strides on both sides.
     std::vector<uint16_t> s = {0x0102, 0xFF00, 0x00FF, 0x8000, 0x7FFF, 0xABCD},
                           s2 = {0x1234, 0xFEDC};

@@ -217,7 +217,17 @@ TEST(Fp2Rgbe, AlphaGreyByteOrderAndBadFiles) {
     EXPECT_EQ(mn, 25599999475712.0f);
     EXPECT_EQ(fp2rgbe("/nonexistent/x.tif", 1, 1, 3, 8, &mn, &mx, &mean, out.data()),
               BV_RGBE_ERR_OPEN);
-    EXPECT_EQ(fp2rgbe(rgba.c_str(), 1, 1, 0, 8, &mn, &mx, &mean, out.data()), BV_RGBE_ERR_ARG);
+    EXPECT_EQ(fp2rgbe(rgba.c_str(), 2, 0, 4, 16, &mn, &mx, &mean, nullptr), 1)
+        << "no rows, no buffer needed";
+    const char *r = rgba.c_str();
+    for (int rc : {fp2rgbe(r, 1, 1, 0, 8, &mn, &mx, &mean, out.data()),
+                   fp2rgbe(nullptr, 1, 1, 3, 8, &mn, &mx, &mean, out.data()),
+                   fp2rgbe(r, 1, 1, 3, 8, &mn, nullptr, &mean, out.data()),
+                   fp2rgbe(r, 1, 1, 3, 8, &mn, &mx, nullptr, out.data()),
+                   fp2rgbe(r, -1, 1, 3, 8, &mn, &mx, &mean, out.data()),
+                   fp2rgbe(r, 1, 1, 3, -1, &mn, &mx, &mean, out.data()),
+                   fp2rgbe(r, 1, 1, 3, 8, &mn, &mx, &mean, nullptr)})
+        EXPECT_EQ(rc, BV_RGBE_ERR_ARG);
     EXPECT_EQ(fp2rgbe(rgba.c_str(), 1, 1, 3, 8, nullptr, &mx, &mean, out.data()), BV_RGBE_ERR_ARG);
 }
 

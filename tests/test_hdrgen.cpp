@@ -207,7 +207,9 @@ TEST(ProfileGamma, SyntheticProfiles) {
     const int n = int(make_profile(1, 2, 51).size());  // 158
     Bytes last_word = make_profile(1, 2, 51, n - 12), unsigned_tag = make_profile(1, 2, 51);
     std::fill(last_word.end() - 4, last_word.end() - 1, 0);
-    last_word.back() = 1;  // a one-entry count in the last word, its gamma past the end
+    last_word.back() = 1;         // a one-entry count in the last word, its gamma past the end
+    Bytes many_last = last_word;  // a curve of two entries: no gamma to read, but a tag
+    many_last.back() = 2;
     unsigned_tag[133] = 'x';
     const struct {
         Bytes p;
@@ -223,6 +225,7 @@ TEST(ProfileGamma, SyntheticProfiles) {
         {make_profile(1, 2, 51, n - 11), n, n - 12, 2.2f},
         {last_word, n, n - 12, 2.2f},
         {unsigned_tag, n, n - 12, 2.2f},
+        {many_last, n, 133, 2.2f},
         {Bytes({0, 0, 0, 12, 0, 0, 0, 0, 0, 0, 0, 0}), 12, 0, 2.2f},
     };
     for (const auto &c : cases) {

@@ -258,6 +258,9 @@ TEST(LogLumStats, FixedCasesFloatInputAndFallbacks) {
     EXPECT_FLOAT_EQ(g.v[3], g.v[0] + 36408.0f * step);
     EXPECT_FLOAT_EQ(g.v[4], g.v[0] + 65535.0f * step);
     EXPECT_FLOAT_EQ(g.v[5], g.v[0] + 21845.0f * step);
+    // Rows follow each other: the same ten values on two rows of five.
+    const LogLumStats g2 = stats_of(5, 2, nullptr, grey.data(), 32, 1);
+    EXPECT_EQ(std::vector<float>(g2.v, g2.v + 3), std::vector<float>({g.v[0], g.v[1], g.v[2]}));
     // Three samples per pixel use the 0.2125 / 0.7154 / 0.0721 weights.
     const float rgb[3] = {1.0f, 2.0f, 4.0f};
     EXPECT_FLOAT_EQ(stats_of(1, 1, nullptr, rgb, 32, 3).v[0],
