@@ -1,15 +1,10 @@
 // Rounding helpers, byte readers, row conversions, display renderings,
 // raw buffer and strip files, and the random generator.
-#include <Brackvista40Lib1.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cmath>
-#include <cstring>
 #include <limits>
 #include <random>
 #include <sstream>
-#include <vector>
 
 #include "test_support.hpp"
 

@@ -2,22 +2,16 @@
 // outputs checked with OpenImageIO and OpenCV, bad input, Ctrl-C.
 #include <OpenImageIO/imageio.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
-#include <cmath>
-#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <future>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "test_support.hpp"
 

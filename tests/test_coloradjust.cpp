@@ -1,10 +1,4 @@
 // Colour adjustment: slot detection, per-hue tables, in-place adjustment of images.
-#include <Brackvista40Lib1.h>
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <cstring>
-#include <vector>
 
 #include "test_support.hpp"
 

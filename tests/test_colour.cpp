@@ -1,10 +1,4 @@
 // Colour-space helpers: exact conversions, round trips, published white points.
-#include <Brackvista40Lib1.h>
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <cstdio>
-#include <cstring>
 
 #include "test_support.hpp"
 

@@ -1,13 +1,7 @@
 // Float TIFF writing checked byte by byte and by independent readers, and
 // float TIFF reading into RGBE.
-#include <Brackvista40Lib1.h>
-#include <gtest/gtest.h>
 
-#include <cmath>
-#include <cstring>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "test_support.hpp"
 

@@ -1,11 +1,6 @@
 // HDR generation: statistics, exposure estimation and ordering, response curve, merge edge cases.
-#include <Brackvista40Lib1.h>
-#include <gtest/gtest.h>
 
-#include <cmath>
-#include <cstring>
 #include <filesystem>
-#include <vector>
 
 #include "core/hdrgen/hdrgen.hpp"
 #include "test_support.hpp"

@@ -1,14 +1,8 @@
 // HDR merge of the film-scanned memorial brackets, against an independently merged reference.
-#include <Brackvista40Lib1.h>
-#include <gtest/gtest.h>
 #include <sys/wait.h>
 
-#include <algorithm>
-#include <cmath>
 #include <fstream>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "test_support.hpp"
 

@@ -1,10 +1,4 @@
 // HDR merge against a known scene: brackets rendered through gamma 2.2, merged back, compared.
-#include <Brackvista40Lib1.h>
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cmath>
-#include <vector>
 
 #include "test_support.hpp"
 

@@ -1,17 +1,10 @@
 // Radiance files: readers, writers, packet layout, hostile input, interop.
-#include <Brackvista40Lib1.h>
-#include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 
 #include <chrono>
 #include <clocale>
-#include <cmath>
-#include <cstring>
 #include <map>
-#include <string>
-#include <tuple>
-#include <vector>
 
 #include "core/radiance/radiance_io.hpp"
 #include "test_support.hpp"

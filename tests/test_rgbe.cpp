@@ -1,11 +1,5 @@
 // RGBE decoding and encoding, bracket conversion, float output, log-luminance
 // statistics, histogram and half floats.
-#include <Brackvista40Lib1.h>
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <cstring>
-#include <vector>
 
 #include "core/rgbe/rgbe_pixel.hpp"
 #include "test_support.hpp"

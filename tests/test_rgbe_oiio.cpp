@@ -1,13 +1,6 @@
 // Real brackets through convert_to_rgbe, and float TIFFs from fp_save read
 // back by OpenImageIO (float and half) against the library's own decoding.
-#include <Brackvista40Lib1.h>
 #include <OpenImageIO/imageio.h>
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cmath>
-#include <string>
-#include <vector>
 
 #include "test_support.hpp"
 

@@ -1,10 +1,6 @@
 // Band division, waves, tile geometry and progress.
-#include <Brackvista40Lib1.h>
-#include <gtest/gtest.h>
 
-#include <array>
 #include <atomic>
-#include <vector>
 
 #include "Threading/bands.hpp"
 #include "test_support.hpp"

@@ -1,13 +1,4 @@
 // Tone-mapping records, slider mapping, statistics toolkit and the simple tone mapper.
-#include <Brackvista40Lib1.h>
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cmath>
-#include <cstring>
-#include <string>
-#include <tuple>
-#include <vector>
 
 #include "test_support.hpp"
 #include "tmlib-core/tmlib_core.hpp"

@@ -2,11 +2,18 @@
 // planar RGBE images, random content, golden digests and the thread check.
 #pragma once
 
+// The API under test, the test framework and the standard pieces every test uses.
+#include <Brackvista40Lib1.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdint>
+#include <cstdio>
+#include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace bvtest {
