@@ -114,9 +114,9 @@ void write_image(const std::string &path, int w, int h, int ch, OIIO::TypeDesc t
                  const std::function<void(OIIO::ImageSpec &)> &meta = nullptr) {
     auto out = OIIO::ImageOutput::create(path);
     ASSERT_TRUE(out) << path;
-    OIIO::ImageSpec spec(w, h, ch, type);
-    if (meta) meta(spec);
-    ASSERT_TRUE(out->open(path, spec));
+    OIIO::ImageSpec desc(w, h, ch, type);
+    if (meta) meta(desc);
+    ASSERT_TRUE(out->open(path, desc));
     ASSERT_TRUE(out->write_image(type, px));
     ASSERT_TRUE(out->close());
 }
