@@ -121,6 +121,11 @@ TEST(AdjustColors, HueShiftMovesRedByTheDocumentedAmount) {
     uint16_t px[3] = {0, 65535, 0};
     adjust(record({{BV_CA_SLOT_MASTER_HUE, 100}}), px, dim_of(1, 1, 3, 16));
     EXPECT_NEAR(hue_degrees(px[0] / 65535.0f, px[1] / 65535.0f, px[2] / 65535.0f), 150.0f, 0.1f);
+    // A band moves the hue at its centre fully: pure blue (240) by 30 degrees.
+    uint16_t blue[3] = {0, 0, 65535};
+    adjust(record({{BV_CA_SLOT_BANDS + 3 * 5, 100}}), blue, dim_of(1, 1, 3, 16));
+    EXPECT_NEAR(hue_degrees(blue[0] / 65535.0f, blue[1] / 65535.0f, blue[2] / 65535.0f), 270.0f,
+                0.05f);
 }
 
 TEST(AdjustColors, LightnessTemperatureSaturationAndLayout) {
