@@ -18,7 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (bytes > fuzzfile::kMaxBytes) return 0;
     std::vector<unsigned char> out(bytes);
     const int rc = bv_io_read_rgbe(d.width, d.height, p, out.data());
-    if (rc != d.height && rc != BV_RAD_ERR_IO && rc != BV_RAD_ERR_MEMORY &&
+    if (rc != d.height && rc != BV_RAD_ERR_IO && rc != BV_RAD_ERR_SCANLINE_WIDTH &&
         rc != BV_RAD_ERR_SCANLINE_HEADER && rc != BV_RAD_ERR_PACKET)
         __builtin_trap();
     return 0;

@@ -37,11 +37,8 @@ extern "C" {
 /* ===================================================================== */
 
 /* Sixty float slots whose meaning depends on the method reading them.
- * Slots used by the simple tone mapper: 0 exposure, 1 brightness (-10..10),
- * 2 adaptation (-10..10), 3 white clip (units of 3 %), 4 black clip (units of
- * 2 %), 12 colour temperature step (-260 K each), 13 saturation step,
- * 55 number of region sets following the record, 56/57 first/end row.
- * Slots 0..14 and 20..54 carry colour adjustments when the record is handed
+ * Slots used by the simple tone mapper: BV_TM_SLOT_* in the tone-mapping
+ * section. Slots 0..14 and 20..54 carry colour adjustments when the record is handed
  * to the colour-adjustment functions (see that section). */
 typedef struct TmParam {
     float slot[60];
@@ -57,9 +54,16 @@ typedef struct DimParam {
     int32_t rowIn;       /* input row length in samples (0 = unset) */
     int32_t rowOut;      /* output row length in samples (0 = unset) */
     int32_t bgr;         /* non-zero: first and last colour channels swapped */
-    int32_t layout;      /* 3: output as three colour planes */
-    int32_t sourceKind;  /* 10: input is interleaved float RGB, else RGBE rows */
+    int32_t layout;      /* BV_LAYOUT_PLANES: output as three colour planes */
+    int32_t sourceKind;  /* BV_SOURCE_FLOAT_RGB: input is interleaved float
+                            RGB; anything else: RGBE scanline rows */
 } DimParam;
+
+/* Values of DimParam.layout and DimParam.sourceKind. */
+enum {
+    BV_LAYOUT_PLANES = 3,     /* three packed planes of width x height samples */
+    BV_SOURCE_FLOAT_RGB = 10  /* interleaved 32-bit float RGB input */
+};
 
 /* Options of the tone enhancer (72 bytes). init_optim_param zeroes it. */
 typedef struct optimParam {
@@ -114,6 +118,32 @@ typedef struct RgbeDims {
 } RgbeDims;
 
 /* ===================================================================== */
+/*  Status codes as text                                                 */
+/* ===================================================================== */
+/* @section codes */
+
+/* Families of the status codes: each family has its own table of negative
+ * codes (see the family's section), so a code is read with its family. */
+enum {
+    BV_FAMILY_BUFFERS = 1,     /* buffer and pixel helpers, strip files */
+    BV_FAMILY_THREADS = 2,     /* DivideWork */
+    BV_FAMILY_COLOUR = 3,      /* colour-space helpers */
+    BV_FAMILY_RGBE = 4,        /* RGBE, float TIFF, log-luminance statistics */
+    BV_FAMILY_RADIANCE = 5,    /* Radiance files */
+    BV_FAMILY_HDRGEN = 6,      /* exposures, response curve, merge */
+    BV_FAMILY_TONEMAP = 7,     /* tone-mapping parameters, tm_simple */
+    BV_FAMILY_COLORADJUST = 8  /* colour adjustment */
+};
+
+/* A short English text (no trailing newline) for `code` as returned by a
+ * function of `family`: "ok" for code >= 0, the code's meaning for a code of
+ * the family's table, "unknown code" or "unknown family" otherwise. Where a
+ * family gives one number two meanings (Radiance -2 and -4), the text names
+ * both. The text is static: never NULL, never freed, safe from any thread. */
+BV_API const char *bv_code_text(int family, int code);
+/* @end codes */
+
+/* ===================================================================== */
 /*  Buffers and pixel helpers                                            */
 /* ===================================================================== */
 /* @section buffers */
@@ -121,7 +151,8 @@ typedef struct RgbeDims {
 /* Codes of the buffer and pixel helpers. */
 enum {
     BV_BUF_ERR_FILE = -1,        /* file cannot be opened, read or written;
-                                    copyAndConvertImageRows: unsupported swap */
+                                    copyAndConvertImageRows, bgr2rgb: a swap
+                                    of unsupported depth or channels */
     BV_BUF_ERR_ARG = -3,         /* NULL buffer or negative size */
     BV_STRIP_ERR_SEEK = -20,     /* write_strip/read_strip: seek failed */
     BV_STRIP_ERR_READ = -21,     /* read_strip: short read */
@@ -231,7 +262,8 @@ BV_API int64_t save_buffer(const char *path, const void *buffer, int64_t size);
 BV_API int load_buffer(const char *path, void *buffer, int64_t size, int64_t *outSize);
 /* Seeks to offset * 4 bytes, then writes / reads count floats. Return 4;
  * -20 when the seek fails (also NULL file or negative offset/count); -22 short
- * write, -21 short read, each with a message on stderr. count = 0 returns 4. */
+ * write, -21 short read, each with a message on standard output. count = 0
+ * returns 4. */
 BV_API int write_strip(FILE *f, int64_t offset, int64_t count, const float *data);
 BV_API int read_strip(FILE *f, int64_t offset, int64_t count, float *data);
 
@@ -269,10 +301,16 @@ BV_API int progress(bv_progress_cb callback, float value);
  * first four int32 are thread index, threaded flag, first row, end row. */
 typedef void *(*bv_band_worker)(void *record);
 
+/* Codes of DivideWork. */
+enum {
+    BV_DW_EBADARG = -1,  /* NULL worker or template, recordSize below 16 */
+    BV_DW_ENOMEM = -4    /* the records cannot be allocated */
+};
+
 /* Runs worker over rows [start, end) split into `threads` bands (the last
  * band takes the remainder; more threads than rows gives one row each).
  * One thread runs inline with threaded flag 0. A failed thread creation runs
- * that band inline. Returns 0; -4 if the records cannot be allocated. */
+ * that band inline. Returns 0; BV_DW_EBADARG, BV_DW_ENOMEM. */
 BV_API int DivideWork(int start, int end, int threads, bv_band_worker worker,
                       const void *templ, size_t recordSize);
 
@@ -297,7 +335,10 @@ BV_API int getDenoiseTileInfo(int width, int height, size_t memBudget, int *cols
 /* @section colour */
 /* All conversions work on float triples. Hue, saturation, lightness and value
  * are 0..1; "norm" and unranged RGB is 0..1. Functions returning int give 1,
- * or -1 when a required pointer is NULL. */
+ * or BV_COLOUR_EARG when a required pointer is NULL. */
+enum {
+    BV_COLOUR_EARG = -1  /* NULL pointer; rgb2Lab: also a negative index */
+};
 
 /* HSL of a 0..1 RGB triple: hsl = H, S, L. */
 BV_API int   rgb_to_hsl(const float rgb[3], float hsl[3]);
@@ -633,6 +674,20 @@ BV_API int bv_hdr_merge(bv_progress_cb progressContext, int mode, int n, int wid
 /*  Tone mapping: parameters, statistics, simple tone mapping            */
 /* ===================================================================== */
 /* @section tonemap */
+/* TmParam slots read by tm_simple. */
+enum {
+    BV_TM_SLOT_EXPOSURE = 0,      /* -10..10, brighter when positive */
+    BV_TM_SLOT_BRIGHTNESS = 1,    /* -10..10, bends the contrast exponent */
+    BV_TM_SLOT_ADAPTATION = 2,    /* -10..10, whole image (-10) to per pixel */
+    BV_TM_SLOT_WHITE_CLIP = 3,    /* units of 3 % of the output range */
+    BV_TM_SLOT_BLACK_CLIP = 4,    /* units of 2 % of the output range */
+    BV_TM_SLOT_TEMPERATURE = 12,  /* colour temperature step, -260 K each */
+    BV_TM_SLOT_SATURATION = 13,   /* saturation step, 10 % each */
+    BV_TM_SLOT_REGION_SETS = 55,  /* region sets following the record */
+    BV_TM_SLOT_FIRST_ROW = 56,    /* row window of the base set: first row */
+    BV_TM_SLOT_END_ROW = 57       /* and one past its last row */
+};
+
 /* Codes of the tone-mapping family. */
 enum {
     BV_TM_EBADARG = -1,  /* NULL pointer, negative size, short output rows */
@@ -660,10 +715,10 @@ BV_API int  param2slider(float value, double exponent);
 BV_API int  slider2param(int slider, double exponent);
 
 /* Global tone mapping of an HDR image to 8- or 16-bit output.
- *   params    base TmParam (slots as listed at the record: 0..4 curve, 12
- *             temperature, 13 saturation, 20..46 colour tables as in the
- *             colour-adjustment section, 55 region-set count, 56/57 row
- *             window), followed by slot 55 region sets when regionMap is
+ *   params    base TmParam (the BV_TM_SLOT_* slots: 0..4 curve, 12
+ *             temperature, 13 saturation, 55 region-set count, 56/57 row
+ *             window; and 20..46 colour tables as in the colour-adjustment
+ *             section), followed by slot 55 region sets when regionMap is
  *             given (at most 255 are used). A set with colour slots or a
  *             non-zero slot 13 is also passed through its hue tables, whose
  *             4096 hue steps may move a channel by up to 0.15 % of the range.
@@ -673,21 +728,25 @@ BV_API int  slider2param(int slider, double exponent);
  *             99.5th percentile are read).
  *   expTable  256 RGBE exponent scales; read only for RGBE input (may be
  *             NULL for float input).
- *   input     dim.sourceKind 10: interleaved float RGB, dim.channels floats
- *             per pixel; otherwise RGBE scanline rows (4 x width bytes).
+ *   input     dim.sourceKind BV_SOURCE_FLOAT_RGB: interleaved float RGB,
+ *             dim.channels floats per pixel; otherwise RGBE scanline rows
+ *             (4 x width bytes).
  *   output    dim.bitsOut 16: 16-bit samples, else 8-bit (addressed as
  *             bytes). Interleaved with rows dim.rowOut samples apart (0 =
  *             packed), R/G/B at 0, (channels-1)/2, channels-1 (first and
- *             last swapped when dim.bgr); dim.layout 3: three packed planes
- *             of width x height samples (channels >= 3). Rows outside the
+ *             last swapped when dim.bgr); dim.layout BV_LAYOUT_PLANES:
+ *             three packed planes of width x height samples (channels >= 3,
+ *             plane order swapped alike when dim.bgr). Rows outside the
  *             slot 56/57 window and samples other than R, G, B are left as
  *             they were.
  *   threads   <= 1 works on the calling thread; else that many bands
  *             (height / threads rows each, the last takes the rest). The
  *             output is identical for any thread count. The input is only
  *             read.
- * Returns dim.height (0 for an empty image), or BV_TM_EBADARG, BV_TM_ESTATS
- * (nothing written), BV_TM_ENOMEM, BV_TM_ETHREAD (output incomplete). */
+ * Returns dim.height with threads <= 1; with more threads the last band's
+ * row count, height - (threads - 1) * (height / threads). 0 for an empty
+ * image, or BV_TM_EBADARG, BV_TM_ESTATS (nothing written), BV_TM_ENOMEM,
+ * BV_TM_ETHREAD (output incomplete). */
 BV_API int  tm_simple(TmParam *params, const unsigned char *regionMap,
                       const LogLumStats *stats, const float *expTable, void *input,
                       uint16_t *output, DimParam dim, int threads);

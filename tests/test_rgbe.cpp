@@ -259,6 +259,9 @@ TEST(LogLumStats, FixedCasesFloatInputAndFallbacks) {
     const float rgb[3] = {1.0f, 2.0f, 4.0f};
     EXPECT_FLOAT_EQ(stats_of(1, 1, nullptr, rgb, 32, 3).v[0],
                     float(std::log(0.2125 + 0.7154 * 2 + 0.0721 * 4)));
+    const float two_rows[6] = {1.0f, 2.0f, 4.0f, 2.0f, 4.0f, 8.0f};  // the second twice as bright
+    const LogLumStats r2 = stats_of(1, 2, nullptr, two_rows, 32, 3);
+    EXPECT_NEAR(r2.v[1] - r2.v[0], std::log(2.0f), 1e-6f);
     // No rows: min 1e11, max = mean = 0.
     LogLumStats none{};
     EXPECT_EQ(logMinMaxMoy(5, 0, t.t, flat.px.data(), &none), 0);

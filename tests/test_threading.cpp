@@ -94,6 +94,40 @@ TEST(Bands, RunBandsAndWavesCoverEveryRowOnceForAnyThreadCount) {
         });
 }
 
+TEST(Bands, DimBandsChecksTheImageAndReturnsTheLastBand) {
+    using B = bv::threading::DimBands;
+    // width, height, channels, rowOut, channels needed: status, samples per row
+    // clang-format off
+    const std::tuple<int, int, int, int, int, B::Status, size_t> cases[] = {
+        {4, 3, 3, 0, 3, B::kOk, 12},          {4, 3, 3, 12, 3, B::kOk, 12},   {4, 3, 3, 15, 3, B::kOk, 15},
+        {4, 3, 3, 11, 3, B::kBad, 0},         {4, 3, 3, -1, 3, B::kBad, 0},   {-1, 3, 3, 0, 3, B::kBad, 0},
+        {4, -1, 3, 0, 3, B::kBad, 0},         {4, 3, -1, 0, 0, B::kBad, 0},   {0, 3, 3, -5, 3, B::kEmpty, 0},
+        {4, 0, 3, 0, 3, B::kEmpty, 0},        {4, 3, 2, -5, 3, B::kFewChannels, 0}, {4, 3, 1, 0, 1, B::kOk, 4}};
+    // clang-format on
+    DimParam d;
+    init_dim_param(&d);
+    for (auto [w, h, ch, row_out, needed, status, row] : cases) {
+        d.width = w, d.height = h, d.channels = ch, d.rowOut = row_out;
+        const B rows(d, needed);
+        EXPECT_EQ(rows.status(), status) << w << "x" << h << "x" << ch << " " << row_out;
+        EXPECT_EQ(status == B::kOk ? rows.row_samples() : 0, row);
+    }
+    // The result is the last band's: 10 rows in 3 bands end with 4 rows.
+    d.width = 1, d.height = 10, d.channels = 3, d.rowOut = 0;
+    for (int threads : {1, 2, 3, 7}) {
+        std::vector<std::atomic<int>> hits(10);
+        const int last = B(d, 3).run(
+            threads,
+            [&](const bv::threading::Band &b) {
+                for (int y = b.first; y < b.end; ++y) hits[y].fetch_add(1);
+                return b.end - b.first;
+            },
+            -2);
+        EXPECT_EQ(last, threads == 1 ? 10 : 10 - (threads - 1) * (10 / threads)) << threads;
+        for (auto &h : hits) EXPECT_EQ(h.load(), 1);
+    }
+}
+
 TEST(Tiles, CoordinatesExtendByOverlapInsideTheImage) {
     const struct {
         int cols, rows, tx, ty;

@@ -8,6 +8,7 @@
 
 #include "Threading/bands.hpp"
 #include "common/boundary.hpp"
+#include "common/diag.hpp"
 
 namespace {
 
@@ -21,7 +22,7 @@ struct RecordHead {
 
 int divide_work(int start, int end, int threads, bv_band_worker worker, const void *templ,
                 size_t size) {
-    if (!worker || !templ || size < sizeof(RecordHead)) return -1;
+    if (!worker || !templ || size < sizeof(RecordHead)) return BV_DW_EBADARG;
     int n = threads < 1 ? 1 : threads;
     if (n > 1 && (end - start) / n == 0) n = end - start;  // one row per thread
     if (n < 1) return 0;
@@ -31,30 +32,26 @@ int divide_work(int start, int end, int threads, bv_band_worker worker, const vo
 
     bv::Scratch<unsigned char> block;
     size_t total;
-    if (!bv::checked_mul(size, static_cast<size_t>(n), &total) || !block.alloc(total)) return -4;
+    if (!bv::checked_mul(size, static_cast<size_t>(n), &total) || !block.alloc(total))
+        return BV_DW_ENOMEM;
     auto record = [&](int i) { return block.get() + static_cast<size_t>(i) * size; };
     for (const auto &b : bands) {
         unsigned char *r = record(b.index);
         std::memcpy(r, templ, size);
         const RecordHead head{b.index, 0, b.first, b.end};
         std::memcpy(r, &head, sizeof head);
-        std::fprintf(stderr, "----> %d: %d - %d\n", b.index, b.first, b.end);
+        bv::diag(bv::Stream::Err, "----> %d: %d - %d\n", b.index, b.first, b.end);
     }
-    if (n == 1) {
-        worker(record(0));
-        return 0;
-    }
-    bv::threading::ThreadGroup group;
-    for (const auto &b : bands) {
-        unsigned char *r = record(b.index);
-        const int32_t on = 1;
-        std::memcpy(r + offsetof(RecordHead, threaded), &on, sizeof on);
-        if (group.spawn(worker, r)) continue;
-        const int32_t off = 0;
-        std::memcpy(r + offsetof(RecordHead, threaded), &off, sizeof off);
-        worker(r);
-    }
-    group.join_all();
+    // A band that could not get a thread runs inline, flagged unthreaded.
+    bv::threading::run_bands(
+        bands,
+        [&](const bv::threading::Band &b) {
+            unsigned char *r = record(b.index);
+            const int32_t threaded = b.threaded ? 1 : 0;
+            std::memcpy(r + offsetof(RecordHead, threaded), &threaded, sizeof threaded);
+            worker(r);
+        },
+        bv::threading::OnSpawnFailure::RunInline);
     return 0;
 }
 
@@ -76,18 +73,22 @@ void tile_span(int size, int tile, int count, int overlap, int i, int *lo, int *
 
 }  // namespace
 
+bool bv::threading::report_progress(bv_progress_cb callback, float fraction) {
+    if (!callback) return true;
+    int32_t cancel = 0;
+    callback(&cancel, fraction);
+    return cancel == 0;
+}
+
 extern "C" {
 
 BV_API int progress(bv_progress_cb callback, float value) {
-    if (!callback) return 1;
-    int32_t cancel = 0;
-    callback(&cancel, value);
-    return cancel == 0 ? 1 : 0;
+    return bv::threading::report_progress(callback, value) ? 1 : 0;
 }
 
 BV_API int DivideWork(int start, int end, int threads, bv_band_worker worker, const void *templ,
                       size_t recordSize) {
-    return bv::c_boundary(-4, -4, [&] {
+    return bv::c_boundary(BV_DW_ENOMEM, BV_DW_ENOMEM, [&] {
         return divide_work(start, end, threads, worker, templ, recordSize);
     });
 }

@@ -1,7 +1,7 @@
 // Band splitting, thread groups and waves of tiles.
 #include "Threading/bands.hpp"
 
-#include <memory>
+#include "common/boundary.hpp"
 
 namespace bv::threading {
 
@@ -67,11 +67,12 @@ void *wave_entry(void *arg) {
 
 }  // namespace
 
-int run_bands(int start, int end, int threads, const std::function<void(const Band &)> &body,
+int run_bands(const std::vector<Band> &bands, const std::function<void(const Band &)> &body,
               OnSpawnFailure policy) {
-    const std::vector<Band> bands = split_rows(start, end, threads);
     if (bands.size() == 1) {
-        body(bands[0]);
+        Band b = bands[0];
+        b.threaded = false;
+        body(b);
         return 0;
     }
     std::vector<BandTask> tasks;
@@ -79,12 +80,48 @@ int run_bands(int start, int end, int threads, const std::function<void(const Ba
     for (const Band &b : bands) tasks.push_back(BandTask{&body, b});
     ThreadGroup group;
     for (BandTask &t : tasks) {
+        t.band.threaded = true;
         if (group.spawn(band_entry, &t)) continue;
         if (policy == OnSpawnFailure::Fail) return -2;  // group joins on return
+        t.band.threaded = false;
         body(t.band);
     }
     group.join_all();
     return 0;
+}
+
+int run_bands(int start, int end, int threads, const std::function<void(const Band &)> &body,
+              OnSpawnFailure policy) {
+    return run_bands(split_rows(start, end, threads), body, policy);
+}
+
+DimBands::DimBands(const DimParam &dim, int channels_needed) noexcept : height_(dim.height) {
+    if (dim.width < 0 || dim.height < 0 || dim.channels < 0) return;
+    if (dim.width == 0 || dim.height == 0) {
+        status_ = kEmpty;
+        return;
+    }
+    if (dim.channels < channels_needed) {
+        status_ = kFewChannels;
+        return;
+    }
+    size_t packed;
+    if (!checked_mul(static_cast<size_t>(dim.width), static_cast<size_t>(dim.channels), &packed) ||
+        dim.rowOut < 0 || (dim.rowOut > 0 && static_cast<size_t>(dim.rowOut) < packed))
+        return;
+    row_ = dim.rowOut > 0 ? static_cast<size_t>(dim.rowOut) : packed;
+    status_ = kOk;
+}
+
+int DimBands::run(int threads, const std::function<int(const Band &)> &body,
+                  int spawn_failure) const {
+    if (threads <= 1) return body(Band{0, 0, height_});
+    const std::vector<Band> bands = split_rows(0, height_, threads);
+    std::vector<int> results(bands.size(), 0);
+    const int rc = run_bands(
+        bands, [&](const Band &b) { results[static_cast<size_t>(b.index)] = body(b); },
+        OnSpawnFailure::Fail);
+    return rc < 0 ? spawn_failure : results.back();
 }
 
 void run_waves(int count, int threads, const std::function<void(int)> &body) {

@@ -4,20 +4,9 @@
 #include <cmath>
 #include <cstring>
 
+#include "common/pixels.hpp"
+
 namespace bv::tmcore {
-
-namespace {
-
-// Integer part plus one when the fraction exceeds one half (halves go down).
-int round_half_down(double v) {
-    if (!(v == v)) return 0;
-    if (v >= 2147483647.0) return 2147483647;
-    if (v <= -2147483648.0) return -2147483647 - 1;
-    const int t = static_cast<int>(v);
-    return (v - t > 0.5) ? t + 1 : t;
-}
-
-}  // namespace
 
 void set_defaults(unsigned method, int flag, TmParam &rec) {
     std::memset(&rec, 0, sizeof rec);
@@ -67,7 +56,7 @@ int slider_to_param(int slider, double exponent) {
 extern "C" {
 
 BV_API int tmparam_default(unsigned method, int flag, TmParam *rec) {
-    if (!rec) return -1;
+    if (!rec) return BV_TM_EBADARG;
     bv::tmcore::set_defaults(method, flag, *rec);
     return 0;
 }

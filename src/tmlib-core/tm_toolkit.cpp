@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "Utils/loglum/loglum.hpp"
+#include "common/pixels.hpp"
 #include "tmlib-core/tmlib_core.hpp"
 
 namespace bv::tmcore {
@@ -16,18 +18,18 @@ namespace {
 
 template <class Sample>
 int log_lum_pass(int width, int height, int step, size_t row, const Sample *data, const float *lut,
-                 int g_off, float *map, double *sum, float *mn, float *mx) {
+                 float *map, double *sum, float *mn, float *mx) {
     int counted = 0;
-    const int b_off = step - 1;
+    const ChannelOffsets at = channel_offsets(step);
     for (int y = 0; y < height; ++y) {
         const Sample *px = data + static_cast<size_t>(y) * row;
         float *m = map + static_cast<size_t>(y) * width;
         for (int x = 0; x < width; ++x, px += step) {
             float r, g, b;
             if constexpr (sizeof(Sample) == 4) {
-                r = px[0], g = px[g_off], b = px[b_off];
+                r = px[at.r], g = px[at.g], b = px[at.b];
             } else {
-                r = lut[px[0]], g = lut[px[g_off]], b = lut[px[b_off]];
+                r = lut[px[at.r]], g = lut[px[at.g]], b = lut[px[at.b]];
             }
             const float l = 0.2126f * r + 0.7152f * g + 0.0722f * b;
             if (l > 0.0f) {
@@ -58,14 +60,13 @@ int get_log_lum(int kind, int width, int height, int pixelStep, int rowStep, flo
     int counted;
     if (kind == 0) {
         counted = log_lum_pass(width, height, pixelStep, row, static_cast<const float *>(data), lut,
-                               (pixelStep - 1) / 2, logMap, &sum, &mn, &mx);
+                               logMap, &sum, &mn, &mx);
     } else if (kind == 1) {
-        // The green offset is taken from an even count, as for byte offsets.
         counted = log_lum_pass(width, height, pixelStep, row, static_cast<const uint16_t *>(data),
-                               lut, ((pixelStep - 1) & ~1) / 2, logMap, &sum, &mn, &mx);
+                               lut, logMap, &sum, &mn, &mx);
     } else {
         counted = log_lum_pass(width, height, pixelStep, row, static_cast<const uint8_t *>(data),
-                               lut, (pixelStep - 1) / 2, logMap, &sum, &mn, &mx);
+                               lut, logMap, &sum, &mn, &mx);
     }
     const size_t total = static_cast<size_t>(width) * static_cast<size_t>(height);
     for (size_t i = 0; i < total; ++i)
@@ -105,7 +106,7 @@ float adjust_percentile(uint64_t count, int nbins, const int32_t *hist, float fa
     const int hi = static_cast<int>(0.9 * nbins);
     const int lo = static_cast<int>(0.25 * nbins);
     for (;;) {
-        const int k = percentile(count, static_cast<uint32_t>(nbins), hist, factor);
+        const int k = loglum::percentile(count, static_cast<uint32_t>(nbins), hist, factor);
         if (GlobalCntAdjust > 39) return factor;
         ++GlobalCntAdjust;
         if (k > hi) {
@@ -178,7 +179,8 @@ int rgb_interleaved2color_planes(int width, int height, int channels, int bits, 
     if (!src || !dst || width < 0 || height < 0 || channels < 1 || (bits != 8 && bits != 16))
         return -1;
     const size_t plane = static_cast<size_t>(width) * static_cast<size_t>(height);
-    const int off[3] = {0, (channels - 1) / 2, channels - 1};
+    const ChannelOffsets at = channel_offsets(channels);
+    const int off[3] = {at.r, at.g, at.b};
     auto reorder = [&](auto *s, auto *d) {
         for (size_t p = 0; p < plane; ++p)
             for (int c = 0; c < 3; ++c) d[c * plane + p] = s[p * channels + off[c]];

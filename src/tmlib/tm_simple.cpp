@@ -11,6 +11,7 @@
 #include "Threading/bands.hpp"
 #include "Utils/colour_adjust/colour_adjust.hpp"
 #include "common/boundary.hpp"
+#include "common/pixels.hpp"
 #include "tmlib-core/tmlib_core.hpp"
 
 namespace bv::tm {
@@ -30,7 +31,7 @@ struct CurveSet {
     float m;    // contrast exponent
     float lo;   // black end, after the black clip
     float inv;  // 1 / (white end after the clip - black end)
-    utils::ColourStage colour;
+    coloradjust::ColourStage colour;
 };
 
 struct Job {
@@ -48,13 +49,6 @@ struct Job {
     int first_row, end_row;  // optional row window of the base set
 };
 
-struct BandRecord {
-    const Job *job;
-    int index, count;
-    int first, end;
-    int result;
-};
-
 CurveSet make_curve(const TmParam &p, const LogLumStats &st, float range) {
     const float *s = p.slot;
     const double mn = st.v[0], mx = st.v[1], med = st.v[3], high = st.v[4];
@@ -62,7 +56,7 @@ CurveSet make_curve(const TmParam &p, const LogLumStats &st, float range) {
     const double r = high - med;
     const double k = (r <= 4.0) ? -1.5 : ((med - high) + 1.0) * 0.5;
     const double a = std::exp(k - med);
-    const double s1 = s[1], s2 = s[2];
+    const double s1 = s[BV_TM_SLOT_BRIGHTNESS], s2 = s[BV_TM_SLOT_ADAPTATION];
     double c;
     if (s2 <= 0.0 || s1 <= 0.0) {
         c = (s2 + 10.0) * 0.05;
@@ -78,7 +72,7 @@ CurveSet make_curve(const TmParam &p, const LogLumStats &st, float range) {
         m = static_cast<float>((s1 + 10.0) * 0.1 * (m - 0.01) + 0.01);
     else if (s1 > 0.0)
         m = static_cast<float>((10.0 - s1) * 0.1 * (m - 0.9) + 0.9);
-    const double s0 = s[0];
+    const double s0 = s[BV_TM_SLOT_EXPOSURE];
     double x;
     if (s0 > 0.0)
         x = s0 * (0.4 - 0.01 * s0);
@@ -92,15 +86,15 @@ CurveSet make_curve(const TmParam &p, const LogLumStats &st, float range) {
     const double hi = range * H / (std::pow(f * (c * H + a0), m) + H + 1e-20);
     const double lo = range * L / (std::pow(f * (c * L + a0), m) + L + 1e-20);
     const double d = hi - lo;
-    const double lo_clip = lo + s[4] * 0.02 * d;
+    const double lo_clip = lo + s[BV_TM_SLOT_BLACK_CLIP] * 0.02 * d;
     cs.a = static_cast<float>(a);
     cs.c = static_cast<float>(c);
     cs.a0 = static_cast<float>(a0);
     cs.f = static_cast<float>(f);
     cs.m = m;
     cs.lo = static_cast<float>(lo_clip);
-    cs.inv = static_cast<float>(1.0 / ((hi - s[3] * 0.03 * d) - lo_clip));
-    cs.colour = utils::colour_stage_from(p);
+    cs.inv = static_cast<float>(1.0 / ((hi - s[BV_TM_SLOT_WHITE_CLIP] * 0.03 * d) - lo_clip));
+    cs.colour = coloradjust::colour_stage_from(p);
     return cs;
 }
 
@@ -111,7 +105,7 @@ inline void render(const CurveSet &s, float range, float r, float g, float b, fl
     const float scale = s.a * e_scale;
     const float y = 0.2126f * r + 0.7152f * g + 0.0722f * b;
     const float lambda = y * scale * s.c + s.a0;
-    if (s.colour.temperature) utils::apply_temperature(r, g, b, y, s.colour.gains);
+    if (s.colour.temperature) coloradjust::apply_temperature(r, g, b, y, s.colour.gains);
     const float sigma = std::pow(s.f * lambda, s.m) + 1e-20f;
     const float in[3] = {r, g, b};
     for (int ch = 0; ch < 3; ++ch) {
@@ -122,37 +116,47 @@ inline void render(const CurveSet &s, float range, float r, float g, float b, fl
 }
 
 // Where the three samples of an output pixel go: interleaved at the channel
-// offsets (first and last exchanged for BGR), or into three planes.
+// offsets, or into three planes (plane order swapped alike for BGR).
 template <class T>
 struct PixelSink {
     T *out;
     size_t plane, row;
-    int width, ch, off_r, off_g, off_b;
-    bool planar, bgr;
+    int width, ch;
+    ChannelOffsets at;
+    bool planar;
     explicit PixelSink(const Job &j)
         : out(static_cast<T *>(j.output)),
           plane(static_cast<size_t>(j.dim.width) * static_cast<size_t>(j.dim.height)),
           row(j.out_row),
           width(j.dim.width),
           ch(j.dim.channels),
-          off_r(j.dim.bgr ? j.dim.channels - 1 : 0),
-          off_g((j.dim.channels - 1) / 2),
-          off_b(j.dim.bgr ? 0 : j.dim.channels - 1),
-          planar(j.planar),
-          bgr(j.dim.bgr != 0) {}
+          at(channel_offsets(j.planar ? 3 : j.dim.channels, j.dim.bgr != 0)),
+          planar(j.planar) {}
     void store(int y, int x, T r, T g, T b) const {
         if (planar) {
             const size_t p = static_cast<size_t>(y) * width + x;
-            out[(bgr ? 2 : 0) * plane + p] = r;
-            out[plane + p] = g;
-            out[(bgr ? 0 : 2) * plane + p] = b;
+            out[at.r * plane + p] = r;
+            out[at.g * plane + p] = g;
+            out[at.b * plane + p] = b;
         } else {
             T *px = out + static_cast<size_t>(y) * row + static_cast<size_t>(x) * ch;
-            px[off_r] = r;
-            px[off_g] = g;
-            px[off_b] = b;
+            px[at.r] = r;
+            px[at.g] = g;
+            px[at.b] = b;
         }
     }
+};
+
+// Input row y: RGBE planes, or interleaved floats of dim.channels samples
+// per pixel (only the member of the job's kind is set).
+struct InputRow {
+    RgbeRow rgbe;
+    const float *floats;
+    InputRow(const Job &j, int y)
+        : rgbe(j.input, static_cast<size_t>(j.dim.width), j.rgbe ? static_cast<size_t>(y) : 0),
+          floats(j.rgbe ? nullptr
+                        : reinterpret_cast<const float *>(j.input) +
+                              static_cast<size_t>(y) * j.dim.width * j.dim.channels) {}
 };
 
 template <class T>
@@ -168,26 +172,24 @@ void map_rows(const Job &j, int first, int end) {
     const DimParam &d = j.dim;
     const int w = d.width;
     const int ch = d.channels;
-    const int in_g = (ch - 1) / 2, in_b = ch - 1;
+    const ChannelOffsets in = channel_offsets(ch);
     const PixelSink<T> sink(j);
     const CurveSet &base = j.sets[0];
     for (int y = first; y < end; ++y) {
-        const unsigned char *row = j.input + (j.rgbe ? static_cast<size_t>(y) * w * 4
-                                                     : static_cast<size_t>(y) * w * ch * 4);
-        const float *frow = reinterpret_cast<const float *>(row);
+        const InputRow row(j, y);
         const unsigned char *map =
             j.region_map ? j.region_map + static_cast<size_t>(y) * w * 2 : nullptr;
         for (int x = 0; x < w; ++x) {
             float r, g, b, e_scale = 1.0f;
             bool black = false;
             if (j.rgbe) {
-                const unsigned e = row[3 * w + x];
+                const unsigned e = row.rgbe.e[x];
                 black = e == 0;
-                r = row[x], g = row[w + x], b = row[2 * w + x];
+                r = row.rgbe.r[x], g = row.rgbe.g[x], b = row.rgbe.b[x];
                 e_scale = j.exp_table[e];
             } else {
-                const float *px = frow + static_cast<size_t>(x) * ch;
-                r = px[0], g = px[in_g], b = px[in_b];
+                const float *px = row.floats + static_cast<size_t>(x) * ch;
+                r = px[in.r], g = px[in.g], b = px[in.b];
             }
             float o[3] = {0.0f, 0.0f, 0.0f};
             if (!black) {
@@ -228,7 +230,7 @@ void map_rows_plain(const Job &j, int first, int end) {
     const DimParam &d = j.dim;
     const int w = d.width;
     const int ch = d.channels;
-    const int in_g = (ch - 1) / 2, in_b = ch - 1;
+    const ChannelOffsets in = channel_offsets(ch);
     const CurveSet &s = j.sets[0];
     const PixelSink<T> sink(j);
     alignas(16) float cp[3][kChunk];
@@ -236,23 +238,21 @@ void map_rows_plain(const Job &j, int first, int end) {
     alignas(16) int32_t q[3][kChunk];
     bool black[kChunk];
     for (int y = first; y < end; ++y) {
-        const unsigned char *row = j.input + (j.rgbe ? static_cast<size_t>(y) * w * 4
-                                                     : static_cast<size_t>(y) * w * ch * 4);
-        const float *frow = reinterpret_cast<const float *>(row);
+        const InputRow row(j, y);
         for (int x0 = 0; x0 < w; x0 += kChunk) {
             const int n = (w - x0 < kChunk) ? w - x0 : kChunk;
             for (int i = 0; i < n; ++i) {
                 const int x = x0 + i;
                 float r, g, b, e_scale = 1.0f;
                 if (j.rgbe) {
-                    const unsigned e = row[3 * w + x];
+                    const unsigned e = row.rgbe.e[x];
                     black[i] = e == 0;
-                    r = row[x], g = row[w + x], b = row[2 * w + x];
+                    r = row.rgbe.r[x], g = row.rgbe.g[x], b = row.rgbe.b[x];
                     e_scale = j.exp_table[e];
                 } else {
-                    const float *px = frow + static_cast<size_t>(x) * ch;
+                    const float *px = row.floats + static_cast<size_t>(x) * ch;
                     black[i] = false;
-                    r = px[0], g = px[in_g], b = px[in_b];
+                    r = px[in.r], g = px[in.g], b = px[in.b];
                 }
                 const float scale = s.a * e_scale;
                 const float lum = 0.2126f * r + 0.7152f * g + 0.0722f * b;
@@ -299,106 +299,121 @@ void map_rows_plain(const Job &j, int first, int end) {
 }  // namespace
 
 // One band of rows [first, end), clipped to the base set's row window.
-// Returns end, so the last band reports the image height.
+// Returns the band's row count.
 int tm_simple_orig(const Job &j, int first, int end) {
     const int lo = first > j.first_row ? first : j.first_row;
     const int hi = end < j.end_row ? end : j.end_row;
     if (lo < hi) {
         const CurveSet &b = j.sets[0];
-        const bool plain =
-            !(j.region_map && j.regions > 0) && !b.colour.any();
+        const bool plain = !(j.region_map && j.regions > 0) && !b.colour.any();
         if (j.range > 255.0f)
             plain ? map_rows_plain<uint16_t>(j, lo, hi) : map_rows<uint16_t>(j, lo, hi);
         else
             plain ? map_rows_plain<uint8_t>(j, lo, hi) : map_rows<uint8_t>(j, lo, hi);
     }
-    return end;
-}
-
-void *tm_simple_threaded(void *arg) {
-    auto *rec = static_cast<BandRecord *>(arg);
-    rec->result = tm_simple_orig(*rec->job, rec->first, rec->end);
-    return nullptr;
+    return end - first;
 }
 
 namespace {
 
-int tm_simple_impl(const TmParam *params, const unsigned char *region_map, const LogLumStats &stats,
-                   const float *exp_table, const void *input, void *output, const DimParam &dim,
-                   int threads) {
-    const bool rgbe = dim.sourceKind != 10;
-    const bool planar = dim.layout == 3;
-    if ((rgbe && !exp_table) || dim.width < 0 || dim.height < 0 || dim.channels < 1 ||
-        (planar && dim.channels < 3))
+// Stage 1: arguments. Returns 1 to go on, 0 for an empty image, or a code.
+int check_arguments(const DimParam &dim, const threading::DimBands &rows, const float *exp_table,
+                    const void *input, const void *output) {
+    const bool rgbe = dim.sourceKind != BV_SOURCE_FLOAT_RGB;
+    const bool planar = dim.layout == BV_LAYOUT_PLANES;
+    if ((rgbe && !exp_table) || dim.channels < 1 || (planar && dim.channels < 3))
         return BV_TM_EBADARG;
-    if (dim.width == 0 || dim.height == 0) return 0;
-    if (!input || !output) return BV_TM_EBADARG;
-    size_t packed;
-    if (!checked_mul(static_cast<size_t>(dim.width), static_cast<size_t>(dim.channels), &packed) ||
-        dim.rowOut < 0 || (dim.rowOut > 0 && static_cast<size_t>(dim.rowOut) < packed))
-        return BV_TM_EBADARG;
+    if (rows.status() == threading::DimBands::kEmpty) return 0;
+    if (rows.status() != threading::DimBands::kOk || !input || !output) return BV_TM_EBADARG;
+    return 1;
+}
 
-    const TmParam &base = params[0];
-    int regions = 0;
-    if (region_map) {
-        const float v = base.slot[55];
-        if (v > 0.0f) regions = v >= kMaxRegionSets ? kMaxRegionSets : static_cast<int>(v);
-    }
-    const size_t sets = static_cast<size_t>(regions) + 1;
-    const size_t lut = static_cast<size_t>(utils::kLutEntries);
-    Scratch<float> hue_tables, value_tables;
-    if (!hue_tables.alloc(sets * lut * 3) || !value_tables.alloc(sets * lut)) return BV_TM_ENOMEM;
-    // Also rejects NaN statistics.
-    if (!(stats.v[0] < stats.v[1])) return BV_TM_ESTATS;
+// Stage 2: region sets following the base record (only with a region map).
+int region_set_count(const TmParam &base, const unsigned char *region_map) {
+    if (!region_map) return 0;
+    const float v = base.slot[BV_TM_SLOT_REGION_SETS];
+    if (!(v > 0.0f)) return 0;
+    return v >= kMaxRegionSets ? kMaxRegionSets : static_cast<int>(v);
+}
 
-    const float range = dim.bitsOut == 16 ? 65535.0f : 255.0f;
-    std::vector<CurveSet> curves(sets);
-    for (size_t k = 0; k < sets; ++k) {
+// Hue and value tables of every parameter set, side by side.
+struct ColourTables {
+    static constexpr size_t kLut = static_cast<size_t>(coloradjust::kLutEntries);
+    Scratch<float> hue, value;
+    bool alloc(size_t sets) { return hue.alloc(sets * kLut * 3) && value.alloc(sets * kLut); }
+    float *hue_of(size_t set) const { return hue.get() + set * kLut * 3; }
+    float *value_of(size_t set) const { return value.get() + set * kLut; }
+};
+
+// Stage 3: curve constants of every set, with its colour tables when its
+// colour slots or its saturation ask for them.
+void build_curves(const TmParam *params, const LogLumStats &stats, float range,
+                  const ColourTables &tables, std::vector<CurveSet> &curves) {
+    for (size_t k = 0; k < curves.size(); ++k) {
         TmParam colour;
         std::memcpy(&colour, &params[k], sizeof colour);
-        curves[k] = make_curve(colour, stats, range);
-        if (!utils::has_table_params(colour) && colour.slot[13] == 0.0f) continue;
-        float *hue = hue_tables.get() + k * lut * 3;
-        float *value = value_tables.get() + k * lut;
-        const int rc =
-            getColorAdjustmentLUTs(BV_CA_MODE_TABLES, &colour, utils::kLutEntries, 8, hue, value);
-        if (rc < 0) continue;  // that set simply goes without tables
-        curves[k].colour.tables = true;
-        curves[k].colour.use_value = rc != 0;
-        curves[k].colour.hue = hue;
-        curves[k].colour.value = value;
+        CurveSet &c = curves[k];
+        c = make_curve(colour, stats, range);
+        if (!coloradjust::has_table_params(colour) && colour.slot[BV_TM_SLOT_SATURATION] == 0.0f)
+            continue;
+        c.colour.tables = true;
+        c.colour.hue = tables.hue_of(k);
+        c.colour.value = tables.value_of(k);
+        c.colour.use_value =
+            coloradjust::build_colour_luts(colour, coloradjust::kLutEntries, tables.hue_of(k),
+                                           tables.value_of(k)) != 0;
     }
+}
 
+// Stage 4: the job every band reads, with the base set's row window.
+Job make_job(const std::vector<CurveSet> &curves, const unsigned char *region_map,
+             const float *exp_table, const void *input, void *output, const DimParam &dim,
+             size_t out_row, float range) {
     Job j{};
     j.sets = curves.data();
-    j.regions = regions;
+    j.regions = static_cast<int>(curves.size()) - 1;
     j.region_map = region_map;
     j.exp_table = exp_table;
     j.input = static_cast<const unsigned char *>(input);
     j.output = output;
     j.dim = dim;
-    j.rgbe = rgbe;
-    j.planar = planar;
+    j.rgbe = dim.sourceKind != BV_SOURCE_FLOAT_RGB;
+    j.planar = dim.layout == BV_LAYOUT_PLANES;
     j.range = range;
-    j.out_row = dim.rowOut > 0 ? static_cast<size_t>(dim.rowOut) : packed;
-    j.first_row = 0;
-    j.end_row = dim.height;
-    const float first = base.slot[56], end = base.slot[57];
-    if (first > 0.0f && first < dim.height - 1) j.first_row = static_cast<int>(first);
-    if (end > 0.0f && end < dim.height) j.end_row = static_cast<int>(end);
+    j.out_row = out_row;
+    return j;
+}
 
-    if (threads <= 1) return tm_simple_orig(j, 0, dim.height);
-    std::vector<BandRecord> records(static_cast<size_t>(threads));
-    const int rc = threading::run_bands(
-        0, dim.height, threads,
-        [&](const threading::Band &b) {
-            BandRecord &r = records[static_cast<size_t>(b.index)];
-            r = BandRecord{&j, b.index, threads, b.first, b.end, 0};
-            tm_simple_threaded(&r);
-        },
-        threading::OnSpawnFailure::Fail);
-    if (rc < 0) return BV_TM_ETHREAD;
-    return records.back().result;
+void set_row_window(const TmParam &base, int height, Job &j) {
+    j.first_row = 0;
+    j.end_row = height;
+    const float first = base.slot[BV_TM_SLOT_FIRST_ROW], end = base.slot[BV_TM_SLOT_END_ROW];
+    if (first > 0.0f && first < height - 1) j.first_row = static_cast<int>(first);
+    if (end > 0.0f && end < height) j.end_row = static_cast<int>(end);
+}
+
+int tm_simple_impl(const TmParam *params, const unsigned char *region_map, const LogLumStats &stats,
+                   const float *exp_table, const void *input, void *output, const DimParam &dim,
+                   int threads) {
+    const threading::DimBands rows(dim, 1);
+    const int checked = check_arguments(dim, rows, exp_table, input, output);
+    if (checked <= 0) return checked;
+
+    const size_t sets = static_cast<size_t>(region_set_count(params[0], region_map)) + 1;
+    ColourTables tables;
+    if (!tables.alloc(sets)) return BV_TM_ENOMEM;
+    // Also rejects NaN statistics.
+    if (!(stats.v[0] < stats.v[1])) return BV_TM_ESTATS;
+
+    const float range = dim.bitsOut == 16 ? 65535.0f : 255.0f;
+    std::vector<CurveSet> curves(sets);
+    build_curves(params, stats, range, tables, curves);
+    Job j = make_job(curves, region_map, exp_table, input, output, dim, rows.row_samples(), range);
+    set_row_window(params[0], dim.height, j);
+
+    return rows.run(
+        threads, [&](const threading::Band &b) { return tm_simple_orig(j, b.first, b.end); },
+        BV_TM_ETHREAD);
 }
 
 }  // namespace

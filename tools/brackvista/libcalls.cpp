@@ -11,7 +11,10 @@ namespace bvcli {
 namespace lib {
 namespace {
 
-std::string code_text(int code) { return "library code " + std::to_string(code); }
+// The library's own short text for a code of one family, with the number.
+std::string code_text(int family, int code) {
+    return std::string(bv_code_text(family, code)) + ", code " + std::to_string(code);
+}
 
 }  // namespace
 
@@ -53,8 +56,8 @@ void merge(int n, int width, int height, int bits, const void *data, float ev_st
                           lut.data(), exposures.data(), data, stats, rgbe.data());
     check_interrupted();
     if (rc == BV_HDR_CANCELLED) throw Failure(kCancelled, "cancelled");
-    if (rc == -4) fail("not enough memory to merge " + std::to_string(n) + " brackets");
-    if (rc != height) fail("merging failed (" + code_text(rc) + ")");
+    if (rc == BV_HDR_ENOMEM) fail("not enough memory to merge " + std::to_string(n) + " brackets");
+    if (rc != height) fail("merging failed (" + code_text(BV_FAMILY_HDRGEN, rc) + ")");
 }
 
 void write_radiance(const std::string &path, const std::string &shown, int width, int height,
@@ -63,7 +66,8 @@ void write_radiance(const std::string &path, const std::string &shown, int width
     char name[32] = {};
     std::strncpy(name, profile.c_str(), sizeof name - 1);
     int rc = bv_io_rgbe_write(path.c_str(), width, height, &exif, 0, name, rgbe.data());
-    if (rc != height) fail("cannot write '" + shown + "' (" + code_text(rc) + ")");
+    if (rc != height)
+        fail("cannot write '" + shown + "' (" + code_text(BV_FAMILY_RADIANCE, rc) + ")");
 }
 
 void write_float_tiff(const std::string &path, const std::string &shown, int width, int height,
@@ -71,17 +75,19 @@ void write_float_tiff(const std::string &path, const std::string &shown, int wid
     if (width > 65535 || height > 65535)
         fail("'" + shown + "': float TIFF output is limited to 65535 pixels a side");
     int rc = fp_save(path.c_str(), width, height, 0, rgbe.data());
-    if (rc != height) fail("cannot write '" + shown + "' (" + code_text(rc) + ")");
+    if (rc != height) fail("cannot write '" + shown + "' (" + code_text(BV_FAMILY_RGBE, rc) + ")");
 }
 
 RadianceHeader read_radiance_header(const std::string &path) {
     RadianceHeader h;
     RgbeDims dims{};
     int rc = rgbe_dim(path.c_str(), h.primaries, &dims);
-    if (rc == -1) fail("cannot open '" + path + "'");
-    if (rc == -2) fail("'" + path + "' is not a Radiance file (no resolution line)");
-    if (rc == -3) fail("'" + path + "' is damaged: its resolution line gives no pixels");
-    if (rc < 0) fail("cannot read '" + path + "' (" + code_text(rc) + ")");
+    if (rc == BV_RAD_ERR_IO) fail("cannot open '" + path + "'");
+    if (rc == BV_RAD_ERR_NO_RESOLUTION)
+        fail("'" + path + "' is not a Radiance file (no resolution line)");
+    if (rc == BV_RAD_ERR_ZERO_SIZE)
+        fail("'" + path + "' is damaged: its resolution line gives no pixels");
+    if (rc < 0) fail("cannot read '" + path + "' (" + code_text(BV_FAMILY_RADIANCE, rc) + ")");
     if (dims.width < 1 || dims.height < 1) fail("'" + path + "' has an unusable resolution line");
     h.width = dims.width;
     h.height = dims.height;
@@ -102,14 +108,14 @@ std::vector<uint8_t> read_radiance(const std::string &path, int width, int heigh
     std::vector<uint8_t> rgbe(bytes);
     int rc = bv_io_read_rgbe(width, height, path.c_str(), rgbe.data());
     if (rc == height) return rgbe;
-    if (rc == -1) fail("'" + path + "' is truncated or unreadable");
-    fail("'" + path + "' has damaged pixel data (" + code_text(rc) + ")");
+    if (rc == BV_RAD_ERR_IO) fail("'" + path + "' is truncated or unreadable");
+    fail("'" + path + "' has damaged pixel data (" + code_text(BV_FAMILY_RADIANCE, rc) + ")");
 }
 
 std::vector<float> rgbe_to_float(int width, int height, const std::vector<uint8_t> &rgbe) {
     std::vector<float> rgb(static_cast<size_t>(width) * height * 3);
     int rc = rgbe2fp(width, height, width * 3, 0, 0, rgbe.data(), rgb.data(), 1.0f);
-    if (rc != height) fail("cannot decode the HDR image (" + code_text(rc) + ")");
+    if (rc != height) fail("cannot decode the HDR image (" + code_text(BV_FAMILY_RGBE, rc) + ")");
     return rgb;
 }
 
@@ -121,7 +127,8 @@ LogLumStats run_stats(int width, int height, const void *data, bool is_float) {
     s.v[BV_LLS_MIN] = is_float ? 32.0f : 8.0f;
     s.v[BV_LLS_MAX] = 3.0f;
     int rc = logMinMaxMoy(width, height, table, data, &s);
-    if (rc < 0) fail("cannot measure the image's luminance (" + code_text(rc) + ")");
+    if (rc < 0)
+        fail("cannot measure the image's luminance (" + code_text(BV_FAMILY_RGBE, rc) + ")");
     return s;
 }
 }  // namespace
@@ -145,9 +152,9 @@ void tonemap_rows(const TmParam &param, const LogLumStats &stats, int width, int
     float table[256];
     exp_lut_old(table);
     TmParam p = param;
-    p.slot[55] = 0;  // no region sets follow
-    p.slot[56] = 0;  // rows are chosen by the pointers below
-    p.slot[57] = 0;
+    p.slot[BV_TM_SLOT_REGION_SETS] = 0;  // no region sets follow
+    p.slot[BV_TM_SLOT_FIRST_ROW] = 0;    // rows are chosen by the pointers below
+    p.slot[BV_TM_SLOT_END_ROW] = 0;
     DimParam dim;
     init_dim_param(&dim);
     dim.width = width;
@@ -157,14 +164,14 @@ void tonemap_rows(const TmParam &param, const LogLumStats &stats, int width, int
     dim.bitsOut = bits;
     dim.rowIn = width * 3;
     dim.rowOut = width * 3;
-    dim.sourceKind = is_float ? 10 : 0;
+    dim.sourceKind = is_float ? BV_SOURCE_FLOAT_RGB : 0;
     const size_t in_row = static_cast<size_t>(width) * (is_float ? 12 : 4);
     auto *src = const_cast<uint8_t *>(static_cast<const uint8_t *>(input)) + in_row * row0;
     LogLumStats s = stats;
     int rc = tm_simple(&p, nullptr, &s, table, src, static_cast<uint16_t *>(out), dim, threads);
-    if (rc == -5) fail("the image has a single luminance level; nothing to tone-map");
-    if (rc == -4) fail("not enough memory to tone-map");
-    if (rc < 0) fail("tone mapping failed (" + code_text(rc) + ")");
+    if (rc == BV_TM_ESTATS) fail("the image has a single luminance level; nothing to tone-map");
+    if (rc == BV_TM_ENOMEM) fail("not enough memory to tone-map");
+    if (rc < 0) fail("tone mapping failed (" + code_text(BV_FAMILY_TONEMAP, rc) + ")");
 }
 
 }  // namespace lib

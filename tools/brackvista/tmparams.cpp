@@ -13,14 +13,19 @@ namespace bvcli {
 const std::vector<TmOption> &tonemap_options() {
     static const std::vector<TmOption> table = [] {
         std::vector<TmOption> t = {
-            {"exposure", 0, -10, 10, false, "exposure, brighter when positive"},
-            {"brightness", 1, -10, 10, false, "brightness: bends the contrast curve"},
-            {"adaptation", 2, -10, 10, false,
+            {"exposure", BV_TM_SLOT_EXPOSURE, -10, 10, false, "exposure, brighter when positive"},
+            {"brightness", BV_TM_SLOT_BRIGHTNESS, -10, 10, false,
+             "brightness: bends the contrast curve"},
+            {"adaptation", BV_TM_SLOT_ADAPTATION, -10, 10, false,
              "adaptation: to the whole image (-10) or each pixel (10)"},
-            {"white-clip", 3, 0, 30, false, "white point clip, in steps of 3 % of the range"},
-            {"black-clip", 4, 0, 40, false, "black point clip, in steps of 2 % of the range"},
-            {"temperature", 12, -15, 15, true, "colour temperature, -260 K of white per step"},
-            {"saturation", 13, -10, 10, true, "saturation, 10 % per step (-10 = grey)"},
+            {"white-clip", BV_TM_SLOT_WHITE_CLIP, 0, 30, false,
+             "white point clip, in steps of 3 % of the range"},
+            {"black-clip", BV_TM_SLOT_BLACK_CLIP, 0, 40, false,
+             "black point clip, in steps of 2 % of the range"},
+            {"temperature", BV_TM_SLOT_TEMPERATURE, -15, 15, true,
+             "colour temperature, -260 K of white per step"},
+            {"saturation", BV_TM_SLOT_SATURATION, -10, 10, true,
+             "saturation, 10 % per step (-10 = grey)"},
         };
         // Colour adjustments per hue band, three slots each from slot 20,
         // then the master values that add to every band.

@@ -1,7 +1,7 @@
 // HSL/HSV arithmetic shared by every exported colour helper and the per-pixel loops.
 #pragma once
 
-namespace bv::utils {
+namespace bv::colour {
 
 // Hue, saturation, lightness of a 0..1 RGB triple, all three in 0..1.
 inline void rgb_to_hsl(const float rgb[3], float hsl[3]) noexcept {
@@ -128,4 +128,4 @@ inline void hsv_to_rgb(const float hsv[3], float rgb[3]) noexcept {
 // locus gives y = 0 or t is not a usable temperature, leaving xyz untouched.
 bool kelvin_to_xyz(float t, float xyz[3]) noexcept;
 
-}  // namespace bv::utils
+}  // namespace bv::colour

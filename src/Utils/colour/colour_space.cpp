@@ -5,7 +5,7 @@
 
 #include "Utils/colour/colour_math.hpp"
 
-namespace bv::utils {
+namespace bv::colour {
 
 bool kelvin_to_xyz(float t, float xyz[3]) noexcept {
     if (!(t > 0.0f) || !std::isfinite(t)) return false;
@@ -53,75 +53,75 @@ const SpaceMatrices kSpaces[3] = {
 };
 
 }  // namespace
-}  // namespace bv::utils
+}  // namespace bv::colour
 
 extern "C" {
 
 BV_API int rgb2hsl(int range, const float rgb[3], float hsl[3]) {
-    if (!rgb || !hsl) return -1;
-    const float r = bv::utils::range_of(range);
+    if (!rgb || !hsl) return BV_COLOUR_EARG;
+    const float r = bv::colour::range_of(range);
     const float n[3] = {rgb[0] / r, rgb[1] / r, rgb[2] / r};
-    bv::utils::rgb_to_hsl(n, hsl);
+    bv::colour::rgb_to_hsl(n, hsl);
     return 1;
 }
 
 BV_API float hue2rgb(int range, float p, float q, float h) {
-    const float r = bv::utils::range_of(range);
-    return bv::utils::hue_to_rgb(p / r, q / r, h) * r;
+    const float r = bv::colour::range_of(range);
+    return bv::colour::hue_to_rgb(p / r, q / r, h) * r;
 }
 
 BV_API int hsl2rgb(int range, const float hsl[3], float rgb[3]) {
-    if (!rgb || !hsl) return -1;
-    const float r = bv::utils::range_of(range);
-    bv::utils::hsl_to_rgb(hsl, rgb);
+    if (!rgb || !hsl) return BV_COLOUR_EARG;
+    const float r = bv::colour::range_of(range);
+    bv::colour::hsl_to_rgb(hsl, rgb);
     for (int c = 0; c < 3; ++c) rgb[c] *= r;
     return 1;
 }
 
 BV_API int rgb2hsl_norm(const float rgb[3], float hsl[3]) {
-    if (!rgb || !hsl) return -1;
-    bv::utils::rgb_to_hsl(rgb, hsl);
+    if (!rgb || !hsl) return BV_COLOUR_EARG;
+    bv::colour::rgb_to_hsl(rgb, hsl);
     return 1;
 }
 
 BV_API int hsl2rgb_norm(const float hsl[3], float rgb[3]) {
-    if (!rgb || !hsl) return -1;
-    bv::utils::hsl_to_rgb(hsl, rgb);
+    if (!rgb || !hsl) return BV_COLOUR_EARG;
+    bv::colour::hsl_to_rgb(hsl, rgb);
     return 1;
 }
 
 BV_API int rgb2hsv_norm(const float rgb[3], float hsv[3]) {
-    if (!rgb || !hsv) return -1;
-    bv::utils::rgb_to_hsv(rgb, hsv);
+    if (!rgb || !hsv) return BV_COLOUR_EARG;
+    bv::colour::rgb_to_hsv(rgb, hsv);
     return 1;
 }
 
 BV_API int hsv2rgb_norm(const float hsv[3], float rgb[3]) {
-    if (!rgb || !hsv) return -1;
-    bv::utils::hsv_to_rgb(hsv, rgb);
+    if (!rgb || !hsv) return BV_COLOUR_EARG;
+    bv::colour::hsv_to_rgb(hsv, rgb);
     return 1;
 }
 
 BV_API int rgb2Lab(int useFloats, const float rgb[3], const float *table, const int32_t index[3],
                    float Lab[3]) {
-    if (!Lab) return -1;
+    if (!Lab) return BV_COLOUR_EARG;
     double c[3];
     if (useFloats) {
-        if (!rgb) return -1;
+        if (!rgb) return BV_COLOUR_EARG;
         for (int i = 0; i < 3; ++i) c[i] = rgb[i];
     } else {
-        if (!table || !index) return -1;
+        if (!table || !index) return BV_COLOUR_EARG;
         for (int i = 0; i < 3; ++i) {
-            if (index[i] < 0) return -1;
+            if (index[i] < 0) return BV_COLOUR_EARG;
             c[i] = table[index[i]];
         }
     }
     const double X = 0.5767309 * c[0] + 0.185554 * c[1] + 0.1881852 * c[2];
     const double Y = 0.2973769 * c[0] + 0.6273491 * c[1] + 0.0752741 * c[2];
     const double Z = 0.0270343 * c[0] + 0.0706872 * c[1] + 0.9911085 * c[2];
-    const double fx = bv::utils::lab_f(X * 1.0521111);
-    const double fy = bv::utils::lab_f(Y);
-    const double fz = bv::utils::lab_f(Z * 0.91841704);
+    const double fx = bv::colour::lab_f(X * 1.0521111);
+    const double fy = bv::colour::lab_f(Y);
+    const double fz = bv::colour::lab_f(Z * 0.91841704);
     Lab[0] = static_cast<float>(116.0 * fy - 16.0);
     Lab[1] = static_cast<float>(500.0 * (fx - fy));
     Lab[2] = static_cast<float>(200.0 * (fy - fz));
@@ -130,14 +130,14 @@ BV_API int rgb2Lab(int useFloats, const float rgb[3], const float *table, const 
 
 BV_API int Lab2rgb(int useFloats, const float Lab[3], float rgb[3], int n, const float *table,
                    float out[3]) {
-    if (!Lab) return -1;
-    if (useFloats ? !rgb : (!table || !out || n < 0)) return -1;
+    if (!Lab) return BV_COLOUR_EARG;
+    if (useFloats ? !rgb : (!table || !out || n < 0)) return BV_COLOUR_EARG;
     const double L = Lab[0];
     const double fy = (L + 16.0) / 116.0;
     const double fx = fy + Lab[1] * 0.002;
     const double fz = fy - Lab[2] * 0.005;
-    const double x = bv::utils::lab_f_inverse(fx);
-    const double z = bv::utils::lab_f_inverse(fz);
+    const double x = bv::colour::lab_f_inverse(fx);
+    const double z = bv::colour::lab_f_inverse(fz);
     const double Y = (L <= 7.999625) ? L / 903.3 : fy * fy * fy;
     const double X = 0.95047 * x, Z = 1.08883 * z;
     const double c[3] = {2.041369 * X - 0.5649464 * Y - 0.3446944 * Z,
@@ -160,14 +160,14 @@ BV_API int Lab2rgb(int useFloats, const float Lab[3], float rgb[3], int n, const
 }
 
 BV_API int kelvin2XYZ(float T, float XYZ[3]) {
-    if (!XYZ) return -1;
-    return bv::utils::kelvin_to_xyz(T, XYZ) ? 1 : 0;
+    if (!XYZ) return BV_COLOUR_EARG;
+    return bv::colour::kelvin_to_xyz(T, XYZ) ? 1 : 0;
 }
 
 BV_API int getRGB_to_from_XYZ(int space, float toXYZ[9], float fromXYZ[9]) {
     if (space < 0 || space > 2) return 1;
-    if (!toXYZ || !fromXYZ) return -1;
-    const bv::utils::SpaceMatrices &m = bv::utils::kSpaces[space];
+    if (!toXYZ || !fromXYZ) return BV_COLOUR_EARG;
+    const bv::colour::SpaceMatrices &m = bv::colour::kSpaces[space];
     for (int i = 0; i < 9; ++i) {
         toXYZ[i] = m.to[i];
         fromXYZ[i] = m.from[i];

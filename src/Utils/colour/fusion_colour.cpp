@@ -6,16 +6,16 @@
 extern "C" {
 
 BV_API int frgb2hsl(const float rgb[3], float hsl[3]) {
-    if (!rgb || !hsl) return -1;
-    bv::utils::rgb_to_hsl(rgb, hsl);
+    if (!rgb || !hsl) return BV_COLOUR_EARG;
+    bv::colour::rgb_to_hsl(rgb, hsl);
     return 1;
 }
 
-BV_API float fhue2rgb(float p, float q, float h) { return bv::utils::hue_to_rgb(p, q, h); }
+BV_API float fhue2rgb(float p, float q, float h) { return bv::colour::hue_to_rgb(p, q, h); }
 
 BV_API int fhsl2rgb(const float hsl[3], float rgb[3]) {
-    if (!rgb || !hsl) return -1;
-    bv::utils::hsl_to_rgb(hsl, rgb);
+    if (!rgb || !hsl) return BV_COLOUR_EARG;
+    bv::colour::hsl_to_rgb(hsl, rgb);
     return 1;
 }
 

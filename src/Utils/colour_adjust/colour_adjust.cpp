@@ -7,8 +7,9 @@
 
 #include "Threading/bands.hpp"
 #include "common/boundary.hpp"
+#include "common/pixels.hpp"
 
-namespace bv::utils {
+namespace bv::coloradjust {
 
 namespace {
 
@@ -91,8 +92,8 @@ int build_colour_luts(const TmParam &p, int entries, float *hue, float *value) n
 
 WhiteGains temperature_gains(float step) noexcept {
     float xyz[3];
-    kelvin_to_xyz(6500.0f, xyz);  // a temperature off the locus keeps D65
-    kelvin_to_xyz(6500.0f - step * 260.0f, xyz);
+    colour::kelvin_to_xyz(6500.0f, xyz);  // a temperature off the locus keeps D65
+    colour::kelvin_to_xyz(6500.0f - step * 260.0f, xyz);
     return WhiteGains{xyz[0] * 1.0521265f, xyz[2] * 0.9184811f};
 }
 
@@ -109,28 +110,21 @@ struct AdjustJob {
     ColourStage colour;
 };
 
-struct AdjustRecord {
-    const AdjustJob *job;
-    int first, end;
-    int result;
-};
-
 template <class T>
 void adjust_rows(const AdjustJob &j, T *base, float range, int first, int end) {
-    const int ci = j.bgr ? j.channels - 1 : 0;
-    const int cg = (j.channels - 1) / 2;
-    const int co = j.bgr ? 0 : j.channels - 1;
+    const ChannelOffsets o = channel_offsets(j.channels, j.bgr);
+    const int at[3] = {o.r, o.g, o.b};
     for (int y = first; y < end; ++y) {
         T *px = base + static_cast<size_t>(y) * j.row;
         for (int x = 0; x < j.width; ++x, px += j.channels) {
-            float rgb[3] = {static_cast<float>(px[ci]) / range, static_cast<float>(px[cg]) / range,
-                            static_cast<float>(px[co]) / range};
+            float rgb[3] = {static_cast<float>(px[o.r]) / range,
+                            static_cast<float>(px[o.g]) / range,
+                            static_cast<float>(px[o.b]) / range};
             if (j.colour.temperature) {
                 const float lum = 0.2126f * rgb[0] + 0.7152f * rgb[1] + 0.0722f * rgb[2];
                 apply_temperature(rgb[0], rgb[1], rgb[2], lum, j.colour.gains);
             }
             j.colour.finish(rgb);
-            const int at[3] = {ci, cg, co};
             for (int c = 0; c < 3; ++c) {
                 const float v = clamp01(rgb[c]);
                 if constexpr (sizeof(T) == 4)
@@ -149,38 +143,35 @@ int adjust_colors_orig(const AdjustJob &j, int first, int end) {
         adjust_rows(j, reinterpret_cast<float *>(j.image), 1.0f, first, end);
     else
         adjust_rows(j, j.image, 255.0f, first, end);
-    return end;
-}
-
-void *adjust_colors_threaded(void *arg) {
-    auto *r = static_cast<AdjustRecord *>(arg);
-    r->result = adjust_colors_orig(*r->job, r->first, r->end);
-    return nullptr;
+    return end - first;
 }
 
 int adjust_colors(int threads, bv_progress_cb cb, const TmParam &colour, void *image,
                   const DimParam &dim) {
-    if (dim.width < 0 || dim.height < 0 || dim.channels < 0) return BV_CA_EBADARG;
-    if (dim.width == 0 || dim.height == 0) return 0;
-    if (dim.channels < 3) return dim.height;
-    size_t packed;
-    if (!checked_mul(static_cast<size_t>(dim.width), static_cast<size_t>(dim.channels), &packed))
-        return BV_CA_EBADARG;
-    if (dim.rowOut < 0 || (dim.rowOut > 0 && static_cast<size_t>(dim.rowOut) < packed))
-        return BV_CA_EBADARG;
+    const threading::DimBands rows(dim, 3);
+    switch (rows.status()) {
+        case threading::DimBands::kEmpty:
+            return 0;
+        case threading::DimBands::kFewChannels:
+            return dim.height;  // nothing to colour
+        case threading::DimBands::kBad:
+            return BV_CA_EBADARG;
+        case threading::DimBands::kOk:
+            break;
+    }
 
     AdjustJob j{};
     j.image = static_cast<unsigned char *>(image);
     j.width = dim.width;
     j.channels = dim.channels;
     j.bits = (dim.bitsOut == 16 || dim.bitsOut == 32) ? dim.bitsOut : 8;
-    j.row = dim.rowOut > 0 ? static_cast<size_t>(dim.rowOut) : packed;
+    j.row = rows.row_samples();
     j.bgr = dim.bgr != 0;
     j.colour = colour_stage_from(colour);
     j.colour.tables = has_table_params(colour);
     if (!j.colour.any()) return dim.height;
 
-    if (!progress(cb, 0.0f)) return BV_CA_ECANCEL;
+    if (!threading::report_progress(cb, 0.0f)) return BV_CA_ECANCEL;
     Scratch<float> hue, value;
     if (j.colour.tables) {
         if (!hue.alloc(3 * kLutEntries) || !value.alloc(kLutEntries)) return BV_CA_ENOMEM;
@@ -188,35 +179,26 @@ int adjust_colors(int threads, bv_progress_cb cb, const TmParam &colour, void *i
         j.colour.hue = hue.get();
         j.colour.value = value.get();
     }
-    if (threads <= 1) {
-        adjust_colors_orig(j, 0, dim.height);
-    } else {
-        std::vector<AdjustRecord> records(static_cast<size_t>(threads));
-        const int rc = threading::run_bands(
-            0, dim.height, threads,
-            [&](const threading::Band &b) {
-                AdjustRecord &r = records[static_cast<size_t>(b.index)];
-                r = AdjustRecord{&j, b.first, b.end, 0};
-                adjust_colors_threaded(&r);
-            },
-            threading::OnSpawnFailure::Fail);
-        if (rc < 0) return BV_CA_EDEPTH;
-    }
-    progress(cb, 1.0f);
+    const int rc = rows.run(
+        threads, [&](const threading::Band &b) { return adjust_colors_orig(j, b.first, b.end); },
+        BV_CA_EDEPTH);
+    if (rc < 0) return rc;
+    threading::report_progress(cb, 1.0f);
     return dim.height;
 }
 
 }  // namespace
-}  // namespace bv::utils
+}  // namespace bv::coloradjust
 
 extern "C" {
 
 BV_API int has_color_param(int mode, const TmParam *rec) {
     if (!rec) return BV_CA_EBADARG;
-    if (mode == BV_CA_MODE_TABLES) return bv::utils::has_table_params(*rec) ? mode : 0;
+    if (mode == BV_CA_MODE_TABLES) return bv::coloradjust::has_table_params(*rec) ? mode : 0;
     if (mode == BV_CA_MODE_ALL) {
-        const bool any = static_cast<int>(rec->slot[12]) != 0 ||
-                         static_cast<int>(rec->slot[13]) != 0 || bv::utils::has_table_params(*rec);
+        const bool any = static_cast<int>(rec->slot[BV_TM_SLOT_TEMPERATURE]) != 0 ||
+                         static_cast<int>(rec->slot[BV_TM_SLOT_SATURATION]) != 0 ||
+                         bv::coloradjust::has_table_params(*rec);
         return any ? mode : 0;
     }
     return BV_CA_EBADARG;
@@ -227,7 +209,7 @@ BV_API int getColorAdjustmentLUTs(int mode, const TmParam *rec, int entries, int
     if (!rec || !hueTable || !valueTable) return BV_CA_EBADARG;
     if (mode != BV_CA_MODE_ALL && mode != BV_CA_MODE_TABLES) return BV_CA_EBADARG;
     if (entries < 2 || (bits != 8 && bits != 16 && bits != 32)) return BV_CA_EBADARG;
-    return bv::utils::build_colour_luts(*rec, entries, hueTable, valueTable);
+    return bv::coloradjust::build_colour_luts(*rec, entries, hueTable, valueTable);
 }
 
 BV_API int bv_adjust_colors(int threads, bv_progress_cb progressCb, int code, const TmParam *params,
@@ -236,7 +218,7 @@ BV_API int bv_adjust_colors(int threads, bv_progress_cb progressCb, int code, co
     (void)params;
     if (!colour || !image) return BV_CA_EBADARG;
     return bv::c_boundary(BV_CA_ENOMEM, BV_CA_ENOMEM, [&] {
-        return bv::utils::adjust_colors(threads, progressCb, *colour, image, dim);
+        return bv::coloradjust::adjust_colors(threads, progressCb, *colour, image, dim);
     });
 }
 

@@ -6,7 +6,7 @@
 
 #include "Utils/colour/colour_math.hpp"
 
-namespace bv::utils {
+namespace bv::coloradjust {
 
 // Hue steps of the tables the per-pixel stage indexes (trunc(h * 4095)).
 constexpr int kLutEntries = 4096;
@@ -53,12 +53,12 @@ inline void apply_temperature(float &r, float &g, float &b, float y, WhiteGains 
 // Multiplies the HSL saturation by factor, capped at 1 (and kept >= 0).
 inline void apply_saturation(float rgb[3], float factor) noexcept {
     float hsl[3];
-    rgb_to_hsl(rgb, hsl);
+    colour::rgb_to_hsl(rgb, hsl);
     float s = hsl[1] * factor;
     if (s > 1.0f) s = 1.0f;
     if (!(s > 0.0f)) s = 0.0f;
     hsl[1] = s;
-    hsl_to_rgb(hsl, rgb);
+    colour::hsl_to_rgb(hsl, rgb);
 }
 
 inline float clamp01(float v) noexcept {
@@ -72,7 +72,7 @@ inline float clamp01(float v) noexcept {
 inline void apply_luts(float rgb[3], const float *hue, const float *value,
                        bool use_value) noexcept {
     float hsv[3];
-    rgb_to_hsv(rgb, hsv);
+    colour::rgb_to_hsv(rgb, hsv);
     const float v = hsv[2];
     float low = clamp01((1.0f - hsv[1]) * v);
     float high = v;
@@ -115,11 +115,13 @@ struct ColourStage {
 // Temperature and saturation settings of a record (tables left off).
 inline ColourStage colour_stage_from(const TmParam &p) noexcept {
     ColourStage c;
-    c.temperature = static_cast<int>(p.slot[12]) != 0;
-    if (c.temperature) c.gains = temperature_gains(p.slot[12]);
-    c.saturation = static_cast<int>(p.slot[13]) != 0;
-    c.sat_factor = p.slot[13] * 0.1f + 1.0f;
+    const float temperature = p.slot[BV_TM_SLOT_TEMPERATURE];
+    const float saturation = p.slot[BV_TM_SLOT_SATURATION];
+    c.temperature = static_cast<int>(temperature) != 0;
+    if (c.temperature) c.gains = temperature_gains(temperature);
+    c.saturation = static_cast<int>(saturation) != 0;
+    c.sat_factor = saturation * 0.1f + 1.0f;
     return c;
 }
 
-}  // namespace bv::utils
+}  // namespace bv::coloradjust

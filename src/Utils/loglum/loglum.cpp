@@ -5,13 +5,13 @@
 #include <cstdint>
 
 #include "common/boundary.hpp"
-#include "core/rgbe/rgbe_pixel.hpp"
+#include "common/pixels.hpp"
 
-namespace bv::utils {
+namespace bv::loglum {
 
 int log_histo(uint64_t count, uint32_t nbins, const float *values, int32_t *hist, float lo,
               float hi) noexcept {
-    if (!(lo < hi) || nbins == 0 || !hist || (count && !values)) return -1;
+    if (!(lo < hi) || nbins == 0 || !hist || (count && !values)) return BV_RGBE_ERR_OPEN;
     const float top = static_cast<float>(nbins - 1);
     const float range = hi - lo;
     for (uint64_t i = 0; i < count; ++i) {
@@ -71,7 +71,7 @@ void scan_rgbe(int width, int height, const float *table, const uint8_t *rgbe,
                Accumulator &acc) noexcept {
     uint64_t index = 0;
     for (int y = 0; y < height; ++y) {
-        const bv::rgbe::Row row(rgbe, width, y);
+        const bv::RgbeRow row(rgbe, width, y);
         for (int x = 0; x < width; ++x, ++index) {
             const uint8_t e = row.e[x];
             if (e == 0) continue;
@@ -102,7 +102,7 @@ int log_min_max_moy(int width, int height, const float *table, const void *data,
     const bool is_float = stats->v[BV_LLS_MIN] == 32.0f;
     const int channels = is_float ? static_cast<int>(stats->v[BV_LLS_MAX]) : 4;
     Scratch<float> samples;
-    if (!samples.alloc(kLogSamples)) return -4;
+    if (!samples.alloc(kLogSamples)) return BV_RGBE_ERR_NOMEM;
 
     Accumulator acc;
     acc.samples = samples.get();
@@ -141,7 +141,7 @@ int log_min_max_moy(int width, int height, const float *table, const void *data,
     return height > 0 ? height : 0;
 }
 
-}  // namespace bv::utils
+}  // namespace bv::loglum
 
 extern "C" {
 
@@ -149,16 +149,16 @@ int logMinMaxMoy(int width, int height, const float *table, const void *data, Lo
     if (!stats || width < 0) return BV_RGBE_ERR_ARG;
     const bool is_float = stats->v[BV_LLS_MIN] == 32.0f;
     if (height > 0 && width > 0 && (!data || (!is_float && !table))) return BV_RGBE_ERR_ARG;
-    return bv::utils::log_min_max_moy(width, height, table, data, stats);
+    return bv::loglum::log_min_max_moy(width, height, table, data, stats);
 }
 
 int log_histo(uint64_t count, uint32_t nbins, const float *values, int32_t *hist, float lo,
               float hi) {
-    return bv::utils::log_histo(count, nbins, values, hist, lo, hi);
+    return bv::loglum::log_histo(count, nbins, values, hist, lo, hi);
 }
 
 int percentile(uint64_t count, uint32_t nbins, const int32_t *hist, float fraction) {
-    return bv::utils::percentile(count, nbins, hist, fraction);
+    return bv::loglum::percentile(count, nbins, hist, fraction);
 }
 
 }  // extern "C"

@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-namespace bv::utils {
+namespace bv::loglum {
 
 // Bins of the statistics histogram and the sample budget it is built from.
 constexpr uint32_t kLogBins = 65536;
@@ -18,4 +18,4 @@ int log_histo(uint64_t count, uint32_t nbins, const float *values, int32_t *hist
               float hi) noexcept;
 int percentile(uint64_t count, uint32_t nbins, const int32_t *hist, float fraction) noexcept;
 
-}  // namespace bv::utils
+}  // namespace bv::loglum

@@ -7,9 +7,10 @@
 #include <utility>
 
 #include "common/boundary.hpp"
-#include "core/rgbe/rgbe_pixel.hpp"
+#include "common/diag.hpp"
+#include "common/pixels.hpp"
 
-namespace bv::core {
+namespace bv::buffers {
 namespace {
 
 using u8 = unsigned char;
@@ -64,7 +65,7 @@ inline u8 display_value(double x, double gamma) noexcept {
 template <bool FixedGain>
 void render_row(int width, const float *table, const u8 *rgbe, int y, u8 *out, float k,
                 double gamma) noexcept {
-    const bv::rgbe::Row row(rgbe, width, y);
+    const bv::RgbeRow row(rgbe, width, y);
     for (int x = 0; x < width; ++x, out += 3) {
         const u8 e = row.e[x];
         if (e == 0) {
@@ -98,9 +99,9 @@ int copy_rows(int rows, size_t bytes, size_t src_stride, size_t dst_stride, cons
     return rows;
 }
 
-}  // namespace bv::core
+}  // namespace bv::buffers
 
-using namespace bv::core;
+using namespace bv::buffers;
 
 extern "C" {
 
@@ -114,7 +115,8 @@ int copyAndConvertImageRows(int width, int height, int srcStride, int dstStride,
                             void *dst) {
     if (width < 0 || srcStride < 0 || dstStride < 0) return kErrArg;
     if (swap) {
-        if (samplesPerPixel != 3 || (bitsPerSample != 8 && bitsPerSample != 16)) return -1;
+        if (samplesPerPixel != 3 || (bitsPerSample != 8 && bitsPerSample != 16))
+            return BV_BUF_ERR_FILE;  // the family's code for a swap it cannot do
         if (height < 1) return 0;
         if (!src || !dst) return kErrArg;
         if (bitsPerSample == 8)
@@ -151,7 +153,7 @@ int fillRowStride(int height, int bitsPerPixel, int width, int paddedWidth, cons
 
 int bgr2rgb(int width, int height, int rowStride, int samplesPerPixel, int bitsPerSample,
             void *buffer) {
-    if ((bitsPerSample != 8 && bitsPerSample != 16) || samplesPerPixel < 3) return -1;
+    if ((bitsPerSample != 8 && bitsPerSample != 16) || samplesPerPixel < 3) return BV_BUF_ERR_FILE;
     if (width < 0 || height < 0) return kErrArg;
     if (width == 0 || height == 0) return height;
     const size_t bytes = static_cast<size_t>(bitsPerSample >> 3);
@@ -276,9 +278,9 @@ int write_strip(FILE *f, int64_t offset, int64_t count, const float *data) {
     // Four items of `count` bytes: together the count floats.
     const size_t items = data ? std::fwrite(data, static_cast<size_t>(count), 4, f) : 0;
     if (items != 4) {
-        std::fprintf(stderr,
-                     "could not write to temporary file in tm20 - - returned %d instead of 4 \n",
-                     static_cast<int>(items));
+        bv::diag(bv::Stream::Out,
+                 "could not write to temporary file in tm20 - - returned %d instead of 4 \n",
+                 static_cast<int>(items));
         return BV_STRIP_ERR_WRITE;
     }
     return 4;
@@ -290,8 +292,9 @@ int read_strip(FILE *f, int64_t offset, int64_t count, float *data) {
     if (count == 0) return 4;
     const size_t items = data ? std::fread(data, static_cast<size_t>(count), 4, f) : 0;
     if (items != 4) {
-        std::fprintf(stderr, "can not read temporary file - returned %d instead of 4 in tm20\n",
-                     static_cast<int>(items));
+        bv::diag(bv::Stream::Out,
+                 "can not read temporary file - returned %d instead of 4 in tm20\n",
+                 static_cast<int>(items));
         return BV_STRIP_ERR_READ;
     }
     return 4;

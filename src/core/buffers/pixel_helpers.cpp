@@ -6,23 +6,10 @@
 #include <cstdio>
 #include <cstring>
 
-namespace bv::core {
+#include "common/pixels.hpp"
+
+namespace bv::buffers {
 namespace {
-
-// Truncation toward zero that saturates instead of being undefined for
-// values outside int (and maps NaN to 0).
-int trunc_to_int(double v) noexcept {
-    if (!(v == v)) return 0;
-    if (v >= static_cast<double>(INT_MAX)) return INT_MAX;
-    if (v <= static_cast<double>(INT_MIN)) return INT_MIN;
-    return static_cast<int>(v);
-}
-
-// Rounds with exact halves going down, after the truncation rule.
-int round_half_down(double v) noexcept {
-    const int t = trunc_to_int(v);
-    return (v - t > 0.5 && t != INT_MAX) ? t + 1 : t;
-}
 
 // Reads n bytes, missing ones as 0, into b.
 void read_bytes(FILE *f, unsigned char *b, int n) noexcept {
@@ -53,9 +40,11 @@ uint64_t ordered(FILE *f, int n, uint16_t order) noexcept {
 }
 
 }  // namespace
-}  // namespace bv::core
+}  // namespace bv::buffers
 
-using namespace bv::core;
+using namespace bv::buffers;
+using bv::round_half_down;
+using bv::trunc_to_int;
 
 extern "C" {
 

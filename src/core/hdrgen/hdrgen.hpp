@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "common/pixels.hpp"
+
 namespace bv::hdrgen {
 
 constexpr int kCorrectionSize = 65536;
@@ -13,14 +15,9 @@ constexpr int kCorrectionSize = 65536;
 // Piecewise-linear correction of EV steps over the 16-bit level (guess_ev).
 void fill_correction_table(float *table);
 
-// Samples of one pixel used for luma: R, G, B offsets inside the pixel.
-struct Taps {
-    int r, g, b;
-};
-// Offsets read by the brightness statistic (4 channels: B is sample 2).
-Taps stat_taps(int channels) noexcept;
-// Offsets read by the merge (4 channels: B is the last sample).
-Taps merge_taps(int channels) noexcept;
+// Offsets read by the brightness statistic: unlike everywhere else, with 4
+// channels B is sample 2, and with 2 channels all three read sample 0.
+ChannelOffsets stat_taps(int channels) noexcept;
 
 int median_stats(int n, int width, int height, int rowStride, int channels, int bits,
                  const void *data, int32_t *stats);

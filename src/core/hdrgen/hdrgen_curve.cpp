@@ -25,7 +25,7 @@ struct Sampler {
     const void *data;
     int bits, channels;
     size_t image_samples;
-    Taps taps;
+    ChannelOffsets taps;
     void rgb(int image, size_t pixel, int out[3]) const {
         const size_t base = image * image_samples + pixel * static_cast<size_t>(channels);
         if (bits == 8) {
@@ -46,6 +46,96 @@ uint32_t add_whole(uint32_t sum, float x) {
     const float s = static_cast<float>(sum) + x;
     if (!(s > -9.2e18f && s < 9.2e18f)) return 0;
     return static_cast<uint32_t>(static_cast<int64_t>(s));
+}
+
+// Sample positions: a grid of about 50 x 50, at most this many.
+constexpr int kMaxPositions = 2500;
+
+// Stage 1: grid positions whose luma is 1..254 in every bracket. Returns how
+// many were kept.
+int sample_positions(const Sampler &s, int n, int width, int height, size_t *kept) {
+    const int sx = width / 50 + 1, sy = height / 50 + 1;
+    int nkept = 0;
+    for (int y = 0; y < height && nkept < kMaxPositions; y += sy)
+        for (int x = 0; x < width && nkept < kMaxPositions; x += sx) {
+            const size_t pix = static_cast<size_t>(y) * width + x;
+            bool ok = true;
+            for (int k = 0; k < n && ok; ++k) {
+                int c[3];
+                s.rgb(k, pix, c);
+                const int l = luma_a(c);
+                ok = l >= 1 && l <= 254;
+            }
+            if (ok) kept[nkept++] = pix;
+        }
+    return nkept;
+}
+
+// Stage 2: mean 8-bit level of bracket k over the first K kept positions.
+int mean_level(const Sampler &s, int k, const size_t *kept, int K) {
+    uint64_t sum = 0;
+    for (int i = 0; i < K; ++i) {
+        int c[3];
+        s.rgb(k, kept[i], c);
+        sum += static_cast<uint64_t>(c[0] + c[1] + c[2]);
+    }
+    return static_cast<int>(sum / (3 * static_cast<uint64_t>(K)));
+}
+
+// Stage 3: brackets by falling level; one whose level equals an earlier
+// one's is dropped. Returns how many are ordered.
+int brightest_first(int n, const int *level, int *order) {
+    int norder = 0;
+    for (int prev = 255; norder < n;) {
+        int best = -1;
+        for (int k = 0; k < n; ++k)
+            if (level[k] < prev && (best < 0 || level[k] > level[best])) best = k;
+        if (best < 0) break;
+        order[norder++] = best;
+        prev = level[best];
+    }
+    return norder;
+}
+
+// Stage 4: gamma of neighbouring brackets a (brighter) and b from the mean
+// inverse log ratio of their mid-tone lumas. *rejections counts the positions
+// this pair could not use. False when none could, or the gamma is not
+// plausible (outside 1..3.2).
+bool pair_gamma(const Sampler &s, int a, int b, const size_t *kept, int K, const float *exposures,
+                float *gamma, uint32_t *rejections) {
+    uint32_t sum = 0;
+    *rejections = 0;
+    for (int i = 0; i < K; ++i) {
+        int ca[3], cb[3];
+        s.rgb(a, kept[i], ca);
+        s.rgb(b, kept[i], cb);
+        const int la = luma_a(ca);
+        // 8-bit data weighs R and B of the second image the other way round.
+        const int lb =
+            s.bits == 8 ? static_cast<int>(0.6 * cb[1] + 0.1 * cb[2] + 0.3 * cb[0]) : luma_a(cb);
+        const bool in_range = la >= 65 && la <= 191 && lb >= 65 && lb <= 191;
+        const float lr =
+            in_range ? std::log(static_cast<float>(la) / static_cast<float>(lb)) : 0.0f;
+        if (lr == 0.0f) {
+            ++*rejections;
+            continue;
+        }
+        sum = add_whole(sum, 1.0f / lr);
+    }
+    const int accepted = K - static_cast<int>(*rejections);
+    if (accepted <= 0) return false;
+    const float g = (static_cast<float>(sum) / static_cast<float>(accepted)) *
+                    std::log(exposures[a] / exposures[b]);
+    if (!(g > 1.0f && g < 3.2f)) return false;
+    *gamma = g;
+    return true;
+}
+
+// Stage 5: a pair's weight, larger the further both levels are from the ends.
+int pair_weight(int level_a, int level_b) {
+    const int da = level_a > 128 ? 255 - level_a : level_a;
+    const int db = level_b > 128 ? 255 - level_b : level_b;
+    return static_cast<int>((da + db) * 0.5);
 }
 
 }  // namespace
@@ -79,83 +169,27 @@ int profile_gamma(const unsigned char *profile, int expectedSize, float *gamma) 
 
 int response_gamma(int n, int width, int height, int channels, int bits, const void *data,
                    const float *exposures, float result[3]) {
-    const int sx = width / 50 + 1, sy = height / 50 + 1;
-    Sampler s{data, bits, channels,
-              static_cast<size_t>(width) * static_cast<size_t>(height) * channels,
-              merge_taps(channels)};
-    Scratch<size_t> kept(2500);
+    const Sampler s{data, bits, channels,
+                    static_cast<size_t>(width) * static_cast<size_t>(height) * channels,
+                    channel_offsets(channels)};
+    Scratch<size_t> kept(kMaxPositions);
     Scratch<int> level(static_cast<size_t>(n)), order(static_cast<size_t>(n));
     if (!kept || !level || !order) return BV_HDR_ENOMEM;
 
-    int nkept = 0;
-    for (int y = 0; y < height && nkept < 2500; y += sy)
-        for (int x = 0; x < width && nkept < 2500; x += sx) {
-            const size_t pix = static_cast<size_t>(y) * width + x;
-            bool ok = true;
-            for (int k = 0; k < n && ok; ++k) {
-                int c[3];
-                s.rgb(k, pix, c);
-                const int l = luma_a(c);
-                ok = l >= 1 && l <= 254;
-            }
-            if (ok) kept[nkept++] = pix;
-        }
     // The last kept position is left out of every sum below.
-    const int K = nkept - 1;
+    const int K = sample_positions(s, n, width, height, kept.get()) - 1;
     if (K <= 0) return BV_HDR_ENOPOS;
-
-    for (int k = 0; k < n; ++k) {
-        uint64_t sum = 0;
-        for (int i = 0; i < K; ++i) {
-            int c[3];
-            s.rgb(k, kept[i], c);
-            sum += static_cast<uint64_t>(c[0] + c[1] + c[2]);
-        }
-        level[k] = static_cast<int>(sum / (3 * static_cast<uint64_t>(K)));
-    }
-    // Brightest first; a bracket whose mean equals an earlier one's is dropped.
-    int norder = 0;
-    for (int prev = 255; norder < n;) {
-        int best = -1;
-        for (int k = 0; k < n; ++k)
-            if (level[k] < prev && (best < 0 || level[k] > level[best])) best = k;
-        if (best < 0) break;
-        order[norder++] = best;
-        prev = level[best];
-    }
+    for (int k = 0; k < n; ++k) level[k] = mean_level(s, k, kept.get(), K);
+    const int norder = brightest_first(n, level.get(), order.get());
 
     double wsum = 0.0, gsum = 0.0;
     uint32_t rejections = 0;
     for (int p = 0; p + 1 < norder; ++p) {
         const int a = order[p], b = order[p + 1];
         if (exposures[b] == 0.0f) continue;
-        uint32_t sum = 0;
-        rejections = 0;
-        for (int i = 0; i < K; ++i) {
-            int ca[3], cb[3];
-            s.rgb(a, kept[i], ca);
-            s.rgb(b, kept[i], cb);
-            const int la = luma_a(ca);
-            // 8-bit data weighs R and B of the second image the other way round.
-            const int lb =
-                bits == 8 ? static_cast<int>(0.6 * cb[1] + 0.1 * cb[2] + 0.3 * cb[0]) : luma_a(cb);
-            const bool in_range = la >= 65 && la <= 191 && lb >= 65 && lb <= 191;
-            const float lr =
-                in_range ? std::log(static_cast<float>(la) / static_cast<float>(lb)) : 0.0f;
-            if (lr == 0.0f) {
-                ++rejections;
-                continue;
-            }
-            sum = add_whole(sum, 1.0f / lr);
-        }
-        const int accepted = K - static_cast<int>(rejections);
-        if (accepted <= 0) continue;
-        const float g = (static_cast<float>(sum) / static_cast<float>(accepted)) *
-                        std::log(exposures[a] / exposures[b]);
-        if (!(g > 1.0f && g < 3.2f)) continue;
-        const int da = level[a] > 128 ? 255 - level[a] : level[a];
-        const int db = level[b] > 128 ? 255 - level[b] : level[b];
-        const int w = static_cast<int>((da + db) * 0.5);
+        float g;
+        if (!pair_gamma(s, a, b, kept.get(), K, exposures, &g, &rejections)) continue;
+        const int w = pair_weight(level[a], level[b]);
         wsum += w;
         gsum += static_cast<double>(w) * g;
     }

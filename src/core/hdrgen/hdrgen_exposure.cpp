@@ -26,7 +26,7 @@ int first_bin_above(const uint64_t hist[256], uint64_t limit) {
 template <class T>
 void luma_histogram(const T *img, int width, int height, size_t rowStride, int channels,
                     uint64_t hist[256]) {
-    const Taps t = stat_taps(channels);
+    const ChannelOffsets t = stat_taps(channels);
     const int shift = sizeof(T) == 2 ? 8 : 0;
     for (int y = 0; y < height; ++y) {
         const T *p = img + static_cast<size_t>(y) * rowStride;
@@ -83,13 +83,11 @@ int take_largest_first(int n, T *work, T floor, T taken, int32_t *picked) {
 
 }  // namespace
 
-Taps stat_taps(int channels) noexcept {
+ChannelOffsets stat_taps(int channels) noexcept {
     if (channels == 4) return {0, 1, 2};
     if (channels == 2) return {0, 0, 0};
-    return {0, (channels - 1) / 2, channels - 1};
+    return channel_offsets(channels);
 }
-
-Taps merge_taps(int channels) noexcept { return {0, (channels - 1) / 2, channels - 1}; }
 
 void fill_correction_table(float *table) {
     static const int lv[9] = {0, 8, 14, 60, 90, 125, 160, 190, 255};

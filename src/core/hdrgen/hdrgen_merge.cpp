@@ -4,7 +4,9 @@
 #include <cstdint>
 #include <cstring>
 
+#include "Threading/bands.hpp"
 #include "common/boundary.hpp"
+#include "common/pixels.hpp"
 #include "core/hdrgen/hdrgen.hpp"
 #include "core/rgbe/rgbe_pixel.hpp"
 
@@ -117,13 +119,13 @@ struct Source {
 // One output row. Each pixel sums its brackets in registers, in ascending
 // exposure order; the brackets' rows are read side by side.
 template <class T, int kChannels>
-void merge_row(const Source<T> *src, int n, int width, int runtime_channels, const Taps &taps,
-               const float *lut, uint8_t *out, Stats &st) {
+void merge_row(const Source<T> *src, int n, int width, int runtime_channels,
+               const ChannelOffsets &taps, const float *lut, uint8_t *out, Stats &st) {
     const int ch = kChannels > 0 ? kChannels : runtime_channels;
     const int tr = kChannels == 3 ? 0 : taps.r, tg = kChannels == 3 ? 1 : taps.g,
               tb = kChannels == 3 ? 2 : taps.b;
     constexpr int sh = sizeof(T) == 2 ? 8 : 0;
-    uint8_t *pr = out, *pg = out + width, *pb = out + 2 * width, *pe = out + 3 * width;
+    const RgbeRowOut o(out, static_cast<size_t>(width));
     for (int x = 0; x < width; ++x) {
         const size_t at = static_cast<size_t>(x) * ch;
         float ar = 0.0f, ag = 0.0f, ab = 0.0f, sw = 0.0f;
@@ -140,7 +142,7 @@ void merge_row(const Source<T> *src, int n, int width, int runtime_channels, con
             ag += lut[g] * wt.f;
             ab += lut[b] * wt.f;
         }
-        finish_pixel(ar, ag, ab, sw, saturated == n, pr + x, pg + x, pb + x, pe + x, st);
+        finish_pixel(ar, ag, ab, sw, saturated == n, o.r + x, o.g + x, o.b + x, o.e + x, st);
     }
 }
 
@@ -150,7 +152,7 @@ int merge_pixels(bv_progress_cb cb, int n, int width, int height, int channels, 
                  Source<T> *src, uint8_t *output, Stats &st) {
     const size_t row_samples = static_cast<size_t>(width) * static_cast<size_t>(channels);
     const size_t image_samples = row_samples * static_cast<size_t>(height);
-    const Taps taps = merge_taps(channels);
+    const ChannelOffsets taps = channel_offsets(channels);
     const int progress_step = height / 16;
     for (int i = 0; i < n; ++i) {
         const int j = order[i];
@@ -166,28 +168,120 @@ int merge_pixels(bv_progress_cb cb, int n, int width, int height, int channels, 
         for (int i = 0; i < n; ++i) src[i].row += row_samples;
         const int done = y + 1;
         if (progress_step > 0 && done % progress_step == 50 &&
-            !progress(cb, static_cast<float>(done) / static_cast<float>(height)))
+            !threading::report_progress(cb, static_cast<float>(done) / static_cast<float>(height)))
             return BV_HDR_CANCELLED;
     }
     return height;
 }
 
-void fill_markers(int width, int height, float lo, float hi, uint8_t *output) {
+// Marker pixels become greys of the darkest and brightest luminance.
+void paint_markers(int width, int height, float lo, float hi, uint8_t *output) {
     uint8_t dark[4], bright[4];
     encode_grey(lo, &dark[0], &dark[1], &dark[2], &dark[3]);
     encode_grey(hi, &bright[0], &bright[1], &bright[2], &bright[3]);
-    for (int y = 0; y < height; ++y) {
-        uint8_t *row = output + static_cast<size_t>(y) * 4 * width;
-        uint8_t *pe = row + 3 * width;
-        for (int x = 0; x < width; ++x) {
-            const uint8_t *g = pe[x] == 0 ? dark : pe[x] == 255 ? bright : nullptr;
-            if (!g) continue;
-            row[x] = g[0];
-            row[width + x] = g[1];
-            row[2 * width + x] = g[2];
-            pe[x] = g[3];
+    fill_markers(output, width, height, dark, bright);
+}
+
+// The brackets' merge settings: per bracket (in the caller's order) the
+// weight factor 1 / exposure and the saturation level of its weight curve,
+// and the ascending exposure order the pixels are summed in.
+struct BracketPlan {
+    int32_t *order;
+    int32_t *sat;
+    float *wfac;
+};
+
+// Stage 1: the linearisation lut[i] = (i / 2^bits)^gamma, lut[0] = lut[1];
+// gamma is lut[0] on entry when gammaGiven is 1, else 2.2.
+void fill_linearisation(int bits, int gammaGiven, float *lut) {
+    const int levels = 1 << bits;
+    const double gamma = gammaGiven == 1 ? static_cast<double>(lut[0]) : 2.2;
+    for (int i = 1; i < levels; ++i)
+        lut[i] = static_cast<float>(std::pow(static_cast<double>(i) / levels, gamma));
+    lut[0] = lut[1];
+}
+
+// Stage 2, one bracket or no exposures to read or write: every bracket
+// weighs the same.
+int plan_equal(int n, float evStep, float *exposures, float *work, const BracketPlan &plan) {
+    for (int j = 0; j < n; ++j) {
+        plan.wfac[j] = 1.0f;
+        plan.sat[j] = 64000;
+        work[j] = 1.0f;
+    }
+    if (n == 1 && exposures && evStep > -0.5f) exposures[0] = 1.0f;
+    return ascending_order(n, plan.wfac, work, plan.order) < 0 ? BV_HDR_ENOMEM : 0;
+}
+
+// Stage 2, several brackets: exposures estimated from the pixels first
+// unless the caller gave them, then checked, ordered and turned into weight
+// factors and saturation levels.
+int plan_from_exposures(int n, int width, int height, int channels, int bits, float evStep,
+                        const void *data, float *exposures, int32_t *bstats, float *work,
+                        const BracketPlan &plan) {
+    const size_t sn = static_cast<size_t>(n);
+    if (evStep > -0.5f) {
+        median_stats(n, width, height, width * channels, channels, bits, data, bstats);
+        Scratch<float> table(kCorrectionSize), L(sn), ev(sn);
+        Scratch<int32_t> swork(sn);
+        if (!table || !L || !ev || !swork) return BV_HDR_ENOMEM;
+        if (estimate_ev(0, n, bstats, exposures, evStep, table.get(), plan.order, swork.get(),
+                        L.get(), ev.get()) < 0)
+            return BV_HDR_ENOMEM;
+    }
+    float lo = exposures[0], hi = exposures[0];
+    for (int j = 0; j < n; ++j) {
+        const float e = exposures[j];
+        if (!(e > 0.0f) || !std::isfinite(e)) return BV_HDR_EINVAL;
+        lo = e < lo ? e : lo;
+        hi = e > hi ? e : hi;
+    }
+    if (ascending_order(n, exposures, work, plan.order) < 0) return BV_HDR_ENOMEM;
+    const double d = std::log2(static_cast<double>(lo)), b = std::log2(static_cast<double>(hi));
+    for (int j = 0; j < n; ++j) {
+        plan.wfac[j] = 1.0f / exposures[j];
+        if (d < b) {
+            // 0 for the darkest bracket down to -1 for the brightest: dark
+            // brackets may go closer to white before they count as saturated.
+            const double t = (std::log2(static_cast<double>(exposures[j])) - d) / (d - b);
+            plan.sat[j] = static_cast<int32_t>(t * 3840 + 64000);
+        } else {
+            plan.sat[j] = 64000;
         }
     }
+    return 0;
+}
+
+// Stages 3 and 4: the weight tables, then every pixel (all black for a depth
+// other than 8 or 16). Returns height or a code.
+int merge_brackets(bv_progress_cb cb, int n, int width, int height, int channels, int bits,
+                   const float *lut, const void *data, const BracketPlan &plan,
+                   unsigned char *output, Stats &st) {
+    const size_t sn = static_cast<size_t>(n);
+    Scratch<Weight> tables;
+    if (!tables.alloc(sn * kLevels)) return BV_HDR_ENOMEM;
+    for (int j = 0; j < n; ++j)
+        fill_weights(tables.get() + static_cast<size_t>(j) * kLevels, plan.sat[j], plan.wfac[j]);
+
+    Scratch<Source<uint8_t>> src8(bits == 8 ? sn : 0);
+    Scratch<Source<uint16_t>> src16(bits == 16 ? sn : 0);
+    if (!src8 || !src16) return BV_HDR_ENOMEM;
+    if (bits == 8)
+        return merge_pixels(cb, n, width, height, channels, static_cast<const uint8_t *>(data),
+                            plan.order, tables.get(), plan.sat, lut, src8.get(), output, st);
+    if (bits == 16)
+        return merge_pixels(cb, n, width, height, channels, static_cast<const uint16_t *>(data),
+                            plan.order, tables.get(), plan.sat, lut, src16.get(), output, st);
+    std::memset(output, 0, 4 * static_cast<size_t>(width) * static_cast<size_t>(height));
+    return height;
+}
+
+// Stage 5: minimum, maximum and mean luminance, each times 256.
+void report_stats(const Stats &st, float stats[3]) {
+    const double mean = st.count ? st.sum / static_cast<double>(st.count) : st.sum;
+    stats[0] = st.lo * 256.0f;
+    stats[1] = st.hi * 256.0f;
+    stats[2] = static_cast<float>(mean * 256.0);
 }
 
 }  // namespace
@@ -199,86 +293,21 @@ int merge(bv_progress_cb cb, int mode, int n, int width, int height, int channel
     Scratch<int32_t> bstats(sn), order(sn), sat(sn);
     Scratch<float> wfac(sn), work(sn);
     if (!bstats || !order || !sat || !wfac || !work) return BV_HDR_ENOMEM;
+    const BracketPlan plan{order.get(), sat.get(), wfac.get()};
 
-    const bool depth_ok = bits == 8 || bits == 16;
-    if (depth_ok) {
-        const int levels = 1 << bits;
-        const double gamma = gammaGiven == 1 ? static_cast<double>(lut[0]) : 2.2;
-        for (int i = 1; i < levels; ++i)
-            lut[i] = static_cast<float>(std::pow(static_cast<double>(i) / levels, gamma));
-        lut[0] = lut[1];
-    }
-
-    if (n == 1 || !exposures) {
-        // One bracket, or no exposures to read or write: every bracket weighs the same.
-        for (int j = 0; j < n; ++j) {
-            wfac[j] = 1.0f;
-            sat[j] = 64000;
-            work[j] = 1.0f;
-        }
-        if (n == 1 && exposures && evStep > -0.5f) exposures[0] = 1.0f;
-        if (ascending_order(n, wfac.get(), work.get(), order.get()) < 0) return BV_HDR_ENOMEM;
-    } else {
-        if (evStep > -0.5f) {
-            median_stats(n, width, height, width * channels, channels, bits, data, bstats.get());
-            Scratch<float> table(kCorrectionSize), L(sn), ev(sn);
-            Scratch<int32_t> swork(sn);
-            if (!table || !L || !ev || !swork) return BV_HDR_ENOMEM;
-            if (estimate_ev(0, n, bstats.get(), exposures, evStep, table.get(), order.get(),
-                            swork.get(), L.get(), ev.get()) < 0)
-                return BV_HDR_ENOMEM;
-        }
-        float lo = exposures[0], hi = exposures[0];
-        for (int j = 0; j < n; ++j) {
-            const float e = exposures[j];
-            if (!(e > 0.0f) || !std::isfinite(e)) return BV_HDR_EINVAL;
-            lo = e < lo ? e : lo;
-            hi = e > hi ? e : hi;
-        }
-        if (ascending_order(n, exposures, work.get(), order.get()) < 0) return BV_HDR_ENOMEM;
-        const double d = std::log2(static_cast<double>(lo)), b = std::log2(static_cast<double>(hi));
-        for (int j = 0; j < n; ++j) {
-            wfac[j] = 1.0f / exposures[j];
-            if (d < b) {
-                // 0 for the darkest bracket down to -1 for the brightest: dark
-                // brackets may go closer to white before they count as saturated.
-                const double t = (std::log2(static_cast<double>(exposures[j])) - d) / (d - b);
-                sat[j] = static_cast<int32_t>(t * 3840 + 64000);
-            } else {
-                sat[j] = 64000;
-            }
-        }
-    }
-
-    Scratch<Weight> tables;
-    if (!tables.alloc(sn * kLevels)) return BV_HDR_ENOMEM;
-    for (int j = 0; j < n; ++j)
-        fill_weights(tables.get() + static_cast<size_t>(j) * kLevels, sat[j], wfac[j]);
-
-    const size_t sw = static_cast<size_t>(width);
-    Scratch<Source<uint8_t>> src8(bits == 8 ? sn : 0);
-    Scratch<Source<uint16_t>> src16(bits == 16 ? sn : 0);
-    if (!src8 || !src16) return BV_HDR_ENOMEM;
+    if (bits == 8 || bits == 16) fill_linearisation(bits, gammaGiven, lut);
+    const int planned = (n == 1 || !exposures)
+                            ? plan_equal(n, evStep, exposures, work.get(), plan)
+                            : plan_from_exposures(n, width, height, channels, bits, evStep, data,
+                                                  exposures, bstats.get(), work.get(), plan);
+    if (planned < 0) return planned;
 
     Stats st;
-    int rc = height;
-    if (depth_ok && bits == 8)
-        rc = merge_pixels(cb, n, width, height, channels, static_cast<const uint8_t *>(data),
-                          order.get(), tables.get(), sat.get(), lut, src8.get(), output, st);
-    else if (depth_ok)
-        rc = merge_pixels(cb, n, width, height, channels, static_cast<const uint16_t *>(data),
-                          order.get(), tables.get(), sat.get(), lut, src16.get(), output, st);
-    else
-        std::memset(output, 0, 4 * sw * static_cast<size_t>(height));
+    const int rc =
+        merge_brackets(cb, n, width, height, channels, bits, lut, data, plan, output, st);
     if (rc < 0) return rc;
-
-    const double mean = st.count ? st.sum / static_cast<double>(st.count) : st.sum;
-    if (stats) {
-        stats[0] = st.lo * 256.0f;
-        stats[1] = st.hi * 256.0f;
-        stats[2] = static_cast<float>(mean * 256.0);
-    }
-    if (mode != 2) fill_markers(width, height, st.lo, st.hi, output);
+    if (stats) report_stats(st, stats);
+    if (mode != 2) paint_markers(width, height, st.lo, st.hi, output);
     return height;
 }
 

@@ -15,10 +15,6 @@ namespace bv::radiance {
 // a 128-byte buffer: a longer line is seen as several pieces.
 constexpr int kLineBuffer = 128;
 
-// Extra code of this family: arguments the readers and writers cannot use
-// (NULL buffer, negative or zero sizes, sizes that overflow).
-constexpr int kBadArguments = -203;
-
 // Widths above this are written as flat rows: the run-length scanline header
 // stores the width in 15 bits.
 constexpr int kMaxRleWidth = 32767;
@@ -89,6 +85,10 @@ struct Header {
 
 // Visitor called for every header line, including the line that ends it.
 using LineVisitor = void (*)(const char *line, void *ctx);
+
+// True when a header line (at most n bytes, not NULL) ends the header: it is
+// empty, or only blanks follow a leading space or tab.
+bool end_of_header(const char *line, int n) noexcept;
 
 // Reads header lines until one ends the header, then the resolution line.
 // Returns 0, or -1 when the file ends first.

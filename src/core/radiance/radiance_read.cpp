@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/diag.hpp"
+#include "common/pixels.hpp"
 #include "core/radiance/radiance_io.hpp"
 
 namespace bv::radiance {
@@ -180,15 +182,26 @@ void parse_resolution(const char *line, int *height, int *width) noexcept {
     scan_int(&p, width);
 }
 
+bool end_of_header(const char *line, int n) noexcept {
+    if (line[0] == '\0' || line[0] == '\n') return true;
+    if (line[0] != ' ' && line[0] != '\t') return false;
+    for (int i = 1; i < n; ++i) {
+        const char c = line[i];
+        if (c == '\0') return true;
+        if (c != '\t' && c != '\n' && c != ' ') return false;
+    }
+    return true;
+}
+
 int read_header(InStream &in, Header *h, LineVisitor visit, void *ctx) noexcept {
     char line[kLineBuffer] = {};
     for (;;) {
-        if (!in.gets(line, kLineBuffer)) return -1;
+        if (!in.gets(line, kLineBuffer)) return BV_RAD_ERR_IO;
         if (visit) visit(line, ctx);
         ++h->lines;
-        if (rgbe_end_of_header(line, kLineBuffer)) break;
+        if (end_of_header(line, kLineBuffer)) break;
     }
-    if (!in.gets(line, kLineBuffer)) return -1;
+    if (!in.gets(line, kLineBuffer)) return BV_RAD_ERR_IO;
     parse_resolution(line, &h->height, &h->width);
     return 0;
 }
@@ -238,37 +251,37 @@ namespace {
 // Leaves `in` at the first scanline. Returns 0 or the reader's code.
 int open_checked(InStream &in, int width, int height, bool verbose) {
     if (!in) {
-        if (verbose) std::fputs("bv_io_read_rgbe - could not open input Radiance file\n", stderr);
-        return -1;
+        if (verbose) diag(Stream::Err, "bv_io_read_rgbe - could not open input Radiance file\n");
+        return BV_RAD_ERR_IO;
     }
-    if (!in.alloc()) return -4;
+    if (!in.alloc()) return BV_RAD_ERR_MEMORY;
     Header h;
-    if (read_header(in, &h, nullptr, nullptr) < 0) return -1;
+    if (read_header(in, &h, nullptr, nullptr) < 0) return BV_RAD_ERR_IO;
     if (h.width != width || h.height != height) {
         if (verbose)
-            std::fprintf(stderr,
-                         "bv_io_read_rgbe - dim found in Radiance file is %d x %d  while should "
-                         "be %d x %d\n",
-                         h.width, h.height, width, height);
-        return -200;
+            diag(Stream::Err,
+                 "bv_io_read_rgbe - dim found in Radiance file is %d x %d  while should "
+                 "be %d x %d\n",
+                 h.width, h.height, width, height);
+        return BV_RAD_ERR_DIMENSIONS;
     }
     return 0;
 }
 
 // Peeks at the first scanline: 2, 2 and a third byte below 128 mean every
-// row is run-length coded. Returns 1 (run-length), 0 (flat) or -1.
+// row is run-length coded. Returns 1 (run-length), 0 (flat) or BV_RAD_ERR_IO.
 int detect_rle(InStream &in) {
-    if (in.fill(4) < 4) return -1;
+    if (in.fill(4) < 4) return BV_RAD_ERR_IO;
     const uint8_t *p = in.data();
     return p[0] == 2 && p[1] == 2 && p[2] < 128 ? 1 : 0;
 }
 
 // Reads and checks one run-length scanline header.
 int scanline_header(InStream &in, int width) {
-    if (in.fill(4) < 4) return -1;
+    if (in.fill(4) < 4) return BV_RAD_ERR_IO;
     const uint8_t *p = in.data();
-    if (p[2] & 0x80) return -201;
-    if (((p[2] << 8) | p[3]) != width) return -4;
+    if (p[2] & 0x80) return BV_RAD_ERR_SCANLINE_HEADER;
+    if (((p[2] << 8) | p[3]) != width) return BV_RAD_ERR_SCANLINE_WIDTH;
     in.skip(4);
     return 0;
 }
@@ -281,19 +294,19 @@ int decode_packets(InStream &in, size_t n, Sink &&sink) {
     while (filled < n) {
         size_t a = in.avail();
         if (a < kMaxPacket) a = in.fill(kMaxPacket);
-        if (a == 0) return -1;
+        if (a == 0) return BV_RAD_ERR_IO;
         const uint8_t *p = in.data();
         const unsigned c = p[0];
         if (c > 128) {
             const size_t cnt = c - 128;
-            if (cnt > n - filled) return -202;
-            if (a < 2) return -1;
+            if (cnt > n - filled) return BV_RAD_ERR_PACKET;
+            if (a < 2) return BV_RAD_ERR_IO;
             sink(filled, cnt, nullptr, p[1]);
             in.skip(2);
             filled += cnt;
         } else {
-            if (c == 0 || c > n - filled) return -202;
-            if (a < 1 + size_t(c)) return -1;
+            if (c == 0 || c > n - filled) return BV_RAD_ERR_PACKET;
+            if (a < 1 + size_t(c)) return BV_RAD_ERR_IO;
             sink(filled, size_t(c), p + 1, 0);
             in.skip(1 + size_t(c));
             filled += c;
@@ -331,31 +344,26 @@ int skip_component(InStream &in, size_t n) {
 
 // Interleaved R, G, B, E pixels to planes.
 void scatter_row(const uint8_t *src, size_t width, uint8_t *dst) {
-    uint8_t *r = dst, *g = dst + width, *b = dst + 2 * width, *e = dst + 3 * width;
-    for (size_t x = 0; x < width; ++x, src += 4) {
-        r[x] = src[0];
-        g[x] = src[1];
-        b[x] = src[2];
-        e[x] = src[3];
-    }
+    const RgbeRowOut row(dst, width);
+    for (size_t x = 0; x < width; ++x, src += 4) row.set(x, src);
 }
 
 // A flat row buffer, refused up front when the file cannot hold one row so
 // that a hostile width never turns into a huge allocation.
 int flat_row_buffer(InStream &in, size_t row, Scratch<uint8_t> *buf) {
-    if (in.surely_shorter_than(row)) return -1;
-    return buf->alloc(row) ? 0 : -4;
+    if (in.surely_shorter_than(row)) return BV_RAD_ERR_IO;
+    return buf->alloc(row) ? 0 : BV_RAD_ERR_MEMORY;
 }
 
 }  // namespace
 
 int read_image(int width, int height, const char *path, uint8_t *out) noexcept {
-    if (!out || width < 0 || height < 0) return kBadArguments;
+    if (!out || width < 0 || height < 0) return BV_RAD_ERR_ARGUMENTS;
     InStream in(path);
     int rc = open_checked(in, width, height, true);
     if (rc < 0) return rc;
     const int rle = detect_rle(in);
-    if (rle < 0) return -1;
+    if (rle < 0) return BV_RAD_ERR_IO;
     const size_t w = size_t(width), row = 4 * w;
     if (rle) {
         for (int y = 0; y < height; ++y) {
@@ -370,7 +378,7 @@ int read_image(int width, int height, const char *path, uint8_t *out) noexcept {
     Scratch<uint8_t> buf;
     if ((rc = flat_row_buffer(in, row, &buf)) < 0) return rc;
     for (int y = 0; y < height; ++y) {
-        if (in.read(buf.get(), row) != row) return -1;
+        if (in.read(buf.get(), row) != row) return BV_RAD_ERR_IO;
         scatter_row(buf.get(), w, out + size_t(y) * row);
     }
     return height;
@@ -378,12 +386,12 @@ int read_image(int width, int height, const char *path, uint8_t *out) noexcept {
 
 int read_preview(int width, int height, int pw, int ph, const char *path, uint8_t *out) noexcept {
     if (!out || width < 0 || height < 0 || pw < 1 || ph < 1 || (width == 0 && height > 0))
-        return kBadArguments;
+        return BV_RAD_ERR_ARGUMENTS;
     InStream in(path);
     int rc = open_checked(in, width, height, false);
     if (rc < 0) return rc;
     const int rle = detect_rle(in);
-    if (rle < 0) return -1;
+    if (rle < 0) return BV_RAD_ERR_IO;
     const float xstep = static_cast<float>(width) / static_cast<float>(pw);
     const float ystep = static_cast<float>(height) / static_cast<float>(ph);
     const size_t w = size_t(width), row = 4 * w, prow = 4 * size_t(pw);
@@ -403,7 +411,7 @@ int read_preview(int width, int height, int pw, int ph, const char *path, uint8_
                 if (rc < 0) return rc;
             }
         } else {
-            if (in.read(buf.get(), row) != row) return -1;
+            if (in.read(buf.get(), row) != row) return BV_RAD_ERR_IO;
             if (sampled) {
                 const uint8_t *src = buf.get();
                 for (int j = 0; j < pw; ++j) {
@@ -433,15 +441,7 @@ using namespace bv::radiance;
 extern "C" {
 
 BV_API int rgbe_end_of_header(const char *line, int n) {
-    if (!line) return 0;
-    if (line[0] == '\0' || line[0] == '\n') return 1;
-    if (line[0] != ' ' && line[0] != '\t') return 0;
-    for (int i = 1; i < n; ++i) {
-        const char c = line[i];
-        if (c == '\0') return 1;
-        if (c != '\t' && c != '\n' && c != ' ') return 0;
-    }
-    return 1;
+    return line && end_of_header(line, n) ? 1 : 0;
 }
 
 namespace {
@@ -462,22 +462,22 @@ void visit_exif(const char *line, void *p) { parse_exif_line(line, static_cast<e
 }  // namespace
 
 BV_API int rgbe_dim(const char *path, float primaries[8], RgbeDims *dims) {
-    return bv::c_boundary(-4, -1, [&]() -> int {
-        if (!path || !dims) return -1;
+    return bv::c_boundary(BV_RAD_ERR_MEMORY, BV_RAD_ERR_IO, [&]() -> int {
+        if (!path || !dims) return BV_RAD_ERR_IO;
         InStream in(path);
-        if (!in) return -1;
+        if (!in) return BV_RAD_ERR_IO;
         FILE *f = in.file();
-        if (std::fseek(f, 0, SEEK_END) != 0) return -1;
+        if (std::fseek(f, 0, SEEK_END) != 0) return BV_RAD_ERR_IO;
         const long size = std::ftell(f);
-        if (size < 0 || std::fseek(f, 0, SEEK_SET) != 0) return -1;
-        if (!in.alloc()) return -4;
+        if (size < 0 || std::fseek(f, 0, SEEK_SET) != 0) return BV_RAD_ERR_IO;
+        if (!in.alloc()) return BV_RAD_ERR_MEMORY;
         const CNumericScope numeric;
         DimCtx ctx = {
             {0.648431f, 0.330856f, 0.321152f, 0.597871f, 0.155886f, 0.066044f, 0.3101f, 0.3162f},
             dims};
         Header h;
-        if (read_header(in, &h, visit_primaries, &ctx) < 0) return -2;
-        if (h.width <= 0 || h.height <= 0) return -3;
+        if (read_header(in, &h, visit_primaries, &ctx) < 0) return BV_RAD_ERR_NO_RESOLUTION;
+        if (h.width <= 0 || h.height <= 0) return BV_RAD_ERR_ZERO_SIZE;
         dims->width = h.width;
         dims->height = h.height;
         dims->fileSize = size;
@@ -492,24 +492,25 @@ BV_API int rgbe_dim(const char *path, float primaries[8], RgbeDims *dims) {
 }
 
 BV_API int extract_rgbe_exif(const char *path, exifInfo *exif) {
-    return bv::c_boundary(-4, -1, [&]() -> int {
-        if (!path || !exif) return -1;
+    return bv::c_boundary(BV_RAD_ERR_MEMORY, BV_RAD_ERR_IO, [&]() -> int {
+        if (!path || !exif) return BV_RAD_ERR_IO;
         InStream in(path);
-        if (!in) return -1;
-        if (!in.alloc()) return -4;
+        if (!in) return BV_RAD_ERR_IO;
+        if (!in.alloc()) return BV_RAD_ERR_MEMORY;
         exif->profile = -1;
         const CNumericScope numeric;
         Header h;
-        if (read_header(in, &h, visit_exif, exif) < 0) return -1;
+        if (read_header(in, &h, visit_exif, exif) < 0) return BV_RAD_ERR_IO;
         // A header that "ends" inside binary data is followed by garbage, not
         // by a resolution line: such a file has none.
-        if (h.width <= 0 || h.height <= 0) return -1;
+        if (h.width <= 0 || h.height <= 0) return BV_RAD_ERR_IO;
         return h.lines;
     });
 }
 
 BV_API int bv_io_read_rgbe(int width, int height, const char *path, unsigned char *out) {
-    return bv::c_boundary(-4, -1, [&] { return read_image(width, height, path, out); });
+    return bv::c_boundary(BV_RAD_ERR_MEMORY, BV_RAD_ERR_IO,
+                          [&] { return read_image(width, height, path, out); });
 }
 
 BV_API int decomp2(const char *path, int width, int height, unsigned char *out) {
@@ -522,7 +523,8 @@ BV_API int decomp_rle(const char *path, int width, int height, unsigned char *ou
 
 BV_API int bv_io_read_preview_rgbe(int width, int height, int pw, int ph, const char *path,
                                    unsigned char *out) {
-    return bv::c_boundary(-4, -1, [&] { return read_preview(width, height, pw, ph, path, out); });
+    return bv::c_boundary(BV_RAD_ERR_MEMORY, BV_RAD_ERR_IO,
+                          [&] { return read_preview(width, height, pw, ph, path, out); });
 }
 
 }  // extern "C"

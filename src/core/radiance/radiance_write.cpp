@@ -4,6 +4,8 @@
 #include <cstring>
 #include <string>
 
+#include "common/diag.hpp"
+#include "common/pixels.hpp"
 #include "core/radiance/radiance_io.hpp"
 
 namespace bv::radiance {
@@ -162,17 +164,17 @@ public:
     int write(FILE *f, OutSink *sink, const std::string &header, const uint8_t *rgbe, int rows) {
         // Headers are a few hundred bytes, below every sink capacity.
         uint8_t *h = header.size() <= 1024 ? sink->reserve(header.size()) : nullptr;
-        if (!h) return -1;
+        if (!h) return BV_RAD_ERR_IO;
         std::memcpy(h, header.data(), header.size());
         sink->commit(header.size());
         const size_t row = 4 * w_;
         if (flat_) {
-            if (!sink->flush()) return -1;
+            if (!sink->flush()) return BV_RAD_ERR_IO;
             for (int y = 0; y < rows; ++y) {
                 interleave(rgbe + size_t(y) * row, row_.get());
                 if (std::fwrite(row_.get(), 4, w_, f) != w_) {
-                    std::printf("bv_io_rgbe_write uncompressed failed on line %d\n", y);
-                    return -2;
+                    diag(Stream::Out, "bv_io_rgbe_write uncompressed failed on line %d\n", y);
+                    return BV_RAD_ERR_FLAT_WRITE;
                 }
             }
             return rows;
@@ -180,29 +182,24 @@ public:
         for (int y = 0; y < rows; ++y) {
             const uint8_t *src = rgbe + size_t(y) * row;
             uint8_t *o = sink->reserve(4);
-            if (!o) return -1;
+            if (!o) return BV_RAD_ERR_IO;
             o[0] = 2;
             o[1] = 2;
             o[2] = static_cast<uint8_t>(w_ >> 8);
             o[3] = static_cast<uint8_t>(w_ & 255);
             sink->commit(4);
             for (size_t c = 0; c < 4; ++c) {
-                if (!(o = sink->reserve(2 * w_))) return -1;
+                if (!(o = sink->reserve(2 * w_))) return BV_RAD_ERR_IO;
                 sink->commit(encode_component(src + c * w_, w_, o));
             }
         }
-        return sink->flush() ? rows : -1;
+        return sink->flush() ? rows : BV_RAD_ERR_IO;
     }
 
 private:
     void interleave(const uint8_t *src, uint8_t *dst) const {
-        const uint8_t *r = src, *g = src + w_, *b = src + 2 * w_, *e = src + 3 * w_;
-        for (size_t x = 0; x < w_; ++x, dst += 4) {
-            dst[0] = r[x];
-            dst[1] = g[x];
-            dst[2] = b[x];
-            dst[3] = e[x];
-        }
+        const RgbeRow row(src, w_);
+        for (size_t x = 0; x < w_; ++x, dst += 4) row.get(x, dst);
     }
 
     size_t w_;
@@ -215,12 +212,12 @@ int write_file(const char *path, const char *mode, int width, const std::string 
                const uint8_t *rgbe, int rows) {
     RowWriter writer(width);
     OutSink sink;
-    if (!writer.alloc(&sink, rows)) return -4;
+    if (!writer.alloc(&sink, rows)) return BV_RAD_ERR_MEMORY;
     File f(path, mode);
-    if (!f) return -1;
+    if (!f) return BV_RAD_ERR_IO;
     sink.set_file(f.get());
     const int rc = writer.write(f.get(), &sink, header, rgbe, rows);
-    if (f.close() != 0 && rc >= 0) return -1;
+    if (f.close() != 0 && rc >= 0) return BV_RAD_ERR_IO;
     return rc;
 }
 
@@ -235,9 +232,9 @@ extern "C" {
 BV_API int bv_io_rgbe_write(const char *path, int width, int height, const exifInfo *exif,
                             int ignored, const char profile[32], const unsigned char *rgbe) {
     (void)ignored;
-    return bv::c_boundary(-4, -1, [&]() -> int {
-        if (!path) return -1;
-        if (!rgbe || width < 1 || height < 1) return kBadArguments;
+    return bv::c_boundary(BV_RAD_ERR_MEMORY, BV_RAD_ERR_IO, [&]() -> int {
+        if (!path) return BV_RAD_ERR_IO;
+        if (!rgbe || width < 1 || height < 1) return BV_RAD_ERR_ARGUMENTS;
         return write_file(path, "wb", width, metadata_header(width, height, exif, profile), rgbe,
                           height);
     });
@@ -246,9 +243,10 @@ BV_API int bv_io_rgbe_write(const char *path, int width, int height, const exifI
 BV_API int bv_write_strip_rgbe(const char *path, int k, int stripHeight, int width, int totalHeight,
                                int ignored, const unsigned char *rgbe) {
     (void)ignored;
-    return bv::c_boundary(-4, -1, [&]() -> int {
-        if (!path) return -1;
-        if (!rgbe || k < 0 || stripHeight < 1 || width < 1 || totalHeight < 1) return kBadArguments;
+    return bv::c_boundary(BV_RAD_ERR_MEMORY, BV_RAD_ERR_IO, [&]() -> int {
+        if (!path) return BV_RAD_ERR_IO;
+        if (!rgbe || k < 0 || stripHeight < 1 || width < 1 || totalHeight < 1)
+            return BV_RAD_ERR_ARGUMENTS;
         const int64_t first = int64_t(k) * stripHeight;
         if (first >= totalHeight) return 0;
         const int rows =

@@ -7,10 +7,11 @@
 #include <vector>
 
 #include "common/boundary.hpp"
+#include "common/pixels.hpp"
 #include "core/rgbe/rgbe_convert.hpp"
 #include "core/rgbe/rgbe_pixel.hpp"
 
-namespace bv::core {
+namespace bv::rgbe {
 namespace {
 
 constexpr uint16_t kLittle = 0x4949;  // "II"
@@ -74,7 +75,7 @@ int read_tiff(const char *path, int width, int height, int spp, int64_t offset, 
     // Two or four samples: the last one is alpha and is skipped.
     const bool alpha = spp == 2 || spp == 4;
     const int colours = alpha ? spp - 1 : spp;
-    const int ig = (colours - 1) / 2, ib = colours - 1;
+    const bv::ChannelOffsets at = bv::channel_offsets(colours);
     std::vector<float> px(static_cast<size_t>(colours));
     const size_t w = static_cast<size_t>(width);
 
@@ -82,7 +83,7 @@ int read_tiff(const char *path, int width, int height, int spp, int64_t offset, 
     double sum = 0.0;
     bool at_end = false;
     for (int y = 0; y < height; ++y) {
-        unsigned char *row = rgbe + static_cast<size_t>(y) * 4 * w;
+        const bv::RgbeRowOut row(rgbe, w, static_cast<size_t>(y));
         for (size_t x = 0; x < w; ++x) {
             // Past the end of the file every sample reads as 0; stop touching it.
             for (int c = 0; c < colours; ++c) px[c] = at_end ? 0.0f : read_biased(order, f.get());
@@ -91,17 +92,14 @@ int read_tiff(const char *path, int width, int height, int spp, int64_t offset, 
                 if (std::fread(skip, 1, 4, f.get()) != 4) at_end = true;
             }
             if (!at_end && std::feof(f.get())) at_end = true;
-            const float r = px[0], g = px[ig], b = px[ib];
+            const float r = px[at.r], g = px[at.g], b = px[at.b];
             const float lum = 0.3 * r + 0.6 * g + 0.1 * b;
             if (lum > hi) hi = lum;
             if (lum > 0.0f && lum < lo) lo = lum;
             sum += lum;
             unsigned char enc[4];
             bv::rgbe::encode(r, g, b, 1e-32, enc);
-            row[x] = enc[0];
-            row[x + w] = enc[1];
-            row[x + 2 * w] = enc[2];
-            row[x + 3 * w] = enc[3];
+            row.set(x, enc);
         }
     }
     const double count = static_cast<double>(w) * height;
@@ -172,25 +170,25 @@ int write_tiff(const char *path, int width, int height, int normalise,
 }
 
 }  // namespace
-}  // namespace bv::core
+}  // namespace bv::rgbe
 
 extern "C" {
 
-float readfloat(uint16_t order, FILE *f) { return bv::core::read_biased(order, f); }
+float readfloat(uint16_t order, FILE *f) { return bv::rgbe::read_biased(order, f); }
 
 int fp2rgbe(const char *path, int width, int height, int samplesPerPixel, int64_t dataOffset,
             float *minOut, float *maxOut, float *meanOut, unsigned char *rgbe) {
     if (!path || !minOut || !maxOut || !meanOut || width < 0 || samplesPerPixel < 1 ||
         dataOffset < 0 || (height > 0 && width > 0 && !rgbe))
         return BV_RGBE_ERR_ARG;
-    return bv::core::read_tiff(path, width, height, samplesPerPixel, dataOffset, minOut, maxOut,
+    return bv::rgbe::read_tiff(path, width, height, samplesPerPixel, dataOffset, minOut, maxOut,
                                meanOut, rgbe);
 }
 
 int fp_save(const char *path, int width, int height, int normalise, const unsigned char *rgbe) {
     if (!rgbe || width < 1 || height < 1 || width > 65535 || height > 65535) return BV_RGBE_ERR_ARG;
     if (!path) return BV_RGBE_ERR_WRITE;
-    return bv::core::write_tiff(path, width, height, normalise, rgbe);
+    return bv::rgbe::write_tiff(path, width, height, normalise, rgbe);
 }
 
 }  // extern "C"

@@ -3,10 +3,10 @@
 
 #include <cmath>
 #include <cstring>
-#include <utility>
 
 #include "Utils/loglum/loglum.hpp"
 #include "common/boundary.hpp"
+#include "common/pixels.hpp"
 #include "core/rgbe/rgbe_convert.hpp"
 #include "core/rgbe/rgbe_pixel.hpp"
 
@@ -16,7 +16,7 @@ int make_normaliser(int width, int height, const float *table, const uint8_t *rg
                     Normaliser *n) noexcept {
     LogLumStats stats{};
     stats.v[BV_LLS_MIN] = 8.0f;  // RGBE input
-    const int rc = bv::utils::log_min_max_moy(width, height, table, rgbe, &stats);
+    const int rc = bv::loglum::log_min_max_moy(width, height, table, rgbe, &stats);
     if (rc < 0) return rc;
     const float lo = static_cast<float>(std::exp(stats.v[BV_LLS_MIN]));
     const float hi = static_cast<float>(std::exp(stats.v[BV_LLS_P995]));
@@ -28,7 +28,7 @@ int make_normaliser(int width, int height, const float *table, const uint8_t *rg
 
 void decode_row(int width, const uint8_t *rgbe, int y, const float *table, const Normaliser &n,
                 float *out) noexcept {
-    const Row row(rgbe, width, y);
+    const bv::RgbeRow row(rgbe, width, y);
     for (int x = 0; x < width; ++x, out += 3) {
         decode(row.r[x], row.g[x], row.b[x], row.e[x], table, out);
         if (n.active && row.e[x] != 0)
@@ -67,24 +67,16 @@ namespace {
 
 constexpr int kErrArg = BV_RGBE_ERR_ARG;
 
-// Bracket sample positions of one pixel.
-struct Offsets {
-    int r, g, b;
-    Offsets(int step, bool bgr) noexcept : r(0), g((step - 1) / 2), b(step - 1) {
-        if (bgr) std::swap(r, b);
-    }
-};
-
 // Pixels too dark or too bright to carry information are marked first and
 // painted grey at the extreme luminance of the rest of the image afterwards.
 template <class Sample>
-void encode_bracket(int width, int height, int step, int row_step, const Offsets &o,
+void encode_bracket(int width, int height, int step, int row_step, const ChannelOffsets &o,
                     const float *table, const Sample *src, uint8_t *out, float *min_y, float *max_y,
                     bool *found) noexcept {
     const size_t w = static_cast<size_t>(width);
     for (int y = 0; y < height; ++y) {
         const Sample *row = src + static_cast<size_t>(y) * row_step;
-        uint8_t *dst = out + static_cast<size_t>(y) * 4 * w;
+        const RgbeRowOut dst(out, w, static_cast<size_t>(y));
         for (int x = 0; x < width; ++x) {
             const Sample *p = row + static_cast<size_t>(x) * step;
             const unsigned R = p[o.r], G = p[o.g], B = p[o.b];
@@ -112,10 +104,7 @@ void encode_bracket(int width, int height, int step, int row_step, const Offsets
                 }
                 encode(r, g, b, 0.0, px);
             }
-            dst[x] = px[0];
-            dst[x + w] = px[1];
-            dst[x + 2 * w] = px[2];
-            dst[x + 3 * w] = px[3];
+            dst.set(static_cast<size_t>(x), px);
         }
     }
 }
@@ -129,19 +118,7 @@ void paint_marked(int width, int height, float min_y, float max_y, bool found,
     // the search's start value.
     if (found) encode(min_y, min_y, min_y, 0.0, dark);
     encode(max_y, max_y, max_y, 0.0, bright);
-    const size_t w = static_cast<size_t>(width);
-    for (int y = 0; y < height; ++y) {
-        uint8_t *row = out + static_cast<size_t>(y) * 4 * w;
-        for (size_t x = 0; x < w; ++x) {
-            const uint8_t e = row[x + 3 * w];
-            if (e != 0 && e != 255) continue;
-            const uint8_t *g = e == 0 ? dark : bright;
-            row[x] = g[0];
-            row[x + w] = g[1];
-            row[x + 2 * w] = g[2];
-            row[x + 3 * w] = g[3];
-        }
-    }
+    fill_markers(out, width, height, dark, bright);
 }
 
 }  // namespace
@@ -206,7 +183,7 @@ int convert_to_rgbe(int bits, int width, int height, int pixelStep, int rowStep,
 
     float min_y = 1e11f, max_y = 0.0f;
     bool found = false;
-    const Offsets o(pixelStep, bgr != 0);
+    const bv::ChannelOffsets o = bv::channel_offsets(pixelStep, bgr != 0);
     if (bits == 8)
         encode_bracket(width, height, pixelStep, rowStep, o, table,
                        static_cast<const uint8_t *>(src), out, &min_y, &max_y, &found);

@@ -95,16 +95,4 @@ inline void encode(float r, float g, float b, double threshold, uint8_t out[4]) 
     out[3] = static_cast<uint8_t>((e + 128) & 0xff);
 }
 
-// Pointers to the four planes of RGBE scanline row y of a width-wide image.
-struct Row {
-    const uint8_t *r, *g, *b, *e;
-    Row(const uint8_t *image, int width, int y) noexcept {
-        const size_t w = static_cast<size_t>(width);
-        r = image + static_cast<size_t>(y) * 4 * w;
-        g = r + w;
-        b = g + w;
-        e = b + w;
-    }
-};
-
 }  // namespace bv::rgbe
