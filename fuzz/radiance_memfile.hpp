@@ -6,18 +6,17 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 
 namespace fuzzfile {
 
-// One anonymous in-memory file per process, reached through /proc; falls
-// back to a file in /tmp where memfd is unavailable.
+// One anonymous in-memory file per process, reached through /proc; a file in
+// /tmp where memfd is unavailable.
 inline const std::string &path() {
     static const std::string p = [] {
         const int fd = memfd_create("bv-fuzz", 0);
-        if (fd >= 0) return "/proc/self/fd/" + std::to_string(fd);
-        return std::string("/tmp/bv-fuzz-") + std::to_string(getpid()) + ".hdr";
+        return fd >= 0 ? "/proc/self/fd/" + std::to_string(fd)
+                       : "/tmp/bv-fuzz-" + std::to_string(getpid()) + ".hdr";
     }();
     return p;
 }

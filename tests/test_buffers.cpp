@@ -1,58 +1,34 @@
 // Rounding helpers, byte readers, row conversions, display renderings,
 // raw buffer and strip files, and the random generator.
-#include <Brackvista40Lib1.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cmath>
-#include <cstring>
 #include <limits>
 #include <random>
 #include <sstream>
-#include <vector>
 
 #include "test_support.hpp"
 
 namespace {
 
+using bvtest::Bytes;
+
 TEST(Rounding, ExactRulesAndClamps) {
-    EXPECT_EQ(arrondi(2.5f), 2);
-    EXPECT_EQ(arrondi(2.5001f), 3);
-    EXPECT_EQ(arrondi(-0.7f), 0);
-    EXPECT_EQ(arrondi(-2.7f), -2);
-    EXPECT_EQ(arrondi(-2.5f), -2);
-    EXPECT_EQ(arrondi(0.0f), 0);
-    EXPECT_EQ(arrondi(1e20f), std::numeric_limits<int>::max());  // saturates, no UB
-    EXPECT_EQ(arrondi(std::nanf("")), 0);
-
-    EXPECT_EQ(lim8f(255.0f), 255);
-    EXPECT_EQ(lim8f(1000.0f), 255);
-    EXPECT_EQ(lim8f(-3.0f), 0);
-    EXPECT_EQ(lim8f(std::nanf("")), 0);
-    EXPECT_EQ(lim8f(254.99f), 254);
-    EXPECT_EQ(lim8f(0.99f), 0);
-
-    EXPECT_EQ(lim8(-1), 0);
-    EXPECT_EQ(lim8(256), 255);
-    EXPECT_EQ(lim8int(77), 77);
-    EXPECT_EQ(lim16(-5), 0);
-    EXPECT_EQ(lim16(70000), 65535);
-    EXPECT_EQ(lim16(int64_t(1) << 40), 65535);
-    EXPECT_EQ(plafond(3, -4), -4);
-    EXPECT_EQ(coupeh(5, 3.7f), 3);
-    EXPECT_EQ(coupeh(2, 3.7f), 2);
-    EXPECT_EQ(coupeh(-5, -7.9f), -7);  // truncation toward zero, not floor
-
-    EXPECT_EQ(clipvar(100, 0.7), 1000);
-    EXPECT_EQ(clipvar(50, 1.0), 500);
-    EXPECT_EQ(clipvar(0, 2.0), 0);
-    // 0.25^0.5 * 1000 = 500; 0.3^2 * 1000 = 90.00000000000001 -> 90.
-    EXPECT_EQ(fclipvar(25.0f, 0.5), 500);
-    EXPECT_EQ(clipvar(30, 2.0), 90);
-    // 0.0015^0.5 * 1000 = 38.7298... -> 39 (fraction above a half rounds up).
-    EXPECT_EQ(fclipvar(0.15f, 0.5), 39);
+    // Halves round down; huge values saturate; truncation goes toward zero;
+    // 0.3^2 * 1000 = 90.00000000000001 -> 90, 38.7298 -> 39.
+    // clang-format off
+    const long long cases[][2] = {
+        {arrondi(2.5f), 2}, {arrondi(2.5001f), 3}, {arrondi(-0.7f), 0}, {arrondi(-2.7f), -2},
+        {arrondi(-2.5f), -2}, {arrondi(0.0f), 0}, {arrondi(1e20f), std::numeric_limits<int>::max()},
+        {arrondi(NAN), 0}, {lim8f(255.0f), 255}, {lim8f(1000.0f), 255}, {lim8f(-3.0f), 0},
+        {lim8f(NAN), 0}, {lim8f(254.99f), 254}, {lim8f(0.99f), 0}, {lim8(-1), 0}, {lim8(256), 255},
+        {lim8int(77), 77}, {lim16(-5), 0}, {lim16(70000), 65535}, {lim16(int64_t(1) << 40), 65535},
+        {plafond(3, -4), -4}, {coupeh(5, 3.7f), 3}, {coupeh(2, 3.7f), 2}, {coupeh(-5, -7.9f), -7},
+        {clipvar(100, 0.7), 1000}, {clipvar(50, 1.0), 500}, {clipvar(0, 2.0), 0},
+        {fclipvar(25.0f, 0.5), 500}, {clipvar(30, 2.0), 90}, {fclipvar(0.15f, 0.5), 39}};
+    // clang-format on
+    for (size_t i = 0; i < std::size(cases); ++i)
+        EXPECT_EQ(cases[i][0], cases[i][1]) << "case " << i;
     EXPECT_FLOAT_EQ(lerp(2.0f, 4.0f, 0.25f), 2.5f);
-
     char src[5] = "abcd", dst[5] = "xxxx";
     EXPECT_EQ(copie_mem(src, 4, dst), 1);
     EXPECT_STREQ(dst, "abcd");
@@ -75,8 +51,7 @@ TEST(ByteReaders, BothOrdersAndShortFiles) {
     EXPECT_EQ(fgetmi2(f, 0x4949), 0x0201u);
     EXPECT_EQ(fgetmi4(f, 0x4949), 0x06050403u);
     EXPECT_EQ(fgetmi2(f, 0x4D4D), 0x0708u);
-    // Only three bytes remain: the missing one reads as 0.
-    EXPECT_EQ(fgetmi4(f, 0x1234), 0xA0B0C000u);
+    EXPECT_EQ(fgetmi4(f, 0x1234), 0xA0B0C000u) << "three bytes left: the missing one reads as 0";
     EXPECT_EQ(fgetm2(f), 0u);
     std::fclose(f);
     EXPECT_EQ(fget4m(nullptr), 0u);
@@ -84,56 +59,39 @@ TEST(ByteReaders, BothOrdersAndShortFiles) {
 
 TEST(RowConversion, SwapCopyAndRejectedFormats) {
     // 2 x 2 pixels, source rows of 7 samples (one padding sample).
-    std::vector<uint8_t> src = {1, 2, 3, 4, 5, 6, 99, 7, 8, 9, 10, 11, 12, 98};
-    std::vector<uint8_t> dst(16, 0xEE);
+    const Bytes src = {1, 2, 3, 4, 5, 6, 99, 7, 8, 9, 10, 11, 12, 98};
+    Bytes dst(16, 0xEE), untouched(16, 0xEE), plain(16, 0);
     EXPECT_EQ(copyAndConvertImageRows(2, 2, 7, 8, 3, 8, 1, src.data(), dst.data()), 2);
-    const std::vector<uint8_t> want = {3, 2, 1, 6,  5,  4,  0xEE, 0xEE,
-                                       9, 8, 7, 12, 11, 10, 0xEE, 0xEE};
-    EXPECT_EQ(dst, want);
-
-    std::vector<uint16_t> s16 = {100, 200, 300, 40000, 50000, 60000};
-    std::vector<uint16_t> d16(6);
+    EXPECT_EQ(dst, (Bytes{3, 2, 1, 6, 5, 4, 0xEE, 0xEE, 9, 8, 7, 12, 11, 10, 0xEE, 0xEE}));
+    std::vector<uint16_t> s16 = {100, 200, 300, 40000, 50000, 60000}, d16(6);
+    const std::vector<uint16_t> want16 = {300, 200, 100, 60000, 50000, 40000};
     EXPECT_EQ(copyAndConvertImageRows(2, 1, 6, 6, 3, 16, 1, s16.data(), d16.data()), 1);
-    EXPECT_EQ(d16, (std::vector<uint16_t>{300, 200, 100, 60000, 50000, 40000}));
-    // In place works too.
+    EXPECT_EQ(d16, want16);
     EXPECT_EQ(copyAndConvertImageRows(2, 1, 6, 6, 3, 16, 1, s16.data(), s16.data()), 1);
-    EXPECT_EQ(s16, d16);
-
+    EXPECT_EQ(s16, want16) << "in place";
     // Swap with 4 samples or float samples: -1 and nothing written.
-    std::vector<uint8_t> untouched(16, 0xEE);
     EXPECT_EQ(copyAndConvertImageRows(2, 2, 8, 8, 4, 8, 1, src.data(), untouched.data()), -1);
     EXPECT_EQ(copyAndConvertImageRows(2, 2, 6, 6, 3, 32, 1, src.data(), untouched.data()), -1);
-    EXPECT_EQ(untouched, std::vector<uint8_t>(16, 0xEE));
-
+    EXPECT_EQ(untouched, Bytes(16, 0xEE));
     // Without swap: min(stride) samples per row, and the result is 0, not rows.
-    std::vector<uint8_t> plain(16, 0);
     EXPECT_EQ(copyAndConvertImageRows(2, 2, 7, 8, 3, 8, 0, src.data(), plain.data()), 0);
-    EXPECT_EQ(std::vector<uint8_t>(plain.begin(), plain.begin() + 7),
-              std::vector<uint8_t>(src.begin(), src.begin() + 7));
-    EXPECT_EQ(plain[7], 0);
-    EXPECT_EQ(plain[8], 7);
-
+    EXPECT_EQ(plain, (Bytes{1, 2, 3, 4, 5, 6, 99, 0, 7, 8, 9, 10, 11, 12, 98, 0}));
     EXPECT_EQ(copyImageRows(0, 4, 4, 4, nullptr, nullptr), 0);
     EXPECT_EQ(copyImageRows(2, 4, 4, 4, nullptr, plain.data()), BV_BUF_ERR_ARG);
     EXPECT_EQ(copyAndConvertImageRows(2, 2, 7, 8, 3, 8, 1, nullptr, plain.data()), BV_BUF_ERR_ARG);
 }
 
 TEST(RowConversion, FillRowStrideInPlaceAndCopy) {
-    // Three rows of 3 RGB8 pixels padded to 4 pixels, in the same buffer.
-    std::vector<uint8_t> buf(3 * 12, 0xCC);
-    for (int i = 0; i < 27; ++i) buf[i] = static_cast<uint8_t>(i + 1);
-    std::vector<uint8_t> copy(buf);
-    std::vector<uint8_t> separate(3 * 12, 0xCC);
-    EXPECT_EQ(fillRowStride(3, 24, 3, 4, buf.data(), buf.data()), 3);
+    // Three rows of 3 RGB8 pixels padded to 4 pixels, in the same buffer and copied.
+    Bytes buf(3 * 12, 0xCC), separate(3 * 12, 0xCC), want(3 * 12, 0);
+    for (int i = 0; i < 27; ++i) buf[i] = uint8_t(i + 1), want[i / 9 * 12 + i % 9] = uint8_t(i + 1);
+    const Bytes copy = buf;
     EXPECT_EQ(fillRowStride(3, 24, 3, 4, copy.data(), separate.data()), 3);
-    for (int y = 0; y < 3; ++y)
-        for (int i = 0; i < 12; ++i) {
-            const uint8_t want = i < 9 ? static_cast<uint8_t>(y * 9 + i + 1) : 0;
-            EXPECT_EQ(buf[y * 12 + i], want) << y << "," << i;
-            EXPECT_EQ(separate[y * 12 + i], want);
-        }
+    EXPECT_EQ(fillRowStride(3, 24, 3, 4, buf.data(), buf.data()), 3);
+    EXPECT_EQ(buf, want);
+    EXPECT_EQ(separate, want);
     // No padding needed: returns 1 at once and touches nothing.
-    std::vector<uint8_t> same(copy);
+    Bytes same = copy;
     EXPECT_EQ(fillRowStride(3, 24, 3, 3, same.data(), same.data()), 1);
     EXPECT_EQ(same, copy);
     EXPECT_EQ(fillRowStride(3, 24, 3, 4, nullptr, same.data()), BV_BUF_ERR_ARG);
@@ -141,94 +99,76 @@ TEST(RowConversion, FillRowStrideInPlaceAndCopy) {
 
 TEST(RowConversion, ChannelOrderAndDepth) {
     // RGBA8 with 2 bytes of row padding: the fourth sample and padding stay.
-    std::vector<uint8_t> px = {1, 2, 3, 4, 5, 6, 7, 8, 0xAA, 0xBB};
+    Bytes px = {1, 2, 3, 4, 5, 6, 7, 8, 0xAA, 0xBB};
     EXPECT_EQ(bgr2rgb(2, 1, 10, 4, 8, px.data()), 1);
-    EXPECT_EQ(px, (std::vector<uint8_t>{3, 2, 1, 4, 7, 6, 5, 8, 0xAA, 0xBB}));
+    EXPECT_EQ(px, (Bytes{3, 2, 1, 4, 7, 6, 5, 8, 0xAA, 0xBB}));
     std::vector<uint16_t> p16 = {1000, 2000, 3000, 7, 4000, 5000, 6000, 9};
     EXPECT_EQ(bgr2rgb(1, 2, 8, 3, 16, p16.data()), 2);
     EXPECT_EQ(p16, (std::vector<uint16_t>{3000, 2000, 1000, 7, 6000, 5000, 4000, 9}));
     EXPECT_EQ(bgr2rgb(1, 1, 12, 3, 32, p16.data()), -1);
-    EXPECT_EQ(bgr2rgb(2, 1, 4, 3, 8, px.data()), BV_BUF_ERR_ARG);  // stride shorter than a row
-
-    // Two rows of three 16-bit samples packed to 8-bit in place.
-    std::vector<uint16_t> s = {0x0102, 0xFF00, 0x00FF, 0x8000, 0x7FFF, 0xABCD};
-    auto *bytes = reinterpret_cast<uint8_t *>(s.data());
-    EXPECT_EQ(from16to8(3, 2, 3, 6, bytes), 2);
-    EXPECT_EQ(std::vector<uint8_t>(bytes, bytes + 6),
-              (std::vector<uint8_t>{0x01, 0xFF, 0x00, 0x80, 0x7F, 0xAB}));
-    std::vector<uint16_t> s2 = {0x1234, 0xFEDC};
-    uint8_t out2[2] = {0, 0};
-    EXPECT_EQ(from16to8copy(2, 1, 1, 4, s2.data(), out2), 1);
-    EXPECT_EQ(out2[0], 0x12);
-    EXPECT_EQ(out2[1], 0xFE);
-
-    // RGB16 -> RGB8 by high byte, with strides on both sides.
-    std::vector<uint16_t> rgb16 = {0x00FF, 0x0100, 0xFFFF, 0, 0x8080, 0x7F00, 0x0001, 0};
-    std::vector<uint8_t> rgb8(8, 0xEE);
+    EXPECT_EQ(bgr2rgb(2, 1, 4, 3, 8, px.data()), BV_BUF_ERR_ARG) << "stride shorter than a row";
+    // A zero size is an empty image, a negative one an error; one sample per
+    // pixel and zero strides (one row) are valid.
+    const uint16_t one = 0xAB00;
+    uint8_t byte = 0;
+    EXPECT_EQ(
+        std::vector<int>({bgr2rgb(0, 2, 10, 4, 8, px.data()), bgr2rgb(2, 0, 10, 4, 8, px.data()),
+                          bgr2rgb(-1, 2, 10, 4, 8, px.data()), bgr2rgb(2, -1, 10, 4, 8, px.data()),
+                          generateOriginalFrom16Bit(0, 2, 4, 4, 3, nullptr, nullptr),
+                          generateOriginalFrom16Bit(2, 0, 4, 4, 3, nullptr, nullptr),
+                          generateOriginalFrom16Bit(-1, 2, 4, 4, 3, nullptr, nullptr),
+                          generateOriginalFrom16Bit(1, 1, 0, 0, 1, &one, &byte), byte}),
+        std::vector<int>({2, 0, BV_BUF_ERR_ARG, BV_BUF_ERR_ARG, 2, 0, BV_BUF_ERR_ARG, 1, 0xAB}));
+    // 16-bit samples to their high bytes: in place, copied, and RGB with strides on both sides.
+    std::vector<uint16_t> s = {0x0102, 0xFF00, 0x00FF, 0x8000, 0x7FFF, 0xABCD},
+                          s2 = {0x1234, 0xFEDC};
+    const auto *bytes = reinterpret_cast<uint8_t *>(s.data());
+    EXPECT_EQ(from16to8(3, 2, 3, 6, reinterpret_cast<uint8_t *>(s.data())), 2);
+    EXPECT_EQ(Bytes(bytes, bytes + 6), (Bytes{0x01, 0xFF, 0x00, 0x80, 0x7F, 0xAB}));
+    Bytes out2(2), rgb8(8, 0xEE);
+    EXPECT_EQ(from16to8copy(2, 1, 1, 4, s2.data(), out2.data()), 1);
+    EXPECT_EQ(out2, (Bytes{0x12, 0xFE}));
+    const std::vector<uint16_t> rgb16 = {0x00FF, 0x0100, 0xFFFF, 0, 0x8080, 0x7F00, 0x0001, 0};
     EXPECT_EQ(generateOriginalFrom16Bit(1, 2, 4, 4, 3, rgb16.data(), rgb8.data()), 2);
-    EXPECT_EQ(rgb8, (std::vector<uint8_t>{0, 1, 255, 0xEE, 0x80, 0x7F, 0, 0xEE}));
+    EXPECT_EQ(rgb8, (Bytes{0, 1, 255, 0xEE, 0x80, 0x7F, 0, 0xEE}));
 }
 
-// A 3 x 1 RGBE row: a black pixel with large mantissas, a pixel of known
-// value and a very bright one.
-struct HdrRow {
-    std::vector<uint8_t> rgbe;
-    float table[256];
-    HdrRow() {
-        rgbe = {200, 128, 255,   // R plane
-                200, 64,  255,   // G plane
-                200, 32,  255,   // B plane
-                0,   136, 200};  // E plane
-        exp_lut_old(table);
-    }
-};
-
 TEST(DisplayRendering, BlackKnownValuesAndLayout) {
-    HdrRow h;
-    // getTonemappedRep with scale 1/512: R = 0.25^(1/2.2) * 256 = 136.33,
-    // G = 0.125^(1/2.2) * 256 = 99.58, B = 0.0625^(1/2.2) * 256 = 72.74;
-    // written B, G, R.
-    std::vector<uint8_t> out(9, 0xEE);
-    EXPECT_EQ(getTonemappedRep(3, 1, h.table, h.rgbe.data(), out.data(), 1.0f / 512), 1);
-    EXPECT_EQ(out, (std::vector<uint8_t>{0, 0, 0, 72, 99, 136, 255, 255, 255}));
-
-    // applyGammaToHDR: 128 * 0.6004653 = 76.86; 76.86^0.45 * 256 >= 255.
-    std::vector<uint8_t> g(2 * (9 + 3), 0xEE);
-    HdrRow two;
-    two.rgbe = {200, 128, 255, 200, 64, 255, 200, 32, 255, 0, 136, 200,  // row 0
-                1,   1,   1,   1,   1,  1,   1,   1,  1,   0, 120, 1};   // row 1
-    EXPECT_EQ(applyGammaToHDR(3, 2, two.table, 3, two.rgbe.data(), g.data()), 2);
-    EXPECT_EQ(g[0], 0);
-    EXPECT_EQ(g[5], 255);
-    for (int i = 9; i < 12; ++i) EXPECT_EQ(g[i], 0xEE) << "extra bytes are not written";
-    EXPECT_EQ(g[12], 0);  // E = 0 in the second row
-    // 2^(120-136) * 0.6004653 = 9.162e-6; ^0.45 * 256 = 1.3 -> 1
-    EXPECT_EQ(g[15], 1);
-    for (int i = 21; i < 24; ++i) EXPECT_EQ(g[i], 0xEE);
-
-    // generateOriginalFromHDR with gamma 1 is linear: 0.25 * 256 = 64.
-    std::vector<uint8_t> o(2 * 10, 0xEE);
-    EXPECT_EQ(generateOriginalFromHDR(3, 1, 10, h.table, h.rgbe.data(), o.data(), 1.0f, 1.0f / 512),
-              1);
-    EXPECT_EQ(std::vector<uint8_t>(o.begin(), o.begin() + 10),
-              (std::vector<uint8_t>{0, 0, 0, 16, 32, 64, 255, 255, 255, 0xEE}));
-    EXPECT_EQ(generateOriginalFromHDR(3, 1, 8, h.table, h.rgbe.data(), o.data(), 1.0f, 1.0f),
+    // Two 3 x 1 RGBE rows: a black pixel with large mantissas, a pixel of
+    // known value and a very bright one; then faint pixels.
+    const Bytes rgbe = {200, 128, 255, 200, 64, 255, 200, 32, 255, 0, 136, 200,  // row 0
+                        1,   1,   1,   1,   1,  1,   1,   1,  1,   0, 120, 1};   // row 1
+    float t[256];
+    exp_lut_old(t);
+    // Scale 1/512: R = 0.25^(1/2.2) * 256 = 136.33, G = 0.125^(1/2.2) * 256
+    // = 99.58, B = 72.74; written B, G, R.
+    Bytes out(9, 0xEE), g(2 * 12, 0xEE), o(2 * 10, 0xEE);
+    EXPECT_EQ(getTonemappedRep(3, 1, t, rgbe.data(), out.data(), 1.0f / 512), 1);
+    EXPECT_EQ(out, (Bytes{0, 0, 0, 72, 99, 136, 255, 255, 255}));
+    // 128 * 0.6004653 = 76.86; 76.86^0.45 * 256 >= 255. Row 1: 2^(120-136) *
+    // 0.6004653 = 9.162e-6; ^0.45 * 256 = 1.3 -> 1. Extra bytes are not written.
+    EXPECT_EQ(applyGammaToHDR(3, 2, t, 3, rgbe.data(), g.data()), 2);
+    EXPECT_EQ(std::vector<int>({g[0], g[5], g[9], g[11], g[12], g[15], g[21], g[23]}),
+              std::vector<int>({0, 255, 0xEE, 0xEE, 0, 1, 0xEE, 0xEE}));
+    // Gamma 1 is linear: 0.25 * 256 = 64.
+    EXPECT_EQ(generateOriginalFromHDR(3, 1, 10, t, rgbe.data(), o.data(), 1.0f, 1.0f / 512), 1);
+    EXPECT_EQ(Bytes(o.begin(), o.begin() + 10), (Bytes{0, 0, 0, 16, 32, 64, 255, 255, 255, 0xEE}));
+    EXPECT_EQ(generateOriginalFromHDR(3, 1, 8, t, rgbe.data(), o.data(), 1.0f, 1.0f),
               BV_BUF_ERR_ARG);
-    EXPECT_EQ(getTonemappedRep(3, 1, nullptr, h.rgbe.data(), out.data(), 1.0f), BV_BUF_ERR_ARG);
+    EXPECT_EQ(getTonemappedRep(3, 1, nullptr, rgbe.data(), out.data(), 1.0f), BV_BUF_ERR_ARG);
 }
 
 TEST(RawFiles, SaveLoadAndFailures) {
     const std::string path = bvtest::temp_path("raw.bin");
-    std::vector<uint8_t> data(10000);
-    for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>(i * 7);
-    EXPECT_EQ(save_buffer(path.c_str(), data.data(), 10000), 10000);
-    std::vector<uint8_t> back(10000);
+    const Bytes data = bvtest::random_bytes(10000, 1);
+    Bytes back(10000);
     int64_t size = -1;
+    EXPECT_EQ(save_buffer(path.c_str(), data.data(), 10000), 10000);
     EXPECT_EQ(load_buffer(path.c_str(), back.data(), 10000, &size), 1);
     EXPECT_EQ(size, 10000);
     EXPECT_EQ(back, data);
-    // Asking for more than the file holds fails.
-    EXPECT_EQ(load_buffer(path.c_str(), back.data(), 10001, &size), -1);
+    EXPECT_EQ(load_buffer(path.c_str(), back.data(), 10001, &size), -1)
+        << "more than the file holds";
     EXPECT_EQ(load_buffer("/nonexistent/dir/x.bin", back.data(), 1, &size), -1);
     EXPECT_EQ(save_buffer("/nonexistent/dir/x.bin", data.data(), 1), -1);
     // A full device: small writes fail at the flush, large ones at once.
@@ -239,63 +179,47 @@ TEST(RawFiles, SaveLoadAndFailures) {
 }
 
 TEST(StripFiles, RoundTripAndExactCodes) {
-    const std::string path = bvtest::temp_path("strips.bin");
-    FILE *f = std::fopen(path.c_str(), "wb+");
+    FILE *f = std::fopen(bvtest::temp_path("strips.bin").c_str(), "wb+");
     ASSERT_NE(f, nullptr);
-    std::vector<float> a(100), b(100);
+    std::vector<float> a(100), b(100), big(8192, 1.0f);  // larger than the stdio buffer
     for (int i = 0; i < 100; ++i) a[i] = i * 0.5f;
     EXPECT_EQ(write_strip(f, 50, 100, a.data()), 4);  // a hole of 50 floats before it
     EXPECT_EQ(read_strip(f, 50, 100, b.data()), 4);
     EXPECT_EQ(a, b);
     EXPECT_EQ(read_strip(f, 0, 50, b.data()), 4);
-    EXPECT_EQ(b[0], 0.0f);  // the hole reads as zeros
-
+    EXPECT_EQ(b[0], 0.0f) << "the hole reads as zeros";
     testing::internal::CaptureStdout();
-    EXPECT_EQ(read_strip(f, 120, 100, b.data()), -21);  // one of four items left
-    EXPECT_EQ(read_strip(f, 150, 100, b.data()), -21);  // at the end
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "can not read temporary file - returned 1 instead of 4 in tm20\n"
-              "can not read temporary file - returned 0 instead of 4 in tm20\n");
+    EXPECT_EQ(read_strip(f, 120, 100, b.data()), BV_STRIP_ERR_READ);  // one of four items left
+    EXPECT_EQ(read_strip(f, 150, 100, b.data()), BV_STRIP_ERR_READ);  // at the end
     std::fclose(f);
-
     FILE *full = std::fopen("/dev/full", "wb");
     ASSERT_NE(full, nullptr);
-    std::vector<float> big(8192, 1.0f);  // larger than the stdio buffer
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(write_strip(full, 0, 8192, big.data()), -22);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "could not write to temporary file in tm20 - - returned 0 instead of 4 \n");
+    EXPECT_EQ(write_strip(full, 0, 8192, big.data()), BV_STRIP_ERR_WRITE);
     std::fclose(full);
-
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "can not read temporary file - returned 1 instead of 4 in tm20\n"
+              "can not read temporary file - returned 0 instead of 4 in tm20\n"
+              "could not write to temporary file in tm20 - - returned 0 instead of 4 \n");
     // A pipe cannot seek.
     int fds[2];
     ASSERT_EQ(pipe(fds), 0);
     FILE *p = fdopen(fds[1], "w");
-    EXPECT_EQ(write_strip(p, 1, 1, a.data()), -20);
+    EXPECT_EQ(write_strip(p, 1, 1, a.data()), BV_STRIP_ERR_SEEK);
     std::fclose(p);
     close(fds[0]);
-    EXPECT_EQ(write_strip(nullptr, 0, 1, a.data()), -20);
-    EXPECT_EQ(read_strip(nullptr, 0, 1, b.data()), -20);
-}
-
-uint32_t temper(uint32_t y) {
-    y ^= y >> 11;
-    y ^= (y << 7) & 0x9d2c5680u;
-    y ^= (y << 15) & 0xefc60000u;
-    return y ^ (y >> 18);
+    EXPECT_EQ(write_strip(nullptr, 0, 1, a.data()), BV_STRIP_ERR_SEEK);
+    EXPECT_EQ(read_strip(nullptr, 0, 1, b.data()), BV_STRIP_ERR_SEEK);
 }
 
 TEST(MtRandom, FixedStartRawWordsAndRecurrence) {
-    MtRandom a, b;
-    mt_init(&a);
-    mt_init(&b);
+    MtRandom a, b, c, d;
+    for (MtRandom *m : {&a, &b, &c, &d}) mt_init(m);
     EXPECT_EQ(a.pos, 2496u);
     EXPECT_EQ(a.mt[623], 623u);
     // Word 0 after regeneration: word 397 ^ (1 >> 1) ^ 0x9908b0df.
     EXPECT_EQ(mt_random(&a), 397u ^ 0x9908b0dfu);
     EXPECT_EQ(mt_random(&a), 398u ^ 1u);
     EXPECT_EQ(a.pos, 8u);
-
     // The untempered words, once tempered, equal a standard MT19937 started
     // from the same state (its textual state is the words plus the position).
     std::ostringstream state;
@@ -305,16 +229,14 @@ TEST(MtRandom, FixedStartRawWordsAndRecurrence) {
     std::mt19937 ref;
     in >> ref;
     ASSERT_FALSE(in.fail());
-    EXPECT_EQ(temper(mt_random(&b)), ref());
-    for (int i = 1; i < 2000; ++i) {  // crosses two regenerations
-        const uint32_t raw = mt_random(&b);
-        ASSERT_EQ(temper(raw), ref()) << "at " << i;
+    for (int i = 0; i < 2000; ++i) {  // crosses two regenerations
+        uint32_t y = mt_random(&b);
+        y ^= y >> 11;
+        y ^= (y << 7) & 0x9d2c5680u;
+        y ^= (y << 15) & 0xefc60000u;
+        ASSERT_EQ(y ^ (y >> 18), ref()) << "at " << i;
     }
-    MtRandom c;
-    mt_init(&c);
     c.pos = 7;  // corrupt position: treated as exhausted
-    MtRandom d;
-    mt_init(&d);
     EXPECT_EQ(mt_random(&c), mt_random(&d));
     EXPECT_EQ(mt_random(nullptr), 0u);
 }

@@ -1,18 +1,14 @@
 // Colour adjustment: slot detection, per-hue tables, in-place adjustment of images.
-#include <Brackvista40Lib1.h>
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <cstring>
-#include <vector>
 
 #include "test_support.hpp"
 
 namespace {
 
-TmParam zero_record() {
+// A record with the given slots set and every other slot 0.
+TmParam record(std::initializer_list<std::pair<int, float>> slots = {}) {
     TmParam p;
     std::memset(&p, 0, sizeof p);
+    for (auto [slot, v] : slots) p.slot[slot] = v;
     return p;
 }
 
@@ -23,73 +19,57 @@ float hue_degrees(float r, float g, float b) {
     return hsv[0] * 360.0f;
 }
 
-std::vector<uint8_t> random_image(int w, int h, int ch, uint64_t seed) {
-    bvtest::Rng rng(seed);
-    std::vector<uint8_t> img(static_cast<size_t>(w) * h * ch);
-    for (auto &v : img) v = static_cast<uint8_t>(rng.next() & 255);
-    return img;
-}
-
 DimParam dim_of(int w, int h, int ch = 3, int bits = 8) {
     DimParam d;
     init_dim_param(&d);
-    d.width = w;
-    d.height = h;
-    d.channels = ch;
-    d.bitsOut = bits;
+    d.width = w, d.height = h, d.channels = ch, d.bitsOut = bits;
     return d;
 }
 
 int adjust(const TmParam &colour, void *img, DimParam d, int threads = 1) {
-    return bv_adjust_colors(threads, nullptr, 10, nullptr, &colour, img, d);
+    return bv_adjust_colors(threads, nullptr, 10, nullptr, const_cast<TmParam *>(&colour), img, d);
 }
 
 TEST(ColourParams, DetectsWhatEachModeReads) {
-    TmParam p = zero_record();
-    p.slot[0] = 5;  // tone-mapping slots are not colour changes
-    p.slot[55] = 2;
+    // Tone-mapping slots are not colour changes; a saturation below one step neither.
+    TmParam p = record({{0, 5}, {55, 2}});
     EXPECT_EQ(has_color_param(BV_CA_MODE_TABLES, &p), 0);
     EXPECT_EQ(has_color_param(BV_CA_MODE_ALL, &p), 0);
-    p.slot[13] = 0.5f;  // integer part 0: no saturation step
+    p.slot[13] = 0.5f;
     EXPECT_EQ(has_color_param(BV_CA_MODE_ALL, &p), 0);
     p.slot[13] = 2;
     EXPECT_EQ(has_color_param(BV_CA_MODE_ALL, &p), 1);
     EXPECT_EQ(has_color_param(BV_CA_MODE_TABLES, &p), 0);
     for (int slot : {20, 33, 43, 44, 45, 46}) {
-        TmParam q = zero_record();
-        q.slot[slot] = -1;
-        EXPECT_EQ(has_color_param(2, &q), 2) << slot;
-        EXPECT_EQ(has_color_param(1, &q), 1) << slot;
+        const TmParam q = record({{slot, -1}});
+        EXPECT_EQ(has_color_param(BV_CA_MODE_TABLES, &q), 2) << slot;
+        EXPECT_EQ(has_color_param(BV_CA_MODE_ALL, &q), 1) << slot;
     }
-    TmParam r = zero_record();
-    r.slot[47] = 9;  // reserved
-    r.slot[30] = NAN;
-    EXPECT_EQ(has_color_param(2, &r), 0);
+    const TmParam r = record({{47, 9} /* reserved */, {30, NAN}});
+    EXPECT_EQ(has_color_param(BV_CA_MODE_TABLES, &r), 0);
     EXPECT_EQ(has_color_param(3, &r), BV_CA_EBADARG);
-    EXPECT_EQ(has_color_param(2, nullptr), BV_CA_EBADARG);
+    EXPECT_EQ(has_color_param(BV_CA_MODE_TABLES, nullptr), BV_CA_EBADARG);
 }
 
 TEST(ColourTables, NeutralRecordGivesPureHues) {
     std::vector<float> hue(4096 * 3), value(4096);
-    TmParam p = zero_record();
+    TmParam p = record();
     ASSERT_EQ(getColorAdjustmentLUTs(2, &p, 4096, 8, hue.data(), value.data()), 0);
-    for (float v : value) ASSERT_EQ(v, 0.5f);
+    EXPECT_EQ(value, std::vector<float>(4096, 0.5f));
     // Entry i is hue i / 4095: its normalised shape reproduces that hue.
     for (int i = 0; i < 4096; i += 13) {
         const float *s = &hue[3 * i];
-        const float mx = std::max({s[0], s[1], s[2]}), mn = std::min({s[0], s[1], s[2]});
-        EXPECT_FLOAT_EQ(mx, 1.0f);
-        EXPECT_FLOAT_EQ(mn, 0.0f);
-        const float want = i * 360.0f / 4095.0f;
-        const float got = hue_degrees(s[0], s[1], s[2]);
-        EXPECT_NEAR(std::fmod(got - want + 540.0f, 360.0f) - 180.0f, 0.0f, 1e-3f) << i;
+        EXPECT_FLOAT_EQ(std::max({s[0], s[1], s[2]}), 1.0f);
+        EXPECT_FLOAT_EQ(std::min({s[0], s[1], s[2]}), 0.0f);
+        const float gap = hue_degrees(s[0], s[1], s[2]) - i * 360.0f / 4095.0f;
+        EXPECT_NEAR(std::fmod(gap + 540.0f, 360.0f) - 180.0f, 0.0f, 1e-3f) << i;
     }
-    // Lightness asks for the value table.
-    p.slot[22] = 50;  // reds lighter
+    // Lightness asks for the value table: reds lighter, aquas untouched.
+    p.slot[22] = 50;
     ASSERT_EQ(getColorAdjustmentLUTs(2, &p, 4096, 16, hue.data(), value.data()), 1);
     EXPECT_FLOAT_EQ(value[0], 0.75f);
     EXPECT_FLOAT_EQ(value[4095], 0.75f);
-    EXPECT_FLOAT_EQ(value[2048], 0.5f);  // aquas untouched
+    EXPECT_FLOAT_EQ(value[2048], 0.5f);
     EXPECT_EQ(getColorAdjustmentLUTs(2, &p, 1, 8, hue.data(), value.data()), BV_CA_EBADARG);
     EXPECT_EQ(getColorAdjustmentLUTs(2, &p, 4096, 12, hue.data(), value.data()), BV_CA_EBADARG);
     EXPECT_EQ(getColorAdjustmentLUTs(0, &p, 4096, 8, hue.data(), value.data()), BV_CA_EBADARG);
@@ -98,145 +78,114 @@ TEST(ColourTables, NeutralRecordGivesPureHues) {
 }
 
 TEST(AdjustColors, ZeroSlotsChangeNothing) {
-    TmParam p = zero_record();
+    TmParam p = record();
     tmparam_default(1, 1, &p);  // tone-mapping values, no colour values
-    auto img = random_image(13, 7, 3, 1);
-    auto before = img;
+    auto img = bvtest::random_bytes(13 * 7 * 3, 1);
+    const auto before = img;
     EXPECT_EQ(adjust(p, img.data(), dim_of(13, 7)), 7);
     EXPECT_EQ(img, before);
     std::vector<uint16_t> img16(13 * 7 * 3);
-    for (size_t i = 0; i < img16.size(); ++i) img16[i] = static_cast<uint16_t>(i * 977);
-    auto before16 = img16;
+    for (size_t i = 0; i < img16.size(); ++i) img16[i] = uint16_t(i * 977);
+    const auto before16 = img16;
     EXPECT_EQ(adjust(p, img16.data(), dim_of(13, 7, 3, 16), 3), 7);
     EXPECT_EQ(img16, before16);
 }
 
-TEST(AdjustColors, DesaturatingEveryBandGivesGrey) {
-    for (bool master : {false, true}) {
-        TmParam p = zero_record();
-        if (master)
-            p.slot[BV_CA_SLOT_MASTER_SAT] = -100;
-        else
-            for (int b = 0; b < 8; ++b) p.slot[21 + 3 * b] = -100;
-        auto img = random_image(31, 9, 3, 2);
-        const auto orig = img;
-        ASSERT_EQ(adjust(p, img.data(), dim_of(31, 9), 2), 9);
+TEST(AdjustColors, DesaturatingEveryBandGivesTheLuminanceGrey) {
+    TmParam bands = record(), master = record({{BV_CA_SLOT_MASTER_SAT, -100}});
+    for (int b = 0; b < 8; ++b) bands.slot[21 + 3 * b] = -100;
+    for (const TmParam *p : {&bands, &master}) {
+        const auto orig = bvtest::random_bytes(31 * 9 * 3, 2);
+        auto img = orig;
+        ASSERT_EQ(adjust(*p, img.data(), dim_of(31, 9), 2), 9);
         for (size_t i = 0; i < img.size(); i += 3) {
             ASSERT_EQ(img[i], img[i + 1]);
             ASSERT_EQ(img[i + 1], img[i + 2]);
-            // The grey is the pixel's own luminance.
-            const float y = 0.2126f * orig[i] + 0.7152f * orig[i + 1] + 0.0722f * orig[i + 2];
-            ASSERT_NEAR(img[i], y, 2.0f);
+            ASSERT_NEAR(img[i], 0.2126f * orig[i] + 0.7152f * orig[i + 1] + 0.0722f * orig[i + 2],
+                        2.0f);
         }
     }
 }
 
 TEST(AdjustColors, HueShiftMovesRedByTheDocumentedAmount) {
     for (float shift : {100.0f, -100.0f, 50.0f}) {
-        TmParam p = zero_record();
-        p.slot[BV_CA_SLOT_BANDS] = shift;        // reds
         uint8_t px[6] = {255, 0, 0, 0, 0, 255};  // pure red, pure blue
-        ASSERT_EQ(adjust(p, px, dim_of(2, 1)), 1);
-        const float want = std::fmod(360.0f + shift * 0.3f, 360.0f);
-        EXPECT_NEAR(hue_degrees(px[0] / 255.0f, px[1] / 255.0f, px[2] / 255.0f), want, 0.5f)
+        ASSERT_EQ(adjust(record({{BV_CA_SLOT_BANDS, shift}}), px, dim_of(2, 1)), 1);
+        EXPECT_NEAR(hue_degrees(px[0] / 255.0f, px[1] / 255.0f, px[2] / 255.0f),
+                    std::fmod(360.0f + shift * 0.3f, 360.0f), 0.5f)
             << shift;
         // Blues are three band centres away and keep their hue.
-        EXPECT_EQ(px[3], 0);
-        EXPECT_EQ(px[4], 0);
-        EXPECT_EQ(px[5], 255);
+        EXPECT_EQ(std::vector<int>({px[3], px[4], px[5]}), std::vector<int>({0, 0, 255}));
     }
     // The master shift moves every hue alike.
-    TmParam p = zero_record();
-    p.slot[BV_CA_SLOT_MASTER_HUE] = 100;
     uint16_t px[3] = {0, 65535, 0};
-    adjust(p, px, dim_of(1, 1, 3, 16));
+    adjust(record({{BV_CA_SLOT_MASTER_HUE, 100}}), px, dim_of(1, 1, 3, 16));
     EXPECT_NEAR(hue_degrees(px[0] / 65535.0f, px[1] / 65535.0f, px[2] / 65535.0f), 150.0f, 0.1f);
+    // A band moves the hue at its centre fully: pure blue (240) by 30 degrees.
+    uint16_t blue[3] = {0, 0, 65535};
+    adjust(record({{BV_CA_SLOT_BANDS + 3 * 5, 100}}), blue, dim_of(1, 1, 3, 16));
+    EXPECT_NEAR(hue_degrees(blue[0] / 65535.0f, blue[1] / 65535.0f, blue[2] / 65535.0f), 270.0f,
+                0.05f);
 }
 
-TEST(AdjustColors, LightnessActsOnColoursNotGreys) {
-    TmParam p = zero_record();
-    p.slot[22] = -100;  // reds to black
+TEST(AdjustColors, LightnessTemperatureSaturationAndLayout) {
+    // Reds to black; greys untouched; half saturated, half as much darker.
     uint8_t px[9] = {200, 0, 0, 120, 120, 120, 200, 100, 100};
-    adjust(p, px, dim_of(3, 1));
-    EXPECT_EQ(px[0] + px[1] + px[2], 0);
-    EXPECT_EQ(px[3], 120);
-    EXPECT_EQ(px[4], 120);
-    EXPECT_EQ(px[5], 120);
-    // Half saturated: half as much darker.
+    adjust(record({{22, -100}}), px, dim_of(3, 1));
+    EXPECT_EQ(std::vector<int>(px, px + 6), std::vector<int>({0, 0, 0, 120, 120, 120}));
     EXPECT_NEAR(px[6], 100, 1);
     EXPECT_NEAR(px[7], 50, 1);
-}
-
-TEST(AdjustColors, TemperatureSaturationAndLayout) {
-    TmParam p = zero_record();
-    p.slot[12] = 6;                                          // warmer
-    uint8_t px[8] = {128, 128, 128, 77, 128, 128, 128, 77};  // two pixels, four samples
-    DimParam d = dim_of(2, 1, 4);
-    adjust(p, px, d);
-    EXPECT_GT(px[0], px[3]);  // R at 0, B at the last sample
-    EXPECT_EQ(px[2], 128);    // the third sample is not a colour channel
-    DimParam db = d;
+    // Warmer, with four samples: R at 0, B at the last sample, the third
+    // sample is not a colour channel; with BGR, R is the last sample.
+    uint8_t p4[8] = {128, 128, 128, 77, 128, 128, 128, 77}, q4[8];
+    std::memcpy(q4, p4, 8);
+    DimParam d = dim_of(2, 1, 4), db = d;
     db.bgr = 1;
-    uint8_t q[8] = {128, 128, 128, 77, 128, 128, 128, 77};
-    adjust(p, q, db);
-    EXPECT_GT(q[3], q[0]);  // now R is the last sample
-
-    TmParam s = zero_record();
-    s.slot[13] = -10;
+    adjust(record({{12, 6}}), p4, d);
+    adjust(record({{12, 6}}), q4, db);
+    EXPECT_GT(p4[0], p4[3]);
+    EXPECT_EQ(p4[2], 128);
+    EXPECT_GT(q4[3], q4[0]);
+    // Float samples lose their colour entirely at saturation -10.
     float f[3] = {0.9f, 0.2f, 0.1f};
-    DimParam df = dim_of(1, 1, 3, 32);
-    EXPECT_EQ(adjust(s, f, df), 1);
+    EXPECT_EQ(adjust(record({{13, -10}}), f, dim_of(1, 1, 3, 32)), 1);
     EXPECT_FLOAT_EQ(f[0], f[1]);
     EXPECT_FLOAT_EQ(f[1], f[2]);
-
     // Padded rows: the padding is not touched.
-    TmParam h = zero_record();
-    h.slot[BV_CA_SLOT_MASTER_HUE] = 40;
-    std::vector<uint8_t> padded(3 * (2 * 3 + 2), 77);
+    std::vector<uint8_t> padded(3 * 8, 77);
     DimParam dp = dim_of(2, 3);
     dp.rowOut = 8;
-    adjust(h, padded.data(), dp, 2);
-    for (int y = 0; y < 3; ++y) {
-        EXPECT_EQ(padded[y * 8 + 6], 77);
-        EXPECT_EQ(padded[y * 8 + 7], 77);
-    }
+    adjust(record({{BV_CA_SLOT_MASTER_HUE, 40}}), padded.data(), dp, 2);
+    for (int y = 0; y < 3; ++y) EXPECT_EQ(padded[y * 8 + 6] + padded[y * 8 + 7], 154) << y;
 }
 
 TEST(AdjustColors, IdenticalForAnyThreadCount) {
-    TmParam p = zero_record();
-    p.slot[12] = -3;
-    p.slot[13] = 2;
-    p.slot[26] = 40;   // yellows' hue
-    p.slot[31] = -60;  // greens' lightness
-    p.slot[40] = 25;   // purples' lightness
-    for (int h : {1, 2, 11, 23}) {
-        auto ref = random_image(19, h, 3, h);
-        ASSERT_EQ(adjust(p, ref.data(), dim_of(19, h)), h);
-        for (int t : {2, 3, 7, 40}) {
-            auto img = random_image(19, h, 3, h);
-            ASSERT_EQ(adjust(p, img.data(), dim_of(19, h), t), h);
-            ASSERT_EQ(img, ref) << "height " << h << " threads " << t;
-        }
-    }
+    // Temperature, saturation, yellows' hue, greens' and purples' lightness.
+    const TmParam p = record({{12, -3}, {13, 2}, {26, 40}, {31, -60}, {40, 25}});
+    for (int h : {1, 2, 11, 23})
+        bvtest::expect_thread_invariant([&](int t) {
+            auto img = bvtest::random_bytes(19 * h * 3, h);
+            EXPECT_EQ(adjust(p, img.data(), dim_of(19, h), t), h);
+            return img;
+        });
 }
 
 void stop_at_once(int32_t *cancel, float) { *cancel = 1; }
 
 TEST(AdjustColors, BadInputAndCancel) {
-    TmParam p = zero_record();
-    p.slot[45] = -50;
-    auto img = random_image(4, 4, 3, 7);
-    const auto orig = img;
+    TmParam p = record({{45, -50}});
+    const auto orig = bvtest::random_bytes(4 * 4 * 3, 7);
+    auto img = orig, a = orig, b = orig;
+    DimParam short_rows = dim_of(4, 4);
+    short_rows.rowOut = 11;
     EXPECT_EQ(bv_adjust_colors(1, nullptr, 0, nullptr, nullptr, img.data(), dim_of(4, 4)),
               BV_CA_EBADARG);
     EXPECT_EQ(bv_adjust_colors(1, nullptr, 0, nullptr, &p, nullptr, dim_of(4, 4)), BV_CA_EBADARG);
     EXPECT_EQ(adjust(p, img.data(), dim_of(-4, 4)), BV_CA_EBADARG);
-    DimParam shortRows = dim_of(4, 4);
-    shortRows.rowOut = 11;
-    EXPECT_EQ(adjust(p, img.data(), shortRows), BV_CA_EBADARG);
+    EXPECT_EQ(adjust(p, img.data(), short_rows), BV_CA_EBADARG);
     EXPECT_EQ(adjust(p, img.data(), dim_of(0, 4)), 0);
     EXPECT_EQ(adjust(p, img.data(), dim_of(4, 0)), 0);
-    EXPECT_EQ(adjust(p, img.data(), dim_of(4, 4, 1)), 4);  // grey images are left alone
+    EXPECT_EQ(adjust(p, img.data(), dim_of(4, 4, 1)), 4) << "grey images are left alone";
     EXPECT_EQ(bv_adjust_colors(2, stop_at_once, 15, &p, &p, img.data(), dim_of(4, 4)),
               BV_CA_ECANCEL);
     {
@@ -245,7 +194,6 @@ TEST(AdjustColors, BadInputAndCancel) {
     }
     EXPECT_EQ(img, orig);
     // Threads <= 0 work inline.
-    auto a = orig, b = orig;
     EXPECT_EQ(adjust(p, a.data(), dim_of(4, 4), 0), 4);
     EXPECT_EQ(adjust(p, b.data(), dim_of(4, 4), -2), 4);
     EXPECT_EQ(a, b);

@@ -6,16 +6,12 @@ OUT = os.path.join(os.path.dirname(__file__), "..", "data", "hdr")
 HEAD = b"#?RADIANCE\nFORMAT=32-bit_rle_rgbe\n\n"
 
 
-def rle_row(width, comps):
-    """Scanline header plus one literal-or-run packet list per component."""
-    out = bytes([2, 2, width >> 8, width & 255])
-    for packets in comps:
-        out += packets
-    return out
+def rle_row(width, comps):  # scanline header, then each component's packets
+    return bytes([2, 2, width >> 8, width & 255]) + b"".join(comps)
 
 
 def lit(data):
-    return bytes([len(data)]) + bytes(data)
+    return bytes([len(data)] + list(data))
 
 
 def run(n, v):
@@ -23,16 +19,11 @@ def run(n, v):
 
 
 def save(name, data):
-    with open(os.path.join(OUT, name), "wb") as f:
-        f.write(data)
+    open(os.path.join(OUT, name), "wb").write(data)
 
 
-# 4x2 image, every component of every row as one literal.
-def good_rows(width=4, height=2):
-    rows = b""
-    for y in range(height):
-        rows += rle_row(width, [lit([10 * y + c * 3 + x + 1 for x in range(width)]) for c in range(4)])
-    return rows
+def good_rows():  # 4x2 image, every component of every row as one literal
+    return b"".join(rle_row(4, [lit([10 * y + c * 3 + x + 1 for x in range(4)]) for c in range(4)]) for y in range(2))
 
 
 save("blank_line_space.hdr", b"#?RADIANCE\nFORMAT=32-bit_rle_rgbe\n \n-Y 2 +X 4\n" + good_rows())
