@@ -62,4 +62,11 @@ bool write_file(const std::string &path, const void *data, size_t size) {
 FailAllocation::FailAllocation(long nth) { bv::detail::g_alloc_fail_countdown.store(nth); }
 FailAllocation::~FailAllocation() { bv::detail::g_alloc_fail_countdown.store(-1); }
 
+uint64_t digest(const void *data, size_t size) {
+    uint64_t h = 14695981039346656037ull;
+    for (size_t i = 0; i < size; ++i)
+        h = (h ^ static_cast<const uint8_t *>(data)[i]) * 1099511628211ull;
+    return h;
+}
+
 }  // namespace bvtest

@@ -1,11 +1,15 @@
 // Helpers shared by the test programs: data paths, temp files, fault injection.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cstdint>
 #include <string>
 #include <vector>
 
 namespace bvtest {
+
+using Bytes = std::vector<uint8_t>;
 
 // Root of the shared real data (../shared/data from the project root), or ""
 // when it is absent; tests that need it call GTEST_SKIP with a message.
@@ -39,6 +43,21 @@ public:
 private:
     uint64_t s_;
 };
+
+// 64-bit FNV-1a of a buffer: pins a bit-exact output in one line.
+uint64_t digest(const void *data, size_t size);
+template <class V>
+uint64_t digest(const V &v) {
+    return digest(v.data(), v.size() * sizeof(v[0]));
+}
+
+// Runs f(threads) with 1, 2, 3 and 7 threads: every result must equal the
+// single-threaded one byte for byte.
+template <class F>
+void expect_thread_invariant(F &&f) {
+    const auto one = f(1);
+    for (int t : {2, 3, 7}) EXPECT_TRUE(f(t) == one) << t << " threads differ from one";
+}
 
 }  // namespace bvtest
 
