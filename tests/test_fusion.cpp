@@ -550,3 +550,16 @@ TEST(FusionDriver, FullDisk) {
     f.weights = "/dev/full";
     EXPECT_EQ(f.run(in.data(), nullptr), BV_FU_EDEPTH);
 }
+
+// The two-pass mode lays its picture out afterwards: there too, channel
+// order and row length only move samples.
+TEST(FusionDriver, TwoPassChannelOrderAndRowLength) {
+    Fusion a(kConfigs[2].s), b(kConfigs[2].s);
+    b.bgr = b.rowOut = 0;
+    a.params.slot[9] = b.params.slot[9] = 1.0f;
+    const Bytes in = stack(a), moved = a.picture(in), packed = b.picture(in);
+    for (size_t s = 0; s < packed.size() / 2; ++s)
+        ASSERT_EQ(sample(moved, 16, s / 3 / a.w * a.rowOut + s / 3 % a.w * 3 + 2 - s % 3),
+                  sample(packed, 16, s))
+            << "sample " << s;
+}
