@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -23,25 +24,21 @@ std::string shared_data_dir() {
 
 namespace {
 struct TempDir {
-    fs::path dir;
-    TempDir() {
-        dir = fs::temp_directory_path() / ("bvtest-" + std::to_string(::getpid()));
-        fs::create_directories(dir);
-    }
+    fs::path dir = fs::temp_directory_path() / ("bvtest-" + std::to_string(::getpid()));
+    TempDir() { fs::create_directories(dir); }
     ~TempDir() {
         std::error_code ec;
         fs::remove_all(dir, ec);
     }
 };
-TempDir &temp_dir() {
-    static TempDir d;
-    return d;
-}
 }  // namespace
 
-std::string temp_path(const std::string &name) { return (temp_dir().dir / name).string(); }
+std::string temp_path(const std::string &name) {
+    static TempDir d;
+    return (d.dir / name).string();
+}
 
-bool read_file(const std::string &path, std::vector<uint8_t> *out) {
+bool read_file(const std::string &path, Bytes *out) {
     FILE *f = std::fopen(path.c_str(), "rb");
     if (!f) return false;
     out->clear();
@@ -59,7 +56,72 @@ bool write_file(const std::string &path, const void *data, size_t size) {
     return std::fclose(f) == 0 && ok;
 }
 
+std::string text_of(const std::string &path) {
+    Bytes b;
+    read_file(path, &b);
+    return std::string(b.begin(), b.end());
+}
+
+std::string write_text(const std::string &name, const std::string &content) {
+    const std::string p = temp_path(name);
+    EXPECT_TRUE(write_file(p, content.data(), content.size())) << p;
+    return p;
+}
+
+std::string shell(const std::string &cmd) {
+    std::string out;
+    if (FILE *p = popen(cmd.c_str(), "r")) {
+        char buf[4096];
+        size_t n;
+        while ((n = std::fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
+        pclose(p);
+    }
+    return out;
+}
+
 FailAllocation::FailAllocation(long nth) { bv::detail::g_alloc_fail_countdown.store(nth); }
 FailAllocation::~FailAllocation() { bv::detail::g_alloc_fail_countdown.store(-1); }
+
+uint64_t digest(const void *data, size_t size) {
+    uint64_t h = 14695981039346656037ull;
+    for (size_t i = 0; i < size; ++i)
+        h = (h ^ static_cast<const uint8_t *>(data)[i]) * 1099511628211ull;
+    return h;
+}
+
+Bytes random_bytes(size_t n, uint64_t seed) {
+    Rng rng(seed);
+    Bytes b(n);
+    for (auto &v : b) v = static_cast<uint8_t>(rng.next());
+    return b;
+}
+
+std::array<float, 3> Planar::value(int x, int y) const {
+    const int e = at(x, y, 3);
+    const double s = e ? std::ldexp(1.0, e - 136) : 0.0;
+    return {float(at(x, y, 0) * s), float(at(x, y, 1) * s), float(at(x, y, 2) * s)};
+}
+
+std::vector<float> Planar::values() const {
+    std::vector<float> v;
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            const auto p = value(x, y);
+            v.insert(v.end(), p.begin(), p.end());
+        }
+    return v;
+}
+
+Planar random_planar(int w, int h, uint64_t seed) {
+    Planar img(w, h);
+    Rng rng(seed);
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            const uint8_t e = rng.next() % 10 == 0 ? 0 : uint8_t(120 + rng.next() % 30);
+            img.set(x, y,
+                    {uint8_t(128 + rng.next() % 128), uint8_t(rng.next()), uint8_t(rng.next()), e});
+        }
+    return img;
+}
 
 }  // namespace bvtest
