@@ -253,9 +253,8 @@ struct Detect : testing::Test {
     Bytes mask = Bytes(64 * 48 / 8);
     int T = 70;
     int run(std::vector<float> &ex, float ev_step, int threads = 1, int n = 3, int w = 64,
-            int h = 48, int ch = 3, int bits = 8, const void *px = nullptr, int bgr = 0,
-            int *t = nullptr) {
-        return bv_ghost_detect(t ? t : &T, n, w, h, ch, bits, bgr, ex.data(), px ? px : s.px.data(),
+            int h = 48, int ch = 3, int bits = 8, const void *px = nullptr, int bgr = 0) {
+        return bv_ghost_detect(&T, n, w, h, ch, bits, bgr, ex.data(), px ? px : s.px.data(),
                                mask.data(), ev_step, threads);
     }
 };

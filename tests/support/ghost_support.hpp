@@ -83,12 +83,11 @@ inline bool bit(const std::vector<uint8_t> &mask, size_t p) {
     return (mask[p >> 3] >> (7 - (p & 7))) & 1;
 }
 
-inline std::vector<uint8_t> detect(Stack &s, int threshold, int threads, int *rc = nullptr) {
+inline std::vector<uint8_t> detect(Stack &s, int threshold, int threads) {
     std::vector<uint8_t> mask((static_cast<size_t>(s.w) * s.h + 7) / 8, 0);
     std::vector<float> ex = s.exposures;
-    const int r = bv_ghost_detect(&threshold, s.n, s.w, s.h, 3, 8, 0, ex.data(), s.px.data(),
-                                  mask.data(), -1.0f, threads);
-    if (rc) *rc = r;
+    bv_ghost_detect(&threshold, s.n, s.w, s.h, 3, 8, 0, ex.data(), s.px.data(), mask.data(), -1.0f,
+                    threads);
     return mask;
 }
 
