@@ -828,6 +828,7 @@ TEST(Cli, FuseBracketsWithOptions) {
         {{"-o", dir + "/deep.tif", "--bits", "16", "--detail", "6", "--moire", "6"}, 16},
         {{"-o", dir + "/ghost.png", "--mask", dir + "/mask.png", "--mask-bracket", "3"}, 8},
         {{"-o", dir + "/two.png", "--two-pass"}, 8},
+        {{"-o", dir + "/auto.png", "--ghosts", "auto"}, 8},
     };
     std::vector<Image> img(std::size(cases));
     for (size_t i = 0; i < std::size(cases); ++i) {
@@ -850,6 +851,8 @@ TEST(Cli, FuseBracketsWithOptions) {
         {{"-o", dir + "/x.png", dir + "/small.png"}, 1, "brackets differ in size"},
         {{"-o", dir + "/x.png", "--mask", dir + "/small.png"}, 1, "mask"},
         {{"-o", dir + "/x.png", "--moire", "9"}, 2, "moire"},
+        {{"-o", dir + "/x.png", "--ghosts", "always"}, 2, "--ghosts"},
+        {{"-o", dir + "/x.png", "--ghosts", "auto", "--mask", dir + "/mask.png"}, 2, "exclude"},
         {{"-o", dir + "/x.png", "--temp-dir", dir + "/none"}, 1, "not a folder"},
     };
     for (const auto &c : bad) {

@@ -9,6 +9,7 @@
 
 #include "cli.hpp"
 #include "fuse.hpp"
+#include "ghosts.hpp"
 #include "pipeline.hpp"
 
 namespace bvcli {
@@ -34,7 +35,11 @@ std::vector<OptionSpec> fuse_options() {
         {"mask", 0, "IMAGE",
          "ghost selection: a picture of the brackets' size whose light pixels take only one "
          "bracket (see --mask-bracket)"},
-        {"mask-bracket", 0, "K", "bracket (1 = first given) used inside --mask (default middle)"},
+        {"ghosts", 0, "auto",
+         "detect what moved between the brackets and take it from one bracket only (see "
+         "--mask-bracket)"},
+        {"mask-bracket", 0, "K",
+         "bracket (1 = first given) used inside --mask or --ghosts (default middle)"},
         {"temp-dir", 0, "DIR",
          "keep weight maps in temporary files in DIR instead of memory (stacks larger than "
          "memory)"},
@@ -160,7 +165,12 @@ int run_fuse(int argc, char **argv) {
     job.wrap = args.has("wrap");
     const int n = static_cast<int>(inputs.size());
     const int mask_bracket = args.integer("mask-bracket", n / 2 + 1, 1, n) - 1;
-    if (args.has("mask-bracket") && !args.has("mask")) usage_error("--mask-bracket needs --mask");
+    if (args.has("mask-bracket") && !args.has("mask") && !args.has("ghosts"))
+        usage_error("--mask-bracket needs --mask or --ghosts");
+    if (args.has("mask") && args.has("ghosts"))
+        usage_error("--mask and --ghosts exclude each other");
+    if (args.has("ghosts") && args.str("ghosts") != "auto")
+        usage_error("--ghosts takes 'auto' (draw a selection and pass it with --mask)");
     if (args.has("temp-dir")) {
         job.temp_dir = args.str("temp-dir");
         if (!is_directory(job.temp_dir)) fail("--temp-dir '" + job.temp_dir + "' is not a folder");
@@ -168,8 +178,15 @@ int run_fuse(int argc, char **argv) {
 
     OutputFile out(out_path);
     BracketSet set = load_brackets(inputs);
-    if (args.has("mask")) {
+    if (args.has("ghosts")) {
+        // Exposures are estimated by the detector itself, as in a merge without EXIF.
+        job.mask = detect_ghosts(set, kDefaultGhostThreshold, 0.0f,
+                                 std::vector<float>(static_cast<size_t>(n), 0.0f), threads)
+                       .bits;
+    } else if (args.has("mask")) {
         job.mask = read_mask(args.str("mask"), set.width, set.height);
+    }
+    if (!job.mask.empty()) {
         job.slots.assign(static_cast<size_t>(n), -1);
         job.slots[static_cast<size_t>(mask_bracket)] = 0;
         // A negative first slot switches the whole selection off: when
