@@ -6,12 +6,12 @@
   cv2_hdr.py encode IN.raw OUT.hdr DECODED.raw
                                          writes IN's floats as .hdr, then decodes it
   cv2_hdr.py merge STEP DATA_DIR OUT_DIR NAME=i,j,k ...
-      decodes the brackets listed in DATA_DIR/exposures.txt, every STEP-th pixel
-      of every STEP-th row (the merge is per pixel, so this equals subsampling
-      its result), to OUT_DIR/brackets.u8 (file order, RGB, 8 bits) with their
-      size in OUT_DIR/size.txt ("width height"); per named subset, Debevec
-      calibration and merge with the listed exposure times to OUT_DIR/NAME.f32
-      (height x width x RGB little-endian floats).
+      the brackets listed in DATA_DIR/exposures.txt, every STEP-th pixel of
+      every STEP-th row (the merge is per pixel, so this equals subsampling its
+      result), to OUT_DIR/brackets.u8 (file order, RGB, 8 bits), their size and
+      exposures to OUT_DIR/size.txt ("width height e0 e1 ..."); per named
+      subset, Debevec calibration and merge with those exposure times to
+      OUT_DIR/NAME.f32 (height x width x RGB little-endian floats).
 Exit status 77 when OpenCV's Python module is missing.
 """
 import os
@@ -46,7 +46,8 @@ def merge(step, data, out, subsets):
         for im in images:
             f.write(np.ascontiguousarray(im[:, :, ::-1]).tobytes())
     with open(os.path.join(out, "size.txt"), "w") as f:
-        f.write("%d %d\n" % (images[0].shape[1], images[0].shape[0]))
+        h, w = images[0].shape[:2]
+        f.write("%d %d %s\n" % (w, h, " ".join(r[1] for r in rows)))
     cv2.setRNGSeed(1)
     for name, idx in (s.split("=") for s in subsets):
         sel = [int(i) for i in idx.split(",")]
