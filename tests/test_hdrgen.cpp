@@ -15,8 +15,8 @@ Bytes flat(int w, int h, int ch, std::vector<int> px, int bits = 8) {
     Bytes v;
     for (size_t i = 0; i < size_t(w) * h * ch; ++i) {
         const uint16_t s = uint16_t(px[i % ch]);
+        if (bits == 8) v.push_back(uint8_t(s));
         if (bits == 16) v.insert(v.end(), (const uint8_t *)&s, (const uint8_t *)&s + 2);
-        else v.push_back(uint8_t(s));
     }
     return v;
 }
@@ -474,7 +474,8 @@ struct Scene {
         bvtest::Rng rng(11);
         for (int y = 0; y < H; ++y)
             for (int x = 0; x < W; ++x) {
-                const double L = std::exp2(-11.0 + 15.0 * x / (W - 1) + 0.6 * (rng.uniform() - 0.5));
+                const double L =
+                    std::exp2(-11.0 + 15.0 * x / (W - 1) + 0.6 * (rng.uniform() - 0.5));
                 for (int c = 0; c < 3; ++c)
                     truth.push_back(L * (1.0 + 0.35 * std::cos(6.2832 * y / H + 2.1 * c)));
             }
@@ -491,9 +492,9 @@ struct Scene {
         const Bytes d8(samples.begin(), samples.end());
         Merge m(n, W, H, 3, bits);
         m.ex = *ex;
-        EXPECT_EQ(m.run(bits == 8 ? static_cast<const void *>(d8.data()) : samples.data(), evStep,
-                        mode),
-                  H);
+        EXPECT_EQ(
+            m.run(bits == 8 ? static_cast<const void *>(d8.data()) : samples.data(), evStep, mode),
+            H);
         *ex = m.ex;
         return m.out;
     }

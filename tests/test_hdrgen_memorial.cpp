@@ -25,7 +25,7 @@ const Subset kSets[] = {
 // of its own); `why` says what is missing when they are not there.
 struct Memorial {
     int w = 0, h = 0;
-    std::vector<Bytes> images;   // RGB8, file order
+    std::vector<Bytes> images;  // RGB8, file order
     std::vector<float> exposure;
     std::string refdir, why;
 

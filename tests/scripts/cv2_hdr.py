@@ -53,7 +53,8 @@ def merge(step, data, out, subsets):
         sel = [int(i) for i in idx.split(",")]
         imgs = [images[i] for i in sel]
         t = np.array([float(rows[i][1]) for i in sel], dtype=np.float32)
-        hdr = cv2.createMergeDebevec().process(imgs, t, cv2.createCalibrateDebevec().process(imgs, t))
+        curve = cv2.createCalibrateDebevec().process(imgs, t)
+        hdr = cv2.createMergeDebevec().process(imgs, t, curve)
         np.ascontiguousarray(hdr[:, :, ::-1], dtype="<f4").tofile(os.path.join(out, name + ".f32"))
 
 
