@@ -1,12 +1,20 @@
 #!/usr/bin/python3
-"""OpenCV's Radiance reader and writer, driven by the Radiance tests.
+"""OpenCV's Radiance reader, writer and HDR merge, driven by the tests.
 
   cv2_hdr.py decode IN.hdr OUT.raw ...   each OUT gets int32 width, height,
                                          then float32 R, G, B per pixel
   cv2_hdr.py encode IN.raw OUT.hdr DECODED.raw
                                          writes IN's floats as .hdr, then decodes it
+  cv2_hdr.py merge STEP DATA_DIR OUT_DIR NAME=i,j,k ...
+      the brackets listed in DATA_DIR/exposures.txt, every STEP-th pixel of
+      every STEP-th row (the merge is per pixel, so this equals subsampling its
+      result), to OUT_DIR/brackets.u8 (file order, RGB, 8 bits), their size and
+      exposures to OUT_DIR/size.txt ("width height e0 e1 ..."); per named
+      subset, Debevec calibration and merge with those exposure times to
+      OUT_DIR/NAME.f32 (height x width x RGB little-endian floats).
 Exit status 77 when OpenCV's Python module is missing.
 """
+import os
 import struct
 import sys
 
@@ -27,8 +35,33 @@ def decode(pairs):
             f.write(np.ascontiguousarray(img[:, :, ::-1], dtype=np.float32).tobytes())
 
 
+def merge(step, data, out, subsets):
+    rows = [r for r in (line.split() for line in open(os.path.join(data, "exposures.txt")))
+            if r and not r[0].startswith("#")]
+    images = [cv2.imread(os.path.join(data, r[0]), cv2.IMREAD_COLOR) for r in rows]
+    if any(im is None for im in images):
+        sys.exit("could not read the brackets")
+    images = [np.ascontiguousarray(im[::step, ::step]) for im in images]
+    with open(os.path.join(out, "brackets.u8"), "wb") as f:
+        for im in images:
+            f.write(np.ascontiguousarray(im[:, :, ::-1]).tobytes())
+    with open(os.path.join(out, "size.txt"), "w") as f:
+        h, w = images[0].shape[:2]
+        f.write("%d %d %s\n" % (w, h, " ".join(r[1] for r in rows)))
+    cv2.setRNGSeed(1)
+    for name, idx in (s.split("=") for s in subsets):
+        sel = [int(i) for i in idx.split(",")]
+        imgs = [images[i] for i in sel]
+        t = np.array([float(rows[i][1]) for i in sel], dtype=np.float32)
+        curve = cv2.createCalibrateDebevec().process(imgs, t)
+        hdr = cv2.createMergeDebevec().process(imgs, t, curve)
+        np.ascontiguousarray(hdr[:, :, ::-1], dtype="<f4").tofile(os.path.join(out, name + ".f32"))
+
+
 if sys.argv[1] == "decode":
     decode(sys.argv[2:])
+elif sys.argv[1] == "merge":
+    merge(int(sys.argv[2]), sys.argv[3], sys.argv[4], sys.argv[5:])
 else:
     with open(sys.argv[2], "rb") as f:
         w, h = struct.unpack("<ii", f.read(8))
