@@ -215,13 +215,8 @@ std::vector<int> once(const std::vector<TmParam> &p, const LogLumStats &st, cons
 // The same with 1, 2, 3 and 7 threads, which must agree byte for byte.
 std::vector<int> run(const std::vector<TmParam> &p, const LogLumStats &st, const void *img,
                      DimParam d, const unsigned char *map = nullptr, const float *table = nullptr) {
-    std::vector<int> one;
-    bvtest::expect_thread_invariant([&](int t) {
-        auto r = once(p, st, img, d, t, map, table);
-        if (t == 1) one = r;
-        return r;
-    });
-    return one;
+    return bvtest::expect_thread_invariant(
+        [&](int t) { return once(p, st, img, d, t, map, table); });
 }
 
 TEST(TmSimple, CurveGoldenValuesAndProperties) {
@@ -261,25 +256,16 @@ TEST(TmSimple, BadInputGetsDocumentedCodesAndWritesNothing) {
     const auto p = params();
     const LogLumStats equal = make_stats(1, 1, 1, 1), above = make_stats(2, 1, 1, 1),
                       nan = make_stats(NAN, 1, 0, 0);
-    struct Call {
-        const TmParam *p;
-        const LogLumStats *st;
-        const void *in;
-        bool out;
-        DimParam d;
-        long fail;  // the scratch allocation that fails, or -1
-    };
     // clang-format off
-    const struct {
-        const char *name;
-        std::function<void(Call &)> change;
-        int want;
-    } cases[] = {
+    // The failing scratch allocation, or -1.
+    struct Call { const TmParam *p; const LogLumStats *st; const void *in; bool out; DimParam d;
+                  long fail; };
+    const struct { const char *name; std::function<void(Call &)> change; int want; } cases[] = {
         {"no record", [](Call &c) { c.p = nullptr; }, BV_TM_EBADARG},
         {"no statistics", [](Call &c) { c.st = nullptr; }, BV_TM_EBADARG},
         {"no input", [](Call &c) { c.in = nullptr; }, BV_TM_EBADARG},
         {"no output", [](Call &c) { c.out = false; }, BV_TM_EBADARG},
-        {"RGBE rows without the exponent table", [](Call &c) { c.d.sourceKind = 0; }, BV_TM_EBADARG},
+        {"RGBE without its table", [](Call &c) { c.d.sourceKind = 0; }, BV_TM_EBADARG},
         {"rows shorter than the width", [](Call &c) { c.d.rowOut = 11; }, BV_TM_EBADARG},
         {"negative width", [](Call &c) { c.d.width = -1; }, BV_TM_EBADARG},
         {"planes in one channel", [](Call &c) { c.d.channels = 1, c.d.layout = 3; }, BV_TM_EBADARG},
