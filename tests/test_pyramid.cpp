@@ -3,26 +3,24 @@
 
 namespace {
 
-class Pyramid : public ::testing::Test {
-protected:
-    template <class T>
-    static std::vector<T> random(size_t n, int seed) {
-        bvtest::Rng rng(seed);
-        std::vector<T> v(n);
-        for (T &x : v) x = static_cast<T>(rng.next());
-        return v;
-    }
-    // Area reduction of one source to dw x dh.
-    template <class D, class S>
-    static std::vector<D> area(int sw, int sh, int dw, int dh, int ch, int bits,
-                               const std::vector<S> &src, int threads = 1) {
-        std::vector<D> out(size_t(dw) * dh * (bits == 32 ? 3 : ch));
-        EXPECT_EQ(bv_downsample(sw, sh, dw, dh, ch, bits, src.data(), out.data(), threads), dh);
-        return out;
-    }
-};
+template <class T>
+std::vector<T> random(size_t n, int seed) {
+    bvtest::Rng rng(seed);
+    std::vector<T> v(n);
+    for (T &x : v) x = static_cast<T>(rng.next());
+    return v;
+}
 
-TEST_F(Pyramid, LengthIsExactAndTheBoundWrapsIn32Bits) {
+// Area reduction of one source to dw x dh.
+template <class D, class S>
+std::vector<D> area(int sw, int sh, int dw, int dh, int ch, int bits, const std::vector<S> &src,
+                    int threads = 1) {
+    std::vector<D> out(size_t(dw) * dh * (bits == 32 ? 3 : ch));
+    EXPECT_EQ(bv_downsample(sw, sh, dw, dh, ch, bits, src.data(), out.data(), threads), dh);
+    return out;
+}
+
+TEST(Pyramid, LengthIsExactAndTheBoundWrapsIn32Bits) {
     const int64_t cases[][4] = {
         // width, height, exact length, bound
         {3, 100, 300, 450},  // L = 1: the base only
@@ -39,7 +37,7 @@ TEST_F(Pyramid, LengthIsExactAndTheBoundWrapsIn32Bits) {
     }
 }
 
-TEST_F(Pyramid, ReduceTruncatesEachTermAndRepeatsOrWrapsBorders) {
+TEST(Pyramid, ReduceTruncatesEachTermAndRepeatsOrWrapsBorders) {
     const struct {
         int w, h, wrap;
         std::vector<uint16_t> in, out;  // one value: a constant image
@@ -72,7 +70,7 @@ TEST_F(Pyramid, ReduceTruncatesEachTermAndRepeatsOrWrapsBorders) {
     EXPECT_TRUE(c8[0] == 40 && c8[1] == 40);
 }
 
-TEST_F(Pyramid, EnlargeFixedValues) {
+TEST(Pyramid, EnlargeFixedValues) {
     // Coarse 2 x 2 enlarged onto a zero 4 x 4 level (upsample adds it), alone
     // and as the middle channel of RGB with the others flat.
     const uint8_t coarse[4] = {0, 100, 200, 40};
@@ -106,7 +104,7 @@ TEST_F(Pyramid, EnlargeFixedValues) {
 
 // Differences against a random coarse level, then enlarging it back, restore
 // a random fine level exactly (16-bit differences wrap).
-TEST_F(Pyramid, DiffThenUpsampleRestoresTheFineLevel) {
+TEST(Pyramid, DiffThenUpsampleRestoresTheFineLevel) {
     const auto round_trip = [](auto coarse_type, auto fine_type, auto diff, auto up, int fw, int fh,
                                int channels, int wrap, int seed) {
         const int cw = (fw + 1) / 2, ch = (fh + 1) / 2;
@@ -128,48 +126,48 @@ TEST_F(Pyramid, DiffThenUpsampleRestoresTheFineLevel) {
             }
 }
 
-TEST_F(Pyramid, BadArgumentsLeaveTheOutputUntouched) {
+TEST(Pyramid, BadArgumentsLeaveTheOutputUntouched) {
     uint8_t coarse[16] = {9}, fine[64];
+    uint16_t a[16] = {}, b[16] = {}, f16[64] = {};
     std::memset(fine, 5, sizeof fine);
-    const struct {
-        int fw, fh, cw, ch, channels, rc;
-    } cases[] = {
-        {4, 4, 2, 2, 2, -1}, {4, 4, 2, 2, 4, -1}, {4, 4, 1, 2, 1, -1},
-        {4, 4, 2, 1, 1, -1}, {4, 0, 2, 2, 1, 0},  {-4, 4, 2, 2, 1, -1},
-    };
-    uint16_t f16[64] = {};
+    // fine width, height, coarse width, height, channels, code
+    const int cases[][6] = {{4, 4, 2, 2, 2, -1}, {4, 4, 2, 2, 4, -1}, {4, 4, 1, 2, 1, -1},
+                            {4, 4, 2, 1, 1, -1}, {4, 0, 2, 2, 1, 0},  {-4, 4, 2, 2, 1, -1}};
     for (const auto &c : cases)
-        EXPECT_EQ(bv_uchar_diff(c.fw, c.fh, c.cw, c.ch, c.channels, 0, coarse, fine), c.rc);
+        EXPECT_EQ(bv_uchar_diff(c[0], c[1], c[2], c[3], c[4], 0, coarse, fine), c[5])
+            << c[0] << c[2];
     EXPECT_EQ(bv_uchar_upsample(4, 4, 2, 1, 1, 1, coarse, fine), -1);
     EXPECT_EQ(bv_short_diff(4, 4, 2, 2, 2, 0, nullptr, f16), -1);
     EXPECT_EQ(bv_short_upsample(-4, 4, 2, 2, 1, 0, nullptr, f16), -1);
-    for (uint8_t v : fine) EXPECT_EQ(v, 5);
+    EXPECT_EQ(std::vector<uint8_t>(fine, fine + 64), std::vector<uint8_t>(64, 5));
     EXPECT_EQ(bv_uchar_diff(4, 4, 2, 2, 1, 0, nullptr, fine), -1);
-    uint16_t a[16] = {}, b[16] = {};
     for (int channels : {2, 4}) EXPECT_EQ(bv_short_downsample(4, 4, channels, 0, a, b), -1);
     EXPECT_EQ(bv_short_downsample(4, 4, 1, 0, nullptr, b), -1);
     EXPECT_EQ(bv_short_downsample(4, 0, 1, 0, a, b), 0);
     EXPECT_EQ(bv_uchar_downsample(-1, 4, 1, 0, nullptr, nullptr), -1);
 }
 
-TEST_F(Pyramid, BlurIsThreadInvariantSpreadsSymmetricallyAndChecksArguments) {
-    const auto img = random<uint8_t>(23 * 17 * 3, 7);
-    bvtest::expect_thread_invariant([&](int threads) {
+// Blur of a copy of img with 1, 2, 3 and 7 threads: the same result, the
+// height returned and one newline on standard error.
+std::vector<uint8_t> blurred(int levels, int w, int h, int ch, const std::vector<uint8_t> &img) {
+    return bvtest::expect_thread_invariant([&](int t) {
         std::vector<uint8_t> out = img;
         testing::internal::CaptureStderr();
-        EXPECT_EQ(bv_downtower(3, 23, 17, 3, 8, threads, out.data()), 17);
+        EXPECT_EQ(bv_downtower(levels, w, h, ch, 8, t, out.data()), h);
         EXPECT_EQ(testing::internal::GetCapturedStderr(), "\n");
-        EXPECT_NE(out, img);
         return out;
     });
+}
+
+TEST(Pyramid, BlurIsThreadInvariantSpreadsSymmetricallyAndChecksArguments) {
+    const auto img = random<uint8_t>(23 * 17 * 3, 7);
+    EXPECT_NE(blurred(3, 23, 17, 3, img), img);
     // A constant image stays constant; an impulse spreads symmetrically.
-    std::vector<uint8_t> flat(9 * 9, 77), dot(9 * 9, 0);
+    const std::vector<uint8_t> flat(81, 77);
+    std::vector<uint8_t> dot(81, 0);
     dot[4 * 9 + 4] = 255;
-    testing::internal::CaptureStderr();
-    bv_downtower(2, 9, 9, 1, 8, 2, flat.data());
-    bv_downtower(2, 9, 9, 1, 8, 1, dot.data());
-    testing::internal::GetCapturedStderr();
-    EXPECT_EQ(flat, std::vector<uint8_t>(81, 77));
+    EXPECT_EQ(blurred(2, 9, 9, 1, flat), flat);
+    dot = blurred(2, 9, 9, 1, dot);
     EXPECT_GT(dot[4 * 9 + 4], dot[4 * 9 + 5]);
     EXPECT_EQ(dot[4 * 9 + 3], dot[4 * 9 + 5]);
     EXPECT_EQ(dot[3 * 9 + 4], dot[5 * 9 + 4]);
@@ -186,7 +184,7 @@ TEST_F(Pyramid, BlurIsThreadInvariantSpreadsSymmetricallyAndChecksArguments) {
     EXPECT_EQ(bv_downtower(2, 2, 2, 3, 8, 1, small), -4);
 }
 
-TEST_F(Pyramid, AreaReductionWeightsCells) {
+TEST(Pyramid, AreaReductionWeightsCells) {
     // Ratio 2: box means rounded to nearest (35.25 -> 35); ratio 1.5: the
     // middle cell counts half in each output; enlarging repeats cells.
     EXPECT_EQ((area<uint8_t, uint8_t>(4, 2, 2, 1, 1, 8, {10, 20, 30, 41, 10, 20, 30, 40})),
@@ -203,7 +201,7 @@ TEST_F(Pyramid, AreaReductionWeightsCells) {
               (std::vector<float>{std::ldexp(128.0f, -137), std::ldexp(64.0f, -137), 0.0f}));
 }
 
-TEST_F(Pyramid, AreaReductionIsThreadInvariantAndChecksArguments) {
+TEST(Pyramid, AreaReductionIsThreadInvariantAndChecksArguments) {
     const auto s16 = random<uint16_t>(37 * 23 * 3, 3);
     const auto rgbe = random<uint8_t>(37 * 23 * 4, 4);
     bvtest::expect_thread_invariant([&](int t) {

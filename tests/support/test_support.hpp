@@ -92,11 +92,12 @@ struct Planar {
 Planar random_planar(int w, int h, uint64_t seed);
 
 // Runs f(threads) with 1, 2, 3 and 7 threads: every result must equal the
-// single-threaded one byte for byte.
+// single-threaded one byte for byte, which is returned.
 template <class F>
-void expect_thread_invariant(F &&f) {
+auto expect_thread_invariant(F &&f) {
     const auto one = f(1);
     for (int t : {2, 3, 7}) EXPECT_TRUE(f(t) == one) << t << " threads differ from one";
+    return one;
 }
 
 }  // namespace bvtest
