@@ -2,25 +2,16 @@
 // outputs checked with OpenImageIO and an independent reader, bad input.
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <unistd.h>
 
 #include <sstream>
 
 #include "cli_support.hpp"
 
-extern char **environ;
-
 namespace {
 
 namespace fs = std::filesystem;
-using bvtest::Args;
-using bvtest::cat;
-using bvtest::Image;
-using bvtest::read_image;
-using bvtest::Result;
-using bvtest::run;
-using bvtest::run_all;
+using namespace bvtest;
 
 constexpr int kW = 256, kH = 64;
 
@@ -39,17 +30,18 @@ void expect_has(const std::string &text, const Args &parts) {
 // "width height all-finite largest" as OpenCV reads the file; "" without
 // /usr/bin/python3 and cv2.
 std::string opencv_view(const std::string &path) {
-    return bvtest::shell(
+    return shell(
         "/usr/bin/python3 -c \"import cv2,sys,numpy as n; i=cv2.imread(sys.argv[1],-1); "
         "print(i.shape[1],i.shape[0],int(n.isfinite(i).all()),float(i.max()))\" " +
-        bvtest::quote(path) + " 2>/dev/null");
+        quote(path) + " 2>/dev/null");
 }
 
 // Grey picture whose left `split` columns hold `left` and the rest `right`.
 void write_split(const std::string &path, int w, int h, int split, uint8_t left, uint8_t right) {
     std::vector<uint8_t> px(static_cast<size_t>(w) * h * 3);
-    for (size_t i = 0; i < px.size(); ++i) px[i] = static_cast<int>(i / 3 % w) < split ? left : right;
-    ASSERT_TRUE(bvtest::write_rgb8(path, w, h, px.data())) << path;
+    for (size_t i = 0; i < px.size(); ++i)
+        px[i] = static_cast<int>(i / 3 % w) < split ? left : right;
+    ASSERT_TRUE(write_rgb8(path, w, h, px.data())) << path;
 }
 
 // Inputs shared by the tests, made once: flat brackets b0..b2 at 40, 120 and
@@ -58,7 +50,7 @@ void write_split(const std::string &path, int w, int h, int split, uint8_t left,
 // a PNG, a folder named folder.hdr, and in.hdr merged from the brackets.
 std::string in(const std::string &name) {
     static const std::string dir = [] {
-        const std::string d = bvtest::fresh_dir("inputs");
+        const std::string d = fresh_dir("inputs");
         const uint8_t levels[3] = {40, 120, 220};
         for (int k = 0; k < 3; ++k)
             write_split(d + "/b" + std::to_string(k) + ".png", kW, kH, 0, 0, levels[k]);
@@ -66,11 +58,11 @@ std::string in(const std::string &name) {
         write_split(d + "/mask.png", kW, kH, kW / 2, 255, 0);
         write_split(d + "/small.png", kW - 1, kH, 0, 0, 100);
         write_split(d + "/tiny.png", 1, 1, 0, 0, 90);
-        bvtest::write_text("inputs/notes.png", "not a picture\n");
-        bvtest::write_text("inputs/junk.hdr", "not a picture\n");
-        bvtest::Bytes whole;
-        bvtest::read_file(d + "/b1.png", &whole);
-        bvtest::write_file(d + "/cut.png", whole.data(), whole.size() / 2);
+        write_text("inputs/notes.png", "not a picture\n");
+        write_text("inputs/junk.hdr", "not a picture\n");
+        Bytes whole;
+        read_file(d + "/b1.png", &whole);
+        write_file(d + "/cut.png", whole.data(), whole.size() / 2);
         fs::create_directories(d + "/folder.hdr");
         const Result r = run({"merge", "-q", "-e", "1,4,16", "-o", d + "/in.hdr", d + "/b0.png",
                               d + "/b1.png", d + "/b2.png"});
@@ -82,8 +74,12 @@ std::string in(const std::string &name) {
 
 TEST(Cli, HelpListsCommandsAndOptions) {
     BV_REQUIRE_TOOL();
-    const auto r = run_all({{}, {"--help"}, {"merge", "--help"}, {"info", "--help"},
-                            {"demo", "--help"}, {"tonemap", "--help"}});
+    const auto r = run_all({{},
+                            {"--help"},
+                            {"merge", "--help"},
+                            {"info", "--help"},
+                            {"demo", "--help"},
+                            {"tonemap", "--help"}});
     EXPECT_EQ(r[0].code, 2);
     expect_has(r[1].out, {"merge", "tonemap", "info", "demo"});
     for (size_t i = 1; i < r.size(); ++i) EXPECT_EQ(r[i].code, 0) << i;
@@ -98,17 +94,21 @@ TEST(Cli, BadCallsFailOnOneLineAndLeaveNothing) {
                       x = in("x.png"), text = in("notes.png"), cut = in("cut.png");
     const Args brackets = {a, b, in("b2.png")};
     const Args blend = cat({"blend", "-q", "-o", x, in("result.png")}, brackets);
-    const auto fuse = [&](const Args &extra) { return cat(cat({"fuse", "-q", "-o", x}, extra), brackets); };
-    std::vector<bvtest::Refusal> cases = {
+    const auto fuse = [&](const Args &extra) {
+        return cat(cat({"fuse", "-q", "-o", x}, extra), brackets);
+    };
+    std::vector<Refusal> cases = {
         {{"frobnicate"}, 2, "unknown command 'frobnicate'"},
         {{"merge", "--frob", "a.png"}, 2, "unknown option '--frob'"},
         {{"merge", "-o"}, 2, "needs a value"},
-        {{"merge", "-o", "x.hdr", "--threads", "many", "a.png", "b.png"}, 2,
+        {{"merge", "-o", "x.hdr", "--threads", "many", "a.png", "b.png"},
+         2,
          "--threads must be a number"},
         {{"merge", "a.png", "b.png"}, 2, "no output file"},
         {{"merge", "-o", "x.png", "a.png", "b.png"}, 2, "use .hdr"},
         {{"merge", "-o", out, "--estimate=mean", a, b}, 2, "--estimate takes 'median' or 'pixels'"},
-        {{"tonemap", "in.hdr", "-o", "x.png", "--brightness", "11"}, 2,
+        {{"tonemap", "in.hdr", "-o", "x.png", "--brightness", "11"},
+         2,
          "--brightness must lie in -10..10"},
         {{"tonemap", "in.hdr", "-o", "x.jpg", "--bits", "16"}, 2, "JPEG pictures are 8-bit"},
         {{"tonemap", "in.hdr", "-o", "x.png", "--saturation", "1.5"}, 2, "whole steps"},
@@ -131,7 +131,9 @@ TEST(Cli, BadCallsFailOnOneLineAndLeaveNothing) {
         {{"merge", "-o", text + "/out.hdr", a, b}, 1, "cannot write"},
         {{"merge", "-o", in("no/such/dir/out.hdr"), a, b}, 1, "cannot write"},
         {{"merge", "-o", in("folder.hdr"), a, b}, 1, "it is a folder"},
-        {{"merge", "-o", out, "--exposures", in("none.txt"), a, b}, 1, "cannot open exposures file"},
+        {{"merge", "-o", out, "--exposures", in("none.txt"), a, b},
+         1,
+         "cannot open exposures file"},
         {{"merge", "-o", out, "--exposures", "1,2,3", a, b}, 2, "3 values for 2 brackets"},
         {{"demo", "-o", in("demo"), in("none")}, 1, "not a folder"},
         {{"tonemap", in("none.hdr"), "-o", x}, 1, "none.hdr"},
@@ -147,41 +149,48 @@ TEST(Cli, BadCallsFailOnOneLineAndLeaveNothing) {
         {fuse({"--mask", in("small.png")}), 1, "mask"},
         {fuse({"--temp-dir", in("none")}), 1, "not a folder"},
     };
-    const std::string data = bvtest::shared_data_dir(), damaged = data + "/memorial/memorial-damaged.hdr";
+    const std::string data = shared_data_dir(), damaged = data + "/memorial/memorial-damaged.hdr";
     if (!data.empty()) {
         cases.push_back({{"info", damaged}, 1, "is damaged"});
         cases.push_back({{"tonemap", damaged, "-o", x}, 1, "is damaged"});
     }
     const auto before = names_in(in(""));
-    bvtest::expect_refused(cases);
+    expect_refused(cases);
     EXPECT_EQ(names_in(in("")), before) << "a failed run left a file behind";
 }
 
 TEST(Cli, MergesMemorialBracketsReadByOtherReaders) {
     BV_REQUIRE_TOOL();
-    const std::string data = bvtest::shared_data_dir();
+    const std::string data = shared_data_dir();
     BV_REQUIRE_SHARED_DATA(data);
     const std::string mem = data + "/memorial", list = mem + "/exposures.txt",
-                      dir = bvtest::fresh_dir("memorial"), hdr = dir + "/church.hdr",
-                      tif = dir + "/church.tif", png = dir + "/church.png", tif16 = dir + "/c16.tif";
+                      dir = fresh_dir("memorial"), hdr = dir + "/church.hdr",
+                      tif = dir + "/church.tif";
     // The same exposures as a list beside the file names give the same bytes.
-    Args by_list = {"merge", "-q", "-o", dir + "/list.hdr", "--exposures",
+    Args by_list = {"merge",
+                    "-q",
+                    "-o",
+                    dir + "/list.hdr",
+                    "--exposures",
                     "32,16,8,4,2,1,0.5,0.25,0.125,0.0625,0.03125,0.015625,0.0078125,0.00390625,"
                     "0.001953125,0.0009765625"};
-    for (int k = 61; k <= 76; ++k) by_list.push_back(mem + "/memorial00" + std::to_string(k) + ".png");
-    auto r = run_all({{"merge", "-q", "-o", hdr, "--exposures", list}, by_list,
+    for (int k = 61; k <= 76; ++k)
+        by_list.push_back(mem + "/memorial00" + std::to_string(k) + ".png");
+    auto r = run_all({{"merge", "-q", "-o", hdr, "--exposures", list},
+                      by_list,
                       {"merge", "-q", "-o", tif, "--exposures", list}});
-    ASSERT_TRUE(bvtest::all_ok(r));
+    ASSERT_TRUE(all_ok(r));
     EXPECT_TRUE(r[0].out.empty());
-    const std::string text = bvtest::text_of(hdr);
+    const std::string text = text_of(hdr);
     EXPECT_EQ(text.rfind("#?RADIANCE\n", 0), 0u);
     expect_has(text, {"\n-Y 768 +X 512\n", "ICC_PROFILE=sRGB\n"});
-    EXPECT_TRUE(bvtest::text_of(dir + "/list.hdr") == text);
+    EXPECT_TRUE(text_of(dir + "/list.hdr") == text);
 
     // Float TIFF output: exact size, and the same radiance as the .hdr.
     EXPECT_EQ(fs::file_size(tif), 8u + 512u * 768u * 12u + 150u);
-    const Image a = read_image(hdr), b = read_image(tif), mid = read_image(mem + "/memorial0066.png");
-    ASSERT_EQ(std::make_pair(a.width, a.height), std::make_pair(512, 768));
+    const Image a = read_image(hdr), b = read_image(tif),
+                mid = read_image(mem + "/memorial0066.png");
+    ASSERT_EQ(a.shape(), std::make_tuple(512, 768, size_t{4}));
     ASSERT_EQ(b.px.size(), a.px.size());
     double worst = 0, peak = 0;
     for (size_t i = 0; i < a.px.size(); ++i) {
@@ -202,32 +211,28 @@ TEST(Cli, MergesMemorialBracketsReadByOtherReaders) {
             ratios.push_back(a.px[i + 1] / std::pow(mid.px[i + 1], 2.2));
     ASSERT_GT(ratios.size(), 1000u);
     std::nth_element(ratios.begin(), ratios.begin() + ratios.size() / 2, ratios.end());
-    std::printf("median merged / linearised exposure-1 value: %g\n", ratios[ratios.size() / 2]);
-    EXPECT_GT(ratios[ratios.size() / 2], 0.5);
-    EXPECT_LT(ratios[ratios.size() / 2], 2.0);
+    const double median = ratios[ratios.size() / 2];
+    std::printf("median merged / linearised exposure-1 value: %g\n", median);
+    EXPECT_TRUE(median > 0.5 && median < 2.0) << median;
 
     std::istringstream cv(opencv_view(hdr));
     int w = 0, h = 0, finite = 0;
-    double mx = 0;
-    if (cv >> w >> h >> finite >> mx) {
+    double largest = 0;
+    if (cv >> w >> h >> finite >> largest) {
         EXPECT_EQ(std::make_tuple(w, h, finite), std::make_tuple(512, 768, 1));
-        EXPECT_NEAR(mx, peak, peak * 0.02);
-    } else {
-        std::printf("/usr/bin/python3 with cv2 not found: OpenCV check skipped\n");
+        EXPECT_NEAR(largest, peak, peak * 0.02);
     }
 
+    const std::string png = dir + "/church.png", tif16 = dir + "/church16.tif";
     r = run_all({{"tonemap", "-q", hdr, "-o", png},
                  {"tonemap", "-q", hdr, "-o", tif16, "--bits", "16", "--saturation", "2"},
                  {"info", hdr}});
-    ASSERT_TRUE(bvtest::all_ok(r));
-    const Image p = read_image(png), q = read_image(tif16);
-    EXPECT_EQ(p.format, OIIO::TypeDesc::UINT8);
-    EXPECT_EQ(q.format, OIIO::TypeDesc::UINT16);
-    EXPECT_EQ(p.width, 512);
-    EXPECT_EQ(q.height, 768);
-    auto [lo, hi] = std::minmax_element(p.px.begin(), p.px.end());
-    EXPECT_LT(*lo, 0.05f);
-    EXPECT_GT(*hi, 0.9f);
+    ASSERT_TRUE(all_ok(r));
+    const Image p = read_image(png);
+    EXPECT_EQ(p.shape(), std::make_tuple(512, 768, size_t{1}));
+    EXPECT_EQ(read_image(tif16).shape(), std::make_tuple(512, 768, size_t{2}));
+    EXPECT_LT(*std::min_element(p.px.begin(), p.px.end()), 0.05f);
+    EXPECT_GT(*std::max_element(p.px.begin(), p.px.end()), 0.9f);
     expect_has(r[2].out, {"512 x 768", "dynamic range"});
     EXPECT_EQ(names_in(dir).size(), 5u);  // no temporaries left
 }
@@ -238,22 +243,21 @@ std::string be32(uint32_t v) {
 
 // An ICC profile with one tag, a red tone curve that is a single gamma (8.8
 // fixed point).
-bvtest::Bytes gamma_profile(uint8_t whole, uint8_t frac) {
+Bytes gamma_profile(uint8_t whole, uint8_t frac) {
     const std::string p = be32(158) + std::string(8, 0) + "mntrRGB XYZ " + std::string(12, 0) +
                           "acsp" + std::string(88, 0) + be32(1) + "rTRC" + be32(144) + be32(14) +
                           "curv" + be32(0) + be32(1) + char(whole) + char(frac);
-    return bvtest::Bytes(p.begin(), p.end());
+    return Bytes(p.begin(), p.end());
 }
 
 // A JPEG bracket of a gradient, with camera EXIF and a colour profile.
-void write_jpeg(const std::string &path, float gain, float seconds, const bvtest::Bytes &icc) {
+void write_jpeg(const std::string &path, float gain, float seconds, const Bytes &icc = {}) {
     const int w = 96, h = 64;
     std::vector<uint8_t> px(w * h * 3);
-    for (size_t i = 0; i < px.size(); ++i) {
-        const double x = i / 3 % w, y = i / 3 / w;
-        px[i] = static_cast<uint8_t>(
-            std::min(255.0, 255 * std::pow((x + 1.0) / w * (y + 8.0) / (h + 8) * gain, 1 / 2.2)));
-    }
+    for (size_t i = 0; i < px.size(); ++i)
+        px[i] = static_cast<uint8_t>(std::min(
+            255.0,
+            255 * std::pow((i / 3 % w + 1.0) / w * (i / 3 / w + 8.0) / (h + 8) * gain, 1 / 2.2)));
     OIIO::ImageSpec spec(w, h, 3, OIIO::TypeDesc::UINT8);
     spec.attribute("Make", "Acme");
     spec.attribute("Model", "Acme Bracketer");
@@ -262,14 +266,14 @@ void write_jpeg(const std::string &path, float gain, float seconds, const bvtest
     spec.attribute("Exif:PhotographicSensitivity", 200);
     if (!icc.empty())
         spec.attribute("ICCProfile", OIIO::TypeDesc(OIIO::TypeDesc::UINT8, icc.size()), icc.data());
-    ASSERT_TRUE(bvtest::write_image(path, spec, px.data())) << path;
+    ASSERT_TRUE(write_image(path, spec, px.data())) << path;
 }
 
 // Sets the denominator of a JPEG's EXIF exposure time (tag 0x829a, one
 // rational) to 0, as a broken writer leaves it; false when not found.
 bool make_time_infinite(const std::string &path) {
-    bvtest::Bytes b;
-    if (!bvtest::read_file(path, &b)) return false;
+    Bytes b;
+    read_file(path, &b);
     const auto *exif = static_cast<const uint8_t *>(memmem(b.data(), b.size(), "Exif\0\0", 6));
     if (!exif) return false;
     const size_t tiff = static_cast<size_t>(exif - b.data()) + 6;
@@ -279,13 +283,12 @@ bool make_time_infinite(const std::string &path) {
         for (int k = 0; k < 4; ++k) v |= static_cast<uint32_t>(b[at + k]) << 8 * (le ? k : 3 - k);
         return v;
     };
-    const uint8_t tag[4] = {0x9a, 0x82, 5, 0}, tag_be[4] = {0x82, 0x9a, 0, 5};
+    const uint8_t tag[2][4] = {{0x82, 0x9a, 0, 5}, {0x9a, 0x82, 5, 0}};
     for (size_t i = tiff; i + 12 <= b.size() && i < tiff + 4096; ++i)
-        if (!std::memcmp(&b[i], le ? tag : tag_be, 4) && u32(i + 4) == 1) {
-            const size_t den = tiff + u32(i + 8) + 4;
-            if (den + 4 > b.size()) return false;
-            std::memset(&b[den], 0, 4);
-            return bvtest::write_file(path, b.data(), b.size());
+        if (!std::memcmp(&b[i], tag[le], 4) && u32(i + 4) == 1 &&
+            tiff + u32(i + 8) + 8 <= b.size()) {
+            std::memset(&b[tiff + u32(i + 8) + 4], 0, 4);
+            return write_file(path, b.data(), b.size());
         }
     return false;
 }
@@ -296,31 +299,37 @@ bool make_time_infinite(const std::string &path) {
 // --estimate and --gamma; and what it writes in the header.
 TEST(Cli, MergeTakesExposuresAndGammaFromExifProfileOrPixels) {
     BV_REQUIRE_TOOL();
-    const std::string dir = bvtest::fresh_dir("exif");
-    const auto at = [&](const std::string &name) { return dir + "/" + name; };
+    const std::string dir = fresh_dir("exif") + "/";
     const struct {
         std::string what;
         float times[3];
-    } exif[] = {{"right", {0.01f, 0.04f, 0.16f}}, {"off", {0.01f, 0.04f, 0.08f}},
-                {"zero", {0.01f, 0.0f, 0.16f}}, {"infinite", {0.01f, 0.04f, 0.16f}},
+    } exif[] = {{"right", {0.01f, 0.04f, 0.16f}},
+                {"off", {0.01f, 0.04f, 0.08f}},
+                {"zero", {0.01f, 0.0f, 0.16f}},
+                {"infinite", {0.01f, 0.04f, 0.16f}},
                 {"equal", {0.04f, 0.04f, 0.04f}}};
     for (const auto &e : exif) {
-        fs::create_directories(at(e.what));
+        fs::create_directories(dir + e.what);
         for (int k = 0; k < 3; ++k)
-            write_jpeg(at(e.what + "/" + char('a' + k) + ".jpg"), std::ldexp(0.25f, 2 * k),
-                       e.times[k], {});
+            write_jpeg(dir + e.what + "/" + char('a' + k) + ".jpg", std::ldexp(0.25f, 2 * k),
+                       e.times[k]);
     }
-    ASSERT_TRUE(make_time_infinite(at("infinite/c.jpg")));
-    write_jpeg(at("dark.jpg"), 0.25f, 0.01f, gamma_profile(1, 205));  // gamma 1.80
-    write_jpeg(at("bright.jpg"), 1.0f, 0.04f, gamma_profile(1, 205));
+    ASSERT_TRUE(make_time_infinite(dir + "infinite/c.jpg"));
+    write_jpeg(dir + "dark.jpg", 0.25f, 0.01f, gamma_profile(1, 205));  // gamma 1.80
+    write_jpeg(dir + "bright.jpg", 1.0f, 0.04f, gamma_profile(1, 205));
+    Bytes adobe;
+    if (read_file("/usr/share/color/icc/compatibleWithAdobeRGB1998.icc", &adobe)) {
+        write_jpeg(dir + "adobe-dark.jpg", 0.25f, 0.01f, adobe);
+        write_jpeg(dir + "adobe-bright.jpg", 1.0f, 0.04f, adobe);
+    }
     for (int k = 0; k < 2; ++k) {  // 16-bit grey TIFFs, a stop apart
         std::vector<uint16_t> px(40 * 30);
         for (size_t i = 0; i < px.size(); ++i) px[i] = static_cast<uint16_t>((i * 50 + 2000) << k);
-        ASSERT_TRUE(bvtest::write_image(at("grey" + std::to_string(k) + ".tif"),
-                                        OIIO::ImageSpec(40, 30, 1, OIIO::TypeDesc::UINT16), px.data()));
+        ASSERT_TRUE(write_image(dir + "grey" + std::to_string(k) + ".tif",
+                                OIIO::ImageSpec(40, 30, 1, OIIO::TypeDesc::UINT16), px.data()));
     }
     const auto abc = [&](const std::string &what) {
-        return Args{at(what + "/a.jpg"), at(what + "/b.jpg"), at(what + "/c.jpg")};
+        return Args{dir + what + "/a.jpg", dir + what + "/b.jpg", dir + what + "/c.jpg"};
     };
     const std::string pixels = "exposures estimated from the pixels", sure = "confidence 1.00";
     struct Case {
@@ -331,29 +340,29 @@ TEST(Cli, MergeTakesExposuresAndGammaFromExifProfileOrPixels) {
         {abc("right"), {"exposures EXIF", sure}, nullptr},
         {abc("off"), {"exposures EXIF", sure}, "'c.jpg': EXIF says +1.00 EV, its pixels +"},
         {abc("zero"), {pixels, sure}, "EXIF exposure time of 'b.jpg' is zero; ignoring EXIF"},
-        {abc("infinite"), {pixels, sure},
+        {abc("infinite"),
+         {pixels, sure},
          "EXIF exposure time of 'c.jpg' is infinite (1/0); ignoring EXIF"},
-        {abc("equal"), {pixels, sure},
+        {abc("equal"),
+         {pixels, sure},
          "EXIF gives every bracket the same exposure but their pixels span "},
-        {{"--estimate=median", at("right/a.jpg"), at("right/b.jpg")},
-         {"exposures estimated from median brightness"}, nullptr},
+        {{"--estimate=median", dir + "right/a.jpg", dir + "right/b.jpg"},
+         {"exposures estimated from median brightness"},
+         nullptr},
         // 1/100 s against 1/25 s.
-        {{at("bright.jpg"), at("dark.jpg")},
-         {"exposures EXIF, gamma 1.8 (ICC profile)", "dark.jpg", "-2.00 EV"}, nullptr},
-        {{"--estimate", "--gamma", "2.4", at("dark.jpg"), at("bright.jpg")},
-         {pixels + ", gamma 2.4 (given)"}, nullptr},
-        {{"-e", "1,2", at("grey0.tif"), at("grey1.tif")}, {"of 40x30 (16-bit)"}, nullptr},
+        {{dir + "bright.jpg", dir + "dark.jpg"},
+         {"exposures EXIF, gamma 1.8 (ICC profile)", "dark.jpg", "-2.00 EV"},
+         nullptr},
+        {{"--estimate", "--gamma", "2.4", dir + "dark.jpg", dir + "bright.jpg"},
+         {pixels + ", gamma 2.4 (given)"},
+         nullptr},
+        {{"-e", "1,2", dir + "grey0.tif", dir + "grey1.tif"}, {"of 40x30 (16-bit)"}, nullptr},
+        {{dir + "adobe-dark.jpg", dir + "adobe-bright.jpg"}, {"gamma 2.2 (ICC profile)"}, nullptr},
     };
-    bvtest::Bytes adobe;
-    if (bvtest::read_file("/usr/share/color/icc/compatibleWithAdobeRGB1998.icc", &adobe)) {
-        write_jpeg(at("adobe-dark.jpg"), 0.25f, 0.01f, adobe);
-        write_jpeg(at("adobe-bright.jpg"), 1.0f, 0.04f, adobe);
-        cases.push_back({{at("adobe-dark.jpg"), at("adobe-bright.jpg")}, {"gamma 2.2 (ICC profile)"},
-                         nullptr});
-    }
+    if (adobe.empty()) cases.pop_back();
     std::vector<Args> calls;
     for (size_t i = 0; i < cases.size(); ++i)
-        calls.push_back(cat({"merge", "-o", at(std::to_string(i) + ".hdr")}, cases[i].args));
+        calls.push_back(cat({"merge", "-o", dir + std::to_string(i) + ".hdr"}, cases[i].args));
     const auto results = run_all(calls);
     for (size_t i = 0; i < cases.size(); ++i) {
         const Result &r = results[i];
@@ -364,34 +373,34 @@ TEST(Cli, MergeTakesExposuresAndGammaFromExifProfileOrPixels) {
         if (cases[i].warning) expect_has(r.err, {cases[i].warning});
     }
     // The middle (here: brighter) bracket's metadata is in the header.
-    expect_has(bvtest::text_of(at("6.hdr")), {"\nCAMERA=Acme Bracketer\n", "\nSHUTTER=0.040000\n",
-                                              "\nAPERTURE=8.00\n", "\nISO=200\n"});
-    expect_has(run({"info", "--header", at("6.hdr")}).out, {"1/25 s"});
+    expect_has(text_of(dir + "6.hdr"), {"\nCAMERA=Acme Bracketer\n", "\nSHUTTER=0.040000\n",
+                                        "\nAPERTURE=8.00\n", "\nISO=200\n"});
+    expect_has(run({"info", "--header", dir + "6.hdr"}).out, {"1/25 s"});
     // Grey brackets are spread to RGB.
-    const Image grey = read_image(at("8.hdr"));
+    const Image grey = read_image(dir + "8.hdr");
     ASSERT_FALSE(grey.px.empty());
     for (size_t i = 0; i < grey.px.size(); i += 3)
         ASSERT_TRUE(grey.px[i] == grey.px[i + 1] && grey.px[i] == grey.px[i + 2]) << i;
-    if (!adobe.empty())
-        expect_has(bvtest::text_of(at("9.hdr")), {"\nICC_PROFILE=Adobe RGB (1998)\n"});
+    if (!adobe.empty()) expect_has(text_of(dir + "9.hdr"), {"\nICC_PROFILE=Adobe RGB (1998)\n"});
 }
 
 // A file written by other software reads and renders; enhance is tonemap's
 // enhancer method, and from brackets it renders what merging first would.
 TEST(Cli, RendersAFileFromOtherSoftwareAndEnhancesBrackets) {
     BV_REQUIRE_TOOL();
-    const std::string data = bvtest::shared_data_dir();
+    const std::string data = shared_data_dir();
     BV_REQUIRE_SHARED_DATA(data);
-    const std::string hdr = data + "/hdr/mpi_atrium_3.hdr", dir = bvtest::fresh_dir("enhance"),
+    const std::string hdr = data + "/hdr/mpi_atrium_3.hdr", dir = fresh_dir("enhance"),
                       list = data + "/memorial/exposures.txt";
-    const auto r = run_all({{"info", hdr},
-                            {"tonemap", "-q", hdr, "-o", dir + "/blues.png", "--blues-sat", "-100"},
-                            {"enhance", "-q", hdr, "-o", dir + "/a.png"},
-                            {"tonemap", "-q", "--method", "enhancer", hdr, "-o", dir + "/b.png"},
-                            {"enhance", "-q", "--bits", "16", "--strength", "20", hdr, "-o", dir + "/w.png"},
-                            {"merge", "-q", "-e", list, "-o", dir + "/m.hdr"},
-                            {"enhance", "-q", "-e", list, "-o", dir + "/direct.png"}});
-    ASSERT_TRUE(bvtest::all_ok(r));
+    const auto r =
+        run_all({{"info", hdr},
+                 {"tonemap", "-q", hdr, "-o", dir + "/blues.png", "--blues-sat", "-100"},
+                 {"enhance", "-q", hdr, "-o", dir + "/a.png"},
+                 {"tonemap", "-q", "--method", "enhancer", hdr, "-o", dir + "/b.png"},
+                 {"enhance", "-q", "--bits", "16", "--strength", "20", hdr, "-o", dir + "/w.png"},
+                 {"merge", "-q", "-e", list, "-o", dir + "/m.hdr"},
+                 {"enhance", "-q", "-e", list, "-o", dir + "/direct.png"}});
+    ASSERT_TRUE(all_ok(r));
     expect_has(r[0].out, {"1024 x 676"});
     ASSERT_EQ(run({"enhance", "-q", dir + "/m.hdr", "-o", dir + "/via.png"}).code, 0);
     const Image a = read_image(dir + "/a.png"), wide = read_image(dir + "/w.png");
@@ -404,26 +413,25 @@ TEST(Cli, RendersAFileFromOtherSoftwareAndEnhancesBrackets) {
         << "brackets give the merged file's rendering";
 }
 
-// The number after `after` (from `from` on) in the tool's report; 99 when absent.
+// The number after `after` (from `from` on) in the tool's report; NaN, which
+// fails every comparison, when absent.
 double figure(const std::string &out, const std::string &after, size_t from = 0) {
     const size_t at = out.find(after, from);
-    return at == std::string::npos ? 99.0 : std::atof(out.c_str() + at + after.size());
+    return at == std::string::npos ? std::nan("") : std::atof(out.c_str() + at + after.size());
 }
 
 TEST(Cli, DemoOnBuiltInSceneAndOnItsBrackets) {
     BV_REQUIRE_TOOL();
-    const std::string work = bvtest::fresh_dir("demo"), again = bvtest::fresh_dir("demo2"),
+    const std::string work = fresh_dir("demo"), again = fresh_dir("demo2"),
                       d = work + "/brackvista-demo";
     const Result r = run({"demo", "--size", "384x256"}, work);
     ASSERT_EQ(r.code, 0) << r.err;
-    for (const char *f : {"scene-truth.exr", "merged.hdr", "merged.tif", "tonemapped.png",
-                          "fused.png", "summary.txt", "brackets/bracket-1.jpg",
-                          "brackets/bracket-7.jpg"})
+    for (const char *f : {"merged.hdr", "merged.tif", "fused.png"})
         EXPECT_TRUE(fs::exists(d + "/" + f)) << f;
-    EXPECT_EQ(bvtest::text_of(d + "/summary.txt") + "  summary.txt\n", r.out);
+    EXPECT_EQ(text_of(d + "/summary.txt") + "  summary.txt\n", r.out);
     const auto more = run_all({{"demo", "-q", "--size", "384x256", "-o", again},
                                {"demo", "-o", work + "/fromfolder", d + "/brackets"}});
-    ASSERT_TRUE(bvtest::all_ok(more));
+    ASSERT_TRUE(all_ok(more));
 
     const Image truth = read_image(d + "/scene-truth.exr"), png = read_image(d + "/tonemapped.png");
     double lo = 1e30, hi = 0;
@@ -436,7 +444,6 @@ TEST(Cli, DemoOnBuiltInSceneAndOnItsBrackets) {
     EXPECT_EQ(png.shape(), std::make_tuple(384, 256, size_t{1}));
     EXPECT_LT(*std::min_element(png.px.begin(), png.px.end()), 0.1f);
     EXPECT_GT(*std::max_element(png.px.begin(), png.px.end()), 0.9f);
-    EXPECT_EQ(read_image(d + "/brackets/bracket-1.jpg").width, 384);
 
     // Exposures from pixel ratios within a tenth of a stop of the truth; the
     // median-brightness rule, which works from one statistic per bracket,
@@ -446,14 +453,12 @@ TEST(Cli, DemoOnBuiltInSceneAndOnItsBrackets) {
     std::printf("largest exposure error: %.3f stops (median rule %.2f)\n", worst, median);
     EXPECT_LT(worst, 0.1) << r.out;
     EXPECT_GT(median, 0.5);
-    EXPECT_LT(median, 99.0);
     // The merged radiance follows the true scene closely.
     const double deviation = figure(r.out, "median deviation "),
                  within = figure(r.out, "stops, ", r.out.find("median deviation "));
     std::printf("merged vs truth: median %.3f stops, %.1f%% within 1/4 stop\n", deviation, within);
     EXPECT_LT(deviation, 0.2) << r.out;
     EXPECT_GT(within, 70.0);
-    EXPECT_LT(within, 99.0);
     const std::string cv = opencv_view(d + "/merged.hdr");
     if (!cv.empty()) {
         EXPECT_EQ(cv.rfind("384 256 1 ", 0), 0u) << cv;
@@ -462,11 +467,13 @@ TEST(Cli, DemoOnBuiltInSceneAndOnItsBrackets) {
     // Same seed, same bytes; the brackets carry their true exposure times
     // (1/8192 s to 1/2 s) for other tools, and the folder replays through
     // EXIF to the same merged range.
-    EXPECT_EQ(bvtest::text_of(again + "/merged.hdr"), bvtest::text_of(d + "/merged.hdr"));
-    EXPECT_EQ(bvtest::text_of(again + "/fused.png"), bvtest::text_of(d + "/fused.png"));
+    EXPECT_EQ(text_of(again + "/merged.hdr"), text_of(d + "/merged.hdr"));
+    EXPECT_EQ(text_of(again + "/fused.png"), text_of(d + "/fused.png"));
     for (int k = 1; k <= 7; ++k) {
-        auto bracket = OIIO::ImageInput::open(d + "/brackets/bracket-" + std::to_string(k) + ".jpg");
-        ASSERT_TRUE(bracket);
+        auto bracket =
+            OIIO::ImageInput::open(d + "/brackets/bracket-" + std::to_string(k) + ".jpg");
+        ASSERT_TRUE(bracket) << k;
+        EXPECT_EQ(bracket->spec().width, 384);
         const float t = bracket->spec().get_float_attribute("ExposureTime", 0.0f);
         EXPECT_NEAR(t, std::ldexp(1.0, 2 * k - 15), 1e-2 * t) << k;
     }
@@ -478,28 +485,26 @@ TEST(Cli, DemoOnBuiltInSceneAndOnItsBrackets) {
     std::printf("merged range: %.1f stops, replayed %.1f\n", range, replayed);
     EXPECT_NEAR(replayed, range, 0.25);
     EXPECT_TRUE(fs::exists(work + "/fromfolder/tonemapped.png"));
-    expect_has(bvtest::text_of(work + "/fromfolder/merged.hdr"),
+    expect_has(text_of(work + "/fromfolder/merged.hdr"),
                {"CAMERA=Brackvista demo camera\n", "APERTURE=8.00\n", "ISO=100\n"});
 }
 
 TEST(Cli, CtrlCCancelsAndRemovesPartialOutput) {
     BV_REQUIRE_TOOL();
-    const std::string out_dir = bvtest::fresh_dir("cancel") + "/out";
-    Args args = {bvtest::kTool, "demo", "-q", "--size", "4096x2730", "-o", out_dir};
-    std::vector<char *> argv;
-    for (auto &a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t io;
-    posix_spawn_file_actions_init(&io);
-    posix_spawn_file_actions_addopen(&io, 2, "/dev/null", O_WRONLY, 0);
-    pid_t pid;
-    ASSERT_EQ(posix_spawn(&pid, bvtest::kTool, &io, nullptr, argv.data(), environ), 0);
-    posix_spawn_file_actions_destroy(&io);
+    const std::string out = fresh_dir("cancel") + "/out";
+    const pid_t pid = fork();
+    if (pid == 0) {  // only async-signal-safe calls until exec
+        dup2(open("/dev/null", O_WRONLY), 2);
+        execl(kTool, kTool, "demo", "-q", "--size", "4096x2730", "-o", out.c_str(),
+              static_cast<char *>(nullptr));
+        _exit(127);
+    }
+    ASSERT_GT(pid, 0);
     // Interrupt once the work has started (the output folder exists), which
     // can take a while on a loaded machine.
     int status = 0;
     bool exited = false;
-    for (int waited = 0; waited < 600 && !exited && !fs::exists(out_dir); ++waited) {
+    for (int waited = 0; waited < 600 && !exited && !fs::exists(out); ++waited) {
         exited = waitpid(pid, &status, WNOHANG) == pid;
         usleep(50 * 1000);
     }
@@ -511,7 +516,7 @@ TEST(Cli, CtrlCCancelsAndRemovesPartialOutput) {
     ASSERT_TRUE(WIFEXITED(status)) << "signal " << (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
     EXPECT_EQ(WEXITSTATUS(status), 130);
     std::error_code none;  // no folder at all is fine too
-    for (const auto &e : fs::recursive_directory_iterator(out_dir, none))
+    for (const auto &e : fs::recursive_directory_iterator(out, none))
         EXPECT_EQ(e.path().filename().string().find(".part"), std::string::npos) << e.path();
 }
 
@@ -520,7 +525,7 @@ TEST(Cli, CtrlCCancelsAndRemovesPartialOutput) {
 // +2 EV painted on the left half gives 218 there.
 TEST(Cli, BlendPaintsLayersThroughAMask) {
     BV_REQUIRE_TOOL();
-    const std::string out = bvtest::temp_path("blend.png"), shown = bvtest::temp_path("shown.png");
+    const std::string out = temp_path("blend.png"), shown = temp_path("shown.png");
     const Result r = run({"blend", "-q", "-o", out, in("result.png"), in("b0.png"), in("b1.png"),
                           in("b2.png"), "-e", "1,4,16", "--base", "50@0", "--layers", "99@2",
                           "--brush", in("mask.png"), "--show-brush", shown});
@@ -539,7 +544,7 @@ TEST(Cli, BlendPaintsLayersThroughAMask) {
 // the temporary-file mode and the ghost mask behave.
 TEST(Cli, FuseBracketsWithOptions) {
     BV_REQUIRE_TOOL();
-    const std::string dir = bvtest::fresh_dir("fuse"), spill = dir + "/spill";
+    const std::string dir = fresh_dir("fuse"), spill = dir + "/spill";
     fs::create_directories(spill);
     const std::vector<Args> options = {
         {"-o", dir + "/mem.png"},
@@ -552,7 +557,7 @@ TEST(Cli, FuseBracketsWithOptions) {
     std::vector<Args> calls;
     for (const auto &o : options)
         calls.push_back(cat(cat({"fuse", "-q"}, o), {in("b0.png"), in("b1.png"), in("b2.png")}));
-    ASSERT_TRUE(bvtest::all_ok(run_all(calls)));
+    ASSERT_TRUE(all_ok(run_all(calls)));
     std::vector<Image> img;
     for (size_t i = 0; i < options.size(); ++i) {
         img.push_back(read_image(options[i][1]));

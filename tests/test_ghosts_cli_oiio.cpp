@@ -6,19 +6,14 @@
 
 namespace {
 
-using bvtest::Args;
-using bvtest::cat;
-using bvtest::read_image;
-using bvtest::run;
-using bvtest::Stack;
-using Bytes = std::vector<uint8_t>;
+using namespace bvtest;
 
 // Writes the brackets as PNG files; returns their paths.
 Args write_brackets(Stack &s, const std::string &name) {
     Args paths;
     for (int k = 0; k < s.n; ++k) {
-        paths.push_back(bvtest::temp_path(name + std::to_string(k) + ".png"));
-        EXPECT_TRUE(bvtest::write_rgb8(paths.back(), s.w, s.h, s.image(k))) << paths.back();
+        paths.push_back(temp_path(name + std::to_string(k) + ".png"));
+        EXPECT_TRUE(write_rgb8(paths.back(), s.w, s.h, s.image(k))) << paths.back();
     }
     return paths;
 }
@@ -50,7 +45,7 @@ struct Memorial {
 
 const Memorial *memorial() {
     static const Memorial *m = []() -> const Memorial * {
-        const std::string root = bvtest::shared_data_dir();
+        const std::string root = shared_data_dir();
         if (root.empty()) return nullptr;
         auto *mem = new Memorial;
         mem->s.exposures = {8.0f, 2.0f, 0.5f};
@@ -72,8 +67,8 @@ const Memorial *memorial() {
     return m;
 }
 
-#define REQUIRE_MEMORIAL()                             \
-    BV_REQUIRE_SHARED_DATA(bvtest::shared_data_dir()); \
+#define REQUIRE_MEMORIAL()                     \
+    BV_REQUIRE_SHARED_DATA(shared_data_dir()); \
     if (!memorial()) GTEST_SKIP() << "memorial brackets could not be decoded"
 
 // Fractions of the moved region in the mask, of the static pixels (outside
@@ -83,12 +78,12 @@ struct Coverage {
 };
 
 Coverage measure(Stack &s, Bytes moved, int threshold) {
-    const Bytes mask = bvtest::detect(s, threshold, 2), &border = memorial()->border;
+    const Bytes mask = detect(s, threshold, 2), &border = memorial()->border;
     if (moved.empty()) moved.assign(border.size(), 0);
     const Bytes near = grow(moved, s.w, s.h, 16);
     double n[6] = {};  // moved, of it flagged; static, flagged; far, flagged
     for (size_t p = 0; p < moved.size(); ++p) {
-        const bool m = bvtest::bit(mask, p), far = !moved[p] && !border[p] && !near[p];
+        const bool m = bit(mask, p), far = !moved[p] && !border[p] && !near[p];
         const int at = moved[p] ? 0 : border[p] ? -1 : 2;
         if (at < 0) continue;
         n[at] += 1, n[at + 1] += m, n[4] += far, n[5] += far && m;
@@ -102,7 +97,7 @@ Coverage measure(Stack &s, Bytes moved, int threshold) {
 // predict from shows it (about half the moved region of the dark cases).
 const struct Case {
     const char *name;
-    bvtest::MovingObject obj;
+    MovingObject obj;
     double min_covered;
 } kCases[] = {
     {"person_bright_two", {150, 300, 60, 160, 80, {0, 2}, 0.60f, 7}, 0.99},
@@ -119,7 +114,7 @@ TEST(MemorialGhosts, MovedRegionsAreCoveredAndStaticPixelsSpared) {
     REQUIRE_MEMORIAL();
     for (const Case &c : kCases) {
         Stack s = memorial()->s;
-        const Coverage cov = measure(s, bvtest::paste_object(s, c.obj), 70);
+        const Coverage cov = measure(s, paste_object(s, c.obj), 70);
         std::printf("%-20s covered %.4f, static flagged %.4f, beyond 16 px %.4f\n", c.name,
                     cov.covered, cov.flagged, cov.flagged_far);
         EXPECT_GE(cov.covered, c.min_covered) << c.name;
@@ -128,7 +123,7 @@ TEST(MemorialGhosts, MovedRegionsAreCoveredAndStaticPixelsSpared) {
     }
     Stack s = memorial()->s;
     EXPECT_LE(measure(s, {}, 70).flagged, 0.006);
-    const Bytes moved = bvtest::paste_object(s, kCases[3].obj);
+    const Bytes moved = paste_object(s, kCases[3].obj);
     Coverage prev{1.0, 1.0, 1.0};
     for (int T : {50, 60, 80, 100, 130}) {
         const Coverage cov = measure(s, moved, T);
@@ -139,8 +134,8 @@ TEST(MemorialGhosts, MovedRegionsAreCoveredAndStaticPixelsSpared) {
 }
 
 Stack moving_square(Bytes *moved) {
-    Stack s = bvtest::static_stack(240, 160, 3, 1.0);
-    *moved = bvtest::paste_object(s, {60, 50, 40, 50, 70, {0, 1}, 0.9f, 3});
+    Stack s = static_stack(240, 160, 3, 1.0);
+    *moved = paste_object(s, {60, 50, 40, 50, 70, {0, 1}, 0.9f, 3});
     return s;
 }
 
@@ -149,27 +144,28 @@ TEST(GhostsTool, PictureIsTheLibraryMaskAndOutlinesReadBack) {
     Bytes moved;
     Stack s = moving_square(&moved);
     const Args br = write_brackets(s, "sq");
-    const std::string png = bvtest::temp_path("sq-mask.png"),
-                      txt = bvtest::temp_path("sq-mask.txt"),
-                      back = bvtest::temp_path("sq-back.png");
-    for (const Args &a : {Args{"ghosts", "-q", "-o", png, "-e", exposure_list(s)},
-                          Args{"ghosts", "-q", "-o", txt, "-e", exposure_list(s), "--ghost-ref", "2"},
-                          Args{"ghosts", "-q", "-o", back, "--no-detect", "--selections", txt}}) {
+    const std::string png = temp_path("sq-mask.png"), txt = temp_path("sq-mask.txt"),
+                      back = temp_path("sq-back.png");
+    for (const Args &a :
+         {Args{"ghosts", "-q", "-o", png, "-e", exposure_list(s)},
+          Args{"ghosts", "-q", "-o", txt, "-e", exposure_list(s), "--ghost-ref", "2"},
+          Args{"ghosts", "-q", "-o", back, "--no-detect", "--selections", txt}}) {
         const auto r = run(cat(a, br));
         ASSERT_EQ(r.code, 0) << r.err;
     }
-    const Bytes want = bvtest::detect(s, 70, 1);
+    const Bytes want = detect(s, 70, 1);
     const auto a = read_image(png), b = read_image(back);
     ASSERT_EQ(std::vector<int>({a.width, a.height, b.width, b.height}),
               std::vector<int>({240, 160, 240, 160}));
     size_t set = 0;
     for (size_t p = 0; p < size_t{240} * 160; ++p) {
-        set += bvtest::bit(want, p);
-        ASSERT_EQ(a.px[3 * p] > 0.5f, bvtest::bit(want, p)) << p;
-        ASSERT_EQ(b.px[3 * p], a.px[3 * p]) << p;  // hole-free outlines fill back to the same pixels
+        set += bit(want, p);
+        ASSERT_EQ(a.px[3 * p] > 0.5f, bit(want, p)) << p;
+        ASSERT_EQ(b.px[3 * p], a.px[3 * p])
+            << p;  // hole-free outlines fill back to the same pixels
     }
     EXPECT_GT(set, 4000u);
-    EXPECT_NE(bvtest::text_of(txt).find(" E2 P"), std::string::npos);
+    EXPECT_NE(text_of(txt).find(" E2 P"), std::string::npos);
 }
 
 // Inside the moved region the merge with --ghosts auto equals the reference
@@ -178,12 +174,13 @@ TEST(GhostsTool, PictureIsTheLibraryMaskAndOutlinesReadBack) {
 // there, plain (above 0.3) then with ghosts removed (below `max`).
 void expect_removed(Stack &s, const Bytes &moved, const std::string &name, double max) {
     const int ref = 1;
-    const std::string plain = bvtest::temp_path(name + "-plain.hdr"),
-                      clean = bvtest::temp_path(name + "-clean.hdr");
+    const std::string plain = temp_path(name + "-plain.hdr"),
+                      clean = temp_path(name + "-clean.hdr");
     const Args br = write_brackets(s, name), merge = {"merge", "-q", "-e", exposure_list(s)};
-    ASSERT_TRUE(bvtest::all_ok(bvtest::run_all(
+    ASSERT_TRUE(all_ok(run_all(
         {cat(cat(merge, {"-o", plain}), br),
-         cat(cat(merge, {"-o", clean, "--ghosts", "auto", "--ghost-ref", std::to_string(ref)}), br)})));
+         cat(cat(merge, {"-o", clean, "--ghosts", "auto", "--ghost-ref", std::to_string(ref)}),
+             br)})));
     const auto a = read_image(plain), b = read_image(clean);
     ASSERT_EQ(a.px.size(), moved.size() * 3);
     ASSERT_EQ(b.px.size(), moved.size() * 3);
@@ -215,7 +212,7 @@ TEST(GhostsTool, MergeTakesGhostPixelsFromTheReference) {
     expect_removed(s, moved, "synthetic", 0.01);
     REQUIRE_MEMORIAL();
     Stack m = memorial()->s;
-    expect_removed(m, bvtest::paste_object(m, kCases[0].obj), "memorial", 0.03);
+    expect_removed(m, paste_object(m, kCases[0].obj), "memorial", 0.03);
 }
 
 TEST(GhostsTool, BadCallsSayWhyInOneLine) {
@@ -223,17 +220,16 @@ TEST(GhostsTool, BadCallsSayWhyInOneLine) {
     Bytes moved;
     Stack s = moving_square(&moved);
     const Args br = write_brackets(s, "bad");
-    const std::string other = bvtest::temp_path("other.txt"),
-                      damaged = bvtest::temp_path("damaged.txt"),
-                      far = bvtest::temp_path("far.txt"), out = bvtest::temp_path("bad.hdr"),
-                      mask = bvtest::temp_path("bad.png");
+    const std::string other = temp_path("other.txt"), damaged = temp_path("damaged.txt"),
+                      far = temp_path("far.txt"), out = temp_path("bad.hdr"),
+                      mask = temp_path("bad.png");
     const int32_t e[] = {0}, p[] = {3}, xy[] = {0, 0, 10, 0, 0, 10}, e5[] = {5};
     ASSERT_EQ(write_ghost_mask(other.c_str(), 100, 100, 1, e, p, xy), 3);
     ASSERT_EQ(write_ghost_mask(far.c_str(), 240, 160, 1, e5, p, xy), 3);
-    bvtest::write_text("damaged.txt", "BrackvistaGhostingMask W240 H160 N2 T3 S0 E0 P3 C1,1 2,2" +
-                                          std::string(21, ' '));  // a point without coordinates
+    write_text("damaged.txt", "BrackvistaGhostingMask W240 H160 N2 T3 S0 E0 P3 C1,1 2,2" +
+                                  std::string(21, ' '));  // a point without coordinates
     const Args merge = {"merge", "-o", out}, ghosts = {"ghosts", "-o", mask};
-    std::vector<bvtest::Refusal> calls = {
+    std::vector<Refusal> calls = {
         {cat(merge, {"--ghosts", "maybe"}), 2, "takes 'auto' or a .txt"},
         {cat(merge, {"--ghosts", "auto", "--ghost-ref", "3"}), 2, "0..2"},
         {cat(merge, {"--ghost-ref", "1"}), 2, "go with --ghosts auto"},
@@ -242,12 +238,12 @@ TEST(GhostsTool, BadCallsSayWhyInOneLine) {
         {cat(merge, {"--ghosts", damaged}), 1, "is damaged"},
         {cat(merge, {"--ghosts", far}), 1, "names bracket 5"},
         {cat(ghosts, {"--no-detect"}), 2, "--selections"},
-        {{"ghosts", "-o", bvtest::temp_path("m.hdr")}, 2, ".png"},
+        {{"ghosts", "-o", temp_path("m.hdr")}, 2, ".png"},
     };
     for (auto &c : calls) c.args = cat(c.args, br);
     calls.push_back({cat(ghosts, {br[0]}), 1, "at least two brackets"});
     // The library's own diagnostics may come first; the tool names itself once.
-    for (const auto &r : bvtest::expect_refused(calls, false))
+    for (const auto &r : expect_refused(calls, false))
         EXPECT_EQ(r.err.find("brackvista"), r.err.rfind("brackvista")) << r.err;
 }
 

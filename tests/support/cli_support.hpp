@@ -48,13 +48,14 @@ inline Result run(const Args &args, const std::string &cwd = "") {
     std::string cmd = cwd.empty() ? "" : "cd " + quote(cwd) + " && ";
     // Only sanitizer builds read these: a leak inside OpenImageIO's PNG
     // reader is not ours to fix (full stacks are needed to match it).
-    cmd += "ASAN_OPTIONS=\"${ASAN_OPTIONS:-}:fast_unwind_on_malloc=0\" "
-           "LSAN_OPTIONS=print_suppressions=0:suppressions=" +
-           quote(std::filesystem::absolute("tests/data/sanitizer/openimageio-leaks.supp")) + " " +
-           quote(kTool);
+    cmd +=
+        "ASAN_OPTIONS=\"${ASAN_OPTIONS:-}:fast_unwind_on_malloc=0\" "
+        "LSAN_OPTIONS=print_suppressions=0:suppressions=" +
+        quote(std::filesystem::absolute("tests/data/sanitizer/openimageio-leaks.supp")) + " " +
+        quote(kTool);
     for (const auto &a : args) cmd += " " + quote(a);
-    const int status = std::system((cmd + " >" + quote(base + ".out") + " 2>" +
-                                    quote(base + ".err")).c_str());
+    const int status =
+        std::system((cmd + " >" + quote(base + ".out") + " 2>" + quote(base + ".err")).c_str());
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, text_of(base + ".out"),
             text_of(base + ".err")};
 }
