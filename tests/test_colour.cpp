@@ -126,15 +126,13 @@ TEST(Colour, LabValuesRoundTripAndTables) {
     ASSERT_EQ(Lab2rgb(0, lab_f, nullptr, 100, enc, out), 1);
     expect_near(out, {1100, 1020, 1000}, 0);
     // Out of gamut: a negative channel takes entry 0, one above 1 entry n.
-    const float green_ish[3] = {60, -200, 0}, bright[3] = {100, 90, 0};
-    Lab2rgb(1, green_ish, rgb, 0, nullptr, nullptr);
-    ASSERT_LT(rgb[0], 0.0f);
-    Lab2rgb(0, green_ish, nullptr, 100, enc, out);
-    EXPECT_EQ(out[0], 1000.0f);
-    Lab2rgb(1, bright, rgb, 0, nullptr, nullptr);
-    ASSERT_GT(rgb[0], 1.0f);
-    Lab2rgb(0, bright, nullptr, 100, enc, out);
-    EXPECT_EQ(out[0], 1100.0f);
+    const std::pair<V3, float> gamut[] = {{{60, -200, 0}, 1000.0f}, {{100, 90, 0}, 1100.0f}};
+    for (const auto &[in, entry] : gamut) {
+        Lab2rgb(1, in.data(), rgb, 0, nullptr, nullptr);
+        ASSERT_TRUE(entry == 1000.0f ? rgb[0] < 0.0f : rgb[0] > 1.0f) << rgb[0];
+        Lab2rgb(0, in.data(), nullptr, 100, enc, out);
+        EXPECT_EQ(out[0], entry);
+    }
     EXPECT_EQ(rgb2Lab(1, nullptr, nullptr, nullptr, lab), -1);
     EXPECT_EQ(Lab2rgb(0, lab, rgb, 100, nullptr, out), -1);
 }

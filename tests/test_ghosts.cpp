@@ -48,9 +48,7 @@ TEST(MaskFile, RandomSelectionSetsRoundTrip) {
         ASSERT_EQ(std::vector<int>({W, H, N}), std::vector<int>({W0, H0, n}));
         std::vector<int32_t> e(N), p(N), xy(2 * static_cast<size_t>(t));
         EXPECT_EQ(get_mask_data(path.c_str(), e.data(), p.data(), xy.data()), n);
-        EXPECT_EQ(e, e0);
-        EXPECT_EQ(p, p0);
-        EXPECT_EQ(xy, xy0);
+        EXPECT_EQ(std::tie(e, p, xy), std::tie(e0, p0, xy0));
     }
 }
 
@@ -284,9 +282,8 @@ TEST_F(Detect, SampleLayoutsAgree) {
     for (size_t i = 0; i < N; ++i) {
         deep[i] = static_cast<uint16_t>(s3.px[i] << 8 | (i * 37 & 255));
         bgr[i] = s3.px[i - i % 3 + 2 - i % 3];
-        four[i / 3 * 4 + i % 3] =
-            s3.px[i];  // B twice: statistic reads sample 2, comparison the last
-        if (i % 3 == 2) four[i / 3 * 4 + 3] = s3.px[i];
+        four[i / 3 * 4 + i % 3] = s3.px[i];  // B twice: statistic reads sample 2,
+        if (i % 3 == 2) four[i / 3 * 4 + 3] = s3.px[i];  // comparison the last
     }
     const struct {
         const void *data;
