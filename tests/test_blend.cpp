@@ -35,11 +35,9 @@ TEST(Blend, ClosestEvAndTies) {
 using bvtest::Bytes;
 using bvtest::dim_param;
 
-TmParam layer(float percent, float ev) {
-    TmParam p{};
-    p.slot[51] = percent;
-    p.slot[52] = ev;
-    return p;
+// A layer's opacity (percent) and EV; slot 55 of the base layer counts brush layers.
+TmParam layer(float percent, float ev, float brushes = 0) {
+    return bvtest::tm_slots({{51, percent}, {52, ev}, {55, brushes}});
 }
 
 // One pixel, every channel alike: the fixed-point value of one layer.
@@ -84,8 +82,7 @@ struct BrushScene {
     const float evs[3] = {-2, 0, 2};
     BrushScene() {
         for (int v : {10, 100, 250}) stack.insert(stack.end(), kW * 3, uint8_t(v));
-        rec[0] = layer(50, -1);
-        rec[0].slot[55] = 2;
+        rec[0] = layer(50, -1, 2);
         rec[1] = layer(100, 0);
         rec[2] = layer(50, 1);
     }
@@ -113,8 +110,7 @@ TEST(Blend, BrushLayersAndStrengths) {
     EXPECT_EQ(s.run(brush), Bytes(BrushScene::kW * 3, 34));
     // A base layer switched off still passes 8-bit results through the
     // fixed-point scale: 60 becomes 59 where the brush does not reach.
-    s.rec[0] = layer(0, 0);
-    s.rec[0].slot[55] = 2;
+    s.rec[0] = layer(0, 0, 2);
     const std::vector<uint8_t> off = s.run(brush);
     EXPECT_EQ(off[0], 59);
     EXPECT_EQ(off[2 * 3], 99);
@@ -155,8 +151,7 @@ TEST(Blend, ThreadInvarianceBandStatusAndChannelOrder) {
         for (size_t p = 1; p < brush.size(); p += 2)
             brush[p] = uint8_t(p / 80 % 5 == 4 ? 255 : p / 80 % 5);
         const float evs[3] = {-2, 0, 2};
-        TmParam rec[4] = {layer(40, -3), layer(70, 0), layer(100, 2), layer(25, 1)};
-        rec[0].slot[55] = 3;
+        TmParam rec[4] = {layer(40, -3, 3), layer(70, 0), layer(100, 2), layer(25, 1)};
         std::vector<uint8_t> one = base;
         ASSERT_EQ(bv_blend(1, n, rec, evs, brush.data(), stack.data(), d, one.data()), h);
         EXPECT_NE(one, base);

@@ -113,8 +113,8 @@ struct Config {
     float detail, moire, curve, boost, rank;
     Fusion fusion() const {
         Fusion f(s);
-        f.params.slot[8] = detail, f.params.slot[13] = moire, f.params.slot[2] = curve;
-        f.params.slot[0] = boost, f.params.slot[1] = rank;
+        f.params = bvtest::tm_slots({{8, detail}, {13, moire}, {2, curve}, {0, boost}, {1, rank}},
+                                    f.params);
         return f;
     }
 };
@@ -512,15 +512,14 @@ TEST(FusionDriver, ProgressCancelColourAndTwoPassSlots) {
     EXPECT_EQ(g_progress, (std::vector<float>{0.3f, 0.425f, 0.55f, 0.675f}));
     EXPECT_EQ(copy, out);
     EXPECT_EQ(go(2), BV_FU_ECANCEL);
-    TmParam colour{};  // reaches the final adjustment: fully desaturated
-    colour.slot[13] = -10.0f;
+    const TmParam colour = bvtest::tm_slots({{13, -10.0f}});  // fully desaturated at the end
     f.colour = &colour;
     ASSERT_EQ(go(-1), 1);
     for (size_t p = 0; p < copy.size(); p += 3) ASSERT_LE(std::abs(copy[p] - copy[p + 1]), 1) << p;
     // Two-pass mode rewrites its slots and restores the rank bias.
     f.colour = nullptr, f.copy = nullptr;
     TmParam &p = f.params;
-    p.slot[9] = 1.0f, p.slot[0] = 3.0f, p.slot[1] = 2.0f, p.slot[2] = 1.5f;
+    p = bvtest::tm_slots({{9, 1.0f}, {0, 3.0f}, {1, 2.0f}, {2, 1.5f}}, p);
     ASSERT_EQ(go(-1), 1);
     EXPECT_EQ(std::make_tuple(p.slot[0], p.slot[1], p.slot[2], p.slot[10], p.slot[18]),
               std::make_tuple(0.0f, 2.0f, 0.0f, 5.625f, 1.0f));

@@ -4,11 +4,9 @@
 
 namespace {
 
+// Clip limit and strength: what the two-pass fusion writes.
 TmParam two_pass_slots(float clip = 5.625f, float strength = 1.0f) {
-    TmParam p{};
-    p.slot[10] = clip;  // what the two-pass fusion writes
-    p.slot[18] = strength;
-    return p;
+    return bvtest::tm_slots({{10, clip}, {18, strength}});
 }
 
 DimParam dim_of(int w, int h, int ch, int bits) { return bvtest::dim_param(w, h, ch, 8, bits); }

@@ -12,8 +12,10 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <initializer_list>
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 namespace bvtest {
@@ -51,6 +53,11 @@ std::string stderr_of(F &&call, const std::string &path = "") {
 
 // Packed rows of w x h pixels; the other fields keep init_dim_param's defaults.
 DimParam dim_param(int w, int h, int channels, int bitsIn, int bitsOut);
+// `p` with the given {index, value} slots set.
+inline TmParam tm_slots(std::initializer_list<std::pair<int, float>> slots, TmParam p = {}) {
+    for (const auto &[i, v] : slots) p.slot[i] = v;
+    return p;
+}
 
 // Makes the n-th next scratch allocation inside the library fail (0 = the
 // next one). Disarmed by the guard's destructor.
