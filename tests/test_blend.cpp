@@ -1,10 +1,5 @@
 // The exposure blend: closest-EV choice, fixed-point layer values, brushes, previews, threads.
-#include <Brackvista40Lib1.h>
-#include <gtest/gtest.h>
-
-#include <cstring>
 #include <utility>
-#include <vector>
 
 #include "Utils/blend/blend.hpp"
 #include "test_support.hpp"
@@ -37,18 +32,12 @@ TEST(Blend, ClosestEvAndTies) {
     EXPECT_EQ(getIndexClosestEv(3, nullptr, 1.0f), 0);
 }
 
-DimParam dim_of(int w, int h, int ch, int bits_in, int bits_out) {
-    DimParam d;
-    init_dim_param(&d);
-    d.width = w, d.height = h, d.channels = ch, d.bitsIn = bits_in, d.bitsOut = bits_out;
-    return d;
-}
+using bvtest::Bytes;
+using bvtest::dim_param;
 
-TmParam layer(float percent, float ev) {
-    TmParam p{};
-    p.slot[51] = percent;
-    p.slot[52] = ev;
-    return p;
+// A layer's opacity (percent) and EV; slot 55 of the base layer counts brush layers.
+TmParam layer(float percent, float ev, float brushes = 0) {
+    return bvtest::tm_slots({{51, percent}, {52, ev}, {55, brushes}});
 }
 
 // One pixel, every channel alike: the fixed-point value of one layer.
@@ -68,14 +57,14 @@ TEST(Blend, FixedPointLayerValues) {
         {16, 16, 50, 65535, 65535, 65023},
     };
     for (const PixelCase &c : cases) {
-        const DimParam d = dim_of(1, 1, 3, c.bits_in, c.bits_out);
-        const uint16_t src16[3] = {uint16_t(c.src), uint16_t(c.src), uint16_t(c.src)};
-        const uint8_t src8[3] = {uint8_t(c.src), uint8_t(c.src), uint8_t(c.src)};
-        uint16_t res16[3] = {uint16_t(c.res), uint16_t(c.res), uint16_t(c.res)};
-        uint8_t res8[3] = {uint8_t(c.res), uint8_t(c.res), uint8_t(c.res)};
+        const DimParam d = dim_param(1, 1, 3, c.bits_in, c.bits_out);
+        const std::vector<uint16_t> src16(3, uint16_t(c.src));
+        std::vector<uint16_t> res16(3, uint16_t(c.res));
+        const Bytes src8(3, uint8_t(c.src));
+        Bytes res8(3, uint8_t(c.res));
         const TmParam rec = layer(c.percent, 0);
-        const void *src = c.bits_in == 8 ? static_cast<const void *>(src8) : src16;
-        void *res = c.bits_out == 8 ? static_cast<void *>(res8) : res16;
+        const void *src = c.bits_in == 8 ? static_cast<const void *>(src8.data()) : src16.data();
+        void *res = c.bits_out == 8 ? static_cast<void *>(res8.data()) : res16.data();
         EXPECT_EQ(bv_blend(1, 1, &rec, nullptr, nullptr, src, d, res), 1);
         for (int k = 0; k < 3; ++k)
             EXPECT_EQ(c.bits_out == 8 ? res8[k] : res16[k], c.want)
@@ -93,15 +82,15 @@ struct BrushScene {
     const float evs[3] = {-2, 0, 2};
     BrushScene() {
         for (int v : {10, 100, 250}) stack.insert(stack.end(), kW * 3, uint8_t(v));
-        rec[0] = layer(50, -1);
-        rec[0].slot[55] = 2;
+        rec[0] = layer(50, -1, 2);
         rec[1] = layer(100, 0);
         rec[2] = layer(50, 1);
     }
-    std::vector<uint8_t> run(const uint8_t *brush) {
-        std::vector<uint8_t> res(kW * 3, 60);
-        EXPECT_EQ(bv_blend(1, 3, rec, evs, brush, stack.data(), dim_of(kW, 1, 3, 8, 8), res.data()),
-                  1);
+    Bytes run(const uint8_t *brush, int threads = 1, int status = 1) {
+        Bytes res(kW * 3, 60);
+        EXPECT_EQ(bv_blend(threads, 3, rec, evs, brush, stack.data(), dim_param(kW, 1, 3, 8, 8),
+                           res.data()),
+                  status);
         return res;
     }
 };
@@ -116,30 +105,25 @@ TEST(Blend, BrushLayersAndStrengths) {
     for (int x = 0; x < BrushScene::kW; ++x)
         for (int k = 0; k < 3; ++k) EXPECT_EQ(res[x * 3 + k], want[x]) << "pixel " << x;
     // Without a brush, or with a brush but no brush layers, only the base applies.
-    for (uint8_t v : s.run(nullptr)) EXPECT_EQ(v, 34);
+    EXPECT_EQ(s.run(nullptr), Bytes(BrushScene::kW * 3, 34));
     s.rec[0].slot[55] = 0;
-    for (uint8_t v : s.run(brush)) EXPECT_EQ(v, 34);
+    EXPECT_EQ(s.run(brush), Bytes(BrushScene::kW * 3, 34));
     // A base layer switched off still passes 8-bit results through the
     // fixed-point scale: 60 becomes 59 where the brush does not reach.
-    s.rec[0] = layer(0, 0);
-    s.rec[0].slot[55] = 2;
+    s.rec[0] = layer(0, 0, 2);
     const std::vector<uint8_t> off = s.run(brush);
     EXPECT_EQ(off[0], 59);
     EXPECT_EQ(off[2 * 3], 99);
     // No positive opacity anywhere: untouched, and the result is not written.
     s.rec[1].slot[51] = -5;
     s.rec[2].slot[51] = 0;
-    std::vector<uint8_t> res2(BrushScene::kW * 3, 60);
-    EXPECT_EQ(bv_blend(2, 3, s.rec, s.evs, brush, s.stack.data(),
-                       dim_of(BrushScene::kW, 1, 3, 8, 8), res2.data()),
-              BV_BLEND_UNTOUCHED);
-    for (uint8_t v : res2) EXPECT_EQ(v, 60);
+    EXPECT_EQ(s.run(brush, 2, BV_BLEND_UNTOUCHED), Bytes(BrushScene::kW * 3, 60));
 }
 
 TEST(Blend, ChannelOrderRowLengthsAndSpareSamples) {
     // Two rows of one 4-sample pixel, rows padded; sources in natural order,
     // result with first and last exchanged; sample 2 is not a colour role.
-    DimParam d = dim_of(1, 2, 4, 8, 8);
+    DimParam d = dim_param(1, 2, 4, 8, 8);
     d.rowIn = 6, d.rowOut = 5, d.bgr = 1;
     const uint8_t src[12] = {200, 0, 9, 100, 7, 7, 40, 0, 9, 255, 7, 7};
     uint8_t res[10] = {0, 0, 77, 100, 5, 255, 0, 77, 0, 5};
@@ -158,31 +142,29 @@ TEST(Blend, ChannelOrderRowLengthsAndSpareSamples) {
 TEST(Blend, ThreadInvarianceBandStatusAndChannelOrder) {
     for (int bits_in : {8, 16}) {
         const int w = 523, h = 37, n = 3;
-        bvtest::Rng rng(bits_in);
-        DimParam d = dim_of(w, h, 3, bits_in, 8);
-        std::vector<uint16_t> stack16(size_t(n) * w * h * 3);
-        std::vector<uint8_t> stack8(stack16.size()), brush(size_t(w) * h * 2), base(size_t(w) * h * 3);
-        for (size_t i = 0; i < stack16.size(); ++i) stack16[i] = uint16_t(rng.next()), stack8[i] = uint8_t(rng.next());
-        for (size_t p = 0; p < brush.size() / 2; ++p)
-            brush[2 * p] = uint8_t(rng.next()), brush[2 * p + 1] = uint8_t(p / 40 % 5 == 4 ? 255 : p / 40 % 5);
-        for (auto &b : base) b = uint8_t(rng.next());
+        DimParam d = dim_param(w, h, 3, bits_in, 8);
+        // Random samples of the input depth; brush strengths random, indices
+        // in runs of 40 pixels through 0..3 and 255.
+        const Bytes stack = bvtest::random_bytes(size_t(n) * w * h * 3 * bits_in / 8, bits_in);
+        Bytes brush = bvtest::random_bytes(size_t(w) * h * 2, 1),
+              base = bvtest::random_bytes(size_t(w) * h * 3, 2);
+        for (size_t p = 1; p < brush.size(); p += 2)
+            brush[p] = uint8_t(p / 80 % 5 == 4 ? 255 : p / 80 % 5);
         const float evs[3] = {-2, 0, 2};
-        TmParam rec[4] = {layer(40, -3), layer(70, 0), layer(100, 2), layer(25, 1)};
-        rec[0].slot[55] = 3;
-        const void *stack = bits_in == 8 ? static_cast<const void *>(stack8.data()) : stack16.data();
+        TmParam rec[4] = {layer(40, -3, 3), layer(70, 0), layer(100, 2), layer(25, 1)};
         std::vector<uint8_t> one = base;
-        ASSERT_EQ(bv_blend(1, n, rec, evs, brush.data(), stack, d, one.data()), h);
+        ASSERT_EQ(bv_blend(1, n, rec, evs, brush.data(), stack.data(), d, one.data()), h);
         EXPECT_NE(one, base);
         const int threads[] = {2, 3, 7, 20}, last_rows[] = {19, 13, 7, 37};
         for (int k = 0; k < 4; ++k) {
             std::vector<uint8_t> res = base;
-            EXPECT_EQ(bv_blend(threads[k], n, rec, evs, brush.data(), stack, d, res.data()),
+            EXPECT_EQ(bv_blend(threads[k], n, rec, evs, brush.data(), stack.data(), d, res.data()),
                       last_rows[k]);
             EXPECT_EQ(res, one) << threads[k] << " threads, " << bits_in << "-bit";
         }
         d.bgr = 1;
         for (size_t p = 0; p < base.size(); p += 3) std::swap(base[p], base[p + 2]);
-        ASSERT_EQ(bv_blend(2, n, rec, evs, brush.data(), stack, d, base.data()), 19);
+        ASSERT_EQ(bv_blend(2, n, rec, evs, brush.data(), stack.data(), d, base.data()), 19);
         for (size_t p = 0; p < base.size(); p += 3) std::swap(base[p], base[p + 2]);
         EXPECT_EQ(base, one) << "BGR, " << bits_in << "-bit";
     }
@@ -192,7 +174,7 @@ TEST(Blend, BadArgumentsAndAllocationFailure) {
     const uint8_t src[6] = {1, 2, 3, 4, 5, 6};
     uint8_t res[6] = {};
     const TmParam rec = layer(50, 0);
-    const DimParam ok = dim_of(2, 1, 3, 8, 8);
+    const DimParam ok = dim_param(2, 1, 3, 8, 8);
     const struct {
         int field, value, want;  // DimParam field index (-1: none), its value
     } cases[] = {{3, 12, BV_BLEND_EBADARG}, {4, 32, BV_BLEND_EBADARG}, {5, 5, BV_BLEND_EBADARG},

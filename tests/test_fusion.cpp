@@ -1,12 +1,5 @@
 // Exposure fusion: weights, pyramid steps, collapse and the bv_fusion driver.
-#include <algorithm>
-#include <cmath>
-#include <cstdio>
-#include <cstring>
-#include <string>
-#include <tuple>
 #include <utility>
-#include <vector>
 
 #include "FusionLib/fusion.hpp"
 #include "FusionLib/local/fusion_local.hpp"
@@ -77,9 +70,7 @@ struct Fusion : Shape {
         const size_t picture = stride * h * sb;
         const size_t bound = size_t(float(w * h) * 1.5 + 0.5);
         Bytes buf(std::max(2 * ch * bound, picture) + scratch, fill);
-        DimParam d;
-        init_dim_param(&d);
-        d.width = w, d.height = h, d.channels = ch, d.bitsIn = bitsIn, d.bitsOut = bitsOut;
+        DimParam d = bvtest::dim_param(w, h, ch, bitsIn, bitsOut);
         d.rowOut = rowOut, d.bgr = bgr;
         const bool files = !dir.empty();
         const std::string s = src.empty() ? dir + "/src" : src, pm = dir + "/pyramid",
@@ -105,6 +96,15 @@ struct Fusion : Shape {
     }
 };
 
+// A bgr picture with rows of `row` samples holds the packed RGB picture's
+// samples, first and last of each pixel exchanged.
+void expect_moved(const Bytes &moved, const Bytes &packed, int bits, int w, int row) {
+    for (size_t s = 0; s < packed.size() * 8 / bits; ++s)
+        ASSERT_EQ(sample(moved, bits, s / 3 / w * row + s / 3 % w * 3 + 2 - s % 3),
+                  sample(packed, bits, s))
+            << "sample " << s;
+}
+
 // Configurations that reach every weight width, input depth and option:
 // detail, moire mode, curve, boost and rank bias after the shape.
 struct Config {
@@ -113,8 +113,8 @@ struct Config {
     float detail, moire, curve, boost, rank;
     Fusion fusion() const {
         Fusion f(s);
-        f.params.slot[8] = detail, f.params.slot[13] = moire, f.params.slot[2] = curve;
-        f.params.slot[0] = boost, f.params.slot[1] = rank;
+        f.params = bvtest::tm_slots({{8, detail}, {13, moire}, {2, curve}, {0, boost}, {1, rank}},
+                                    f.params);
         return f;
     }
 };
@@ -211,10 +211,8 @@ TEST(FusionPyramid, DepthAndLayout) {
                             {300, 300, 32, 6}, {6000, 4000, 8, 10}, {6000, 4000, 32, 9}};
     for (const auto &c : cases) EXPECT_EQ(fu::pyramid_depth(c[0], c[1], c[2]), c[3]) << c[0];
     const fu::Levels lv = fu::level_layout(5, 3, 2);
-    EXPECT_EQ(lv.count, 3);
-    EXPECT_EQ(lv.w[1], 3);
-    EXPECT_EQ(lv.h[2], 1);
-    EXPECT_EQ(lv.off[3], 23u);
+    EXPECT_EQ(std::make_tuple(lv.count, lv.w[1], lv.h[2], lv.off[3]),
+              std::make_tuple(3, 3, 1, size_t{23}));
 }
 
 // ---- Detail gains ---------------------------------------------------------
@@ -374,14 +372,14 @@ TEST(FusionWeights, Maps) {
 
 // The same picture for 1, 2, 3 and 7 threads, through temporary files and
 // when their folder is missing (back to memory); a bgr, padded picture holds
-// the packed one's samples with first and last exchanged. A digest pins each
+// the packed one's samples with first and last exchanged, also in the
+// two-pass mode, which lays its picture out afterwards. A digest pins each
 // picture: a deliberate change to the arithmetic records new ones.
 TEST(FusionDriver, ThreadsFilesLayoutAndRecordedPictures) {
     const uint64_t want[] = {267391391340686812ull,  792574236113357983ull,
                              13775694336313312540ull, 4322489360646664653ull,
                              6111459545569133660ull, 17869285379373080173ull};
-    const std::string dir = bvtest::temp_path("fusion");
-    ASSERT_EQ(std::system(("mkdir -p " + dir).c_str()), 0);
+    const std::string dir = bvtest::temp_dir("fusion");
     for (size_t i = 0; i < std::size(kConfigs); ++i) {
         SCOPED_TRACE(kConfigs[i].name);
         Fusion f = kConfigs[i].fusion();
@@ -395,15 +393,13 @@ TEST(FusionDriver, ThreadsFilesLayoutAndRecordedPictures) {
             f.dir = d;
             EXPECT_EQ(f.picture(in), ref) << "temporary files in " << d;
         }
-        if (!f.bgr) continue;
-        f.dir.clear();
-        f.bgr = f.rowOut = 0;
-        const Bytes packed = f.picture(in);
-        for (size_t s = 0; s < packed.size() * 8 / f.bitsOut; ++s)
-            ASSERT_EQ(sample(ref, f.bitsOut, s / 3 / f.w * kConfigs[i].s.rowOut + s / 3 % f.w * 3 +
-                                                  2 - s % 3),
-                      sample(packed, f.bitsOut, s))
-                << "sample " << s;
+        for (float two_pass : {0.0f, 1.0f}) {
+            if (!f.bgr) break;
+            Fusion moved = kConfigs[i].fusion(), packed = moved;
+            moved.params.slot[9] = packed.params.slot[9] = two_pass;
+            packed.bgr = packed.rowOut = 0;
+            expect_moved(moved.picture(in), packed.picture(in), f.bitsOut, f.w, f.rowOut);
+        }
     }
 }
 
@@ -516,15 +512,14 @@ TEST(FusionDriver, ProgressCancelColourAndTwoPassSlots) {
     EXPECT_EQ(g_progress, (std::vector<float>{0.3f, 0.425f, 0.55f, 0.675f}));
     EXPECT_EQ(copy, out);
     EXPECT_EQ(go(2), BV_FU_ECANCEL);
-    TmParam colour{};  // reaches the final adjustment: fully desaturated
-    colour.slot[13] = -10.0f;
+    const TmParam colour = bvtest::tm_slots({{13, -10.0f}});  // fully desaturated at the end
     f.colour = &colour;
     ASSERT_EQ(go(-1), 1);
     for (size_t p = 0; p < copy.size(); p += 3) ASSERT_LE(std::abs(copy[p] - copy[p + 1]), 1) << p;
     // Two-pass mode rewrites its slots and restores the rank bias.
     f.colour = nullptr, f.copy = nullptr;
     TmParam &p = f.params;
-    p.slot[9] = 1.0f, p.slot[0] = 3.0f, p.slot[1] = 2.0f, p.slot[2] = 1.5f;
+    p = bvtest::tm_slots({{9, 1.0f}, {0, 3.0f}, {1, 2.0f}, {2, 1.5f}}, p);
     ASSERT_EQ(go(-1), 1);
     EXPECT_EQ(std::make_tuple(p.slot[0], p.slot[1], p.slot[2], p.slot[10], p.slot[18]),
               std::make_tuple(0.0f, 2.0f, 0.0f, 5.625f, 1.0f));
@@ -542,24 +537,10 @@ TEST(FusionDriver, FullDisk) {
         GTEST_SKIP() << "/dev/full is not available";
     Fusion f({4, 37, 29, 3, 8, 8, 16, 16, 0, 0, 0});
     const Bytes in = stack(f), ref = f.picture(in);
-    f.dir = bvtest::temp_path("fusion-full");
-    ASSERT_EQ(std::system(("mkdir -p " + f.dir).c_str()), 0);
+    f.dir = bvtest::temp_dir("fusion-full");
     f.src = "/dev/full";
     EXPECT_EQ(f.picture(in), ref);
     f.src.clear();
     f.weights = "/dev/full";
     EXPECT_EQ(f.run(in.data(), nullptr), BV_FU_EDEPTH);
-}
-
-// The two-pass mode lays its picture out afterwards: there too, channel
-// order and row length only move samples.
-TEST(FusionDriver, TwoPassChannelOrderAndRowLength) {
-    Fusion a(kConfigs[2].s), b(kConfigs[2].s);
-    b.bgr = b.rowOut = 0;
-    a.params.slot[9] = b.params.slot[9] = 1.0f;
-    const Bytes in = stack(a), moved = a.picture(in), packed = b.picture(in);
-    for (size_t s = 0; s < packed.size() / 2; ++s)
-        ASSERT_EQ(sample(moved, 16, s / 3 / a.w * a.rowOut + s / 3 % a.w * 3 + 2 - s % 3),
-                  sample(packed, 16, s))
-            << "sample " << s;
 }

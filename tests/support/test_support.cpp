@@ -79,6 +79,21 @@ std::string shell(const std::string &cmd) {
     return out;
 }
 
+std::string temp_dir(const std::string &name) {
+    const std::string p = temp_path(name);
+    std::error_code ec;
+    fs::create_directories(p, ec);
+    EXPECT_FALSE(ec) << p;
+    return p;
+}
+
+DimParam dim_param(int w, int h, int channels, int bitsIn, int bitsOut) {
+    DimParam d;
+    init_dim_param(&d);
+    d.width = w, d.height = h, d.channels = channels, d.bitsIn = bitsIn, d.bitsOut = bitsOut;
+    return d;
+}
+
 FailAllocation::FailAllocation(long nth) { bv::detail::g_alloc_fail_countdown.store(nth); }
 FailAllocation::~FailAllocation() { bv::detail::g_alloc_fail_countdown.store(-1); }
 

@@ -12,8 +12,10 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <initializer_list>
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 namespace bvtest {
@@ -35,6 +37,27 @@ std::string text_of(const std::string &path);  // "" when unreadable
 std::string write_text(const std::string &name, const std::string &content);
 // Standard output of a shell command.
 std::string shell(const std::string &cmd);
+// A fresh temporary folder, created; removed at exit with the rest.
+std::string temp_dir(const std::string &name);
+
+// What call() prints on standard error, each occurrence of `path` shown as "%s".
+template <class F>
+std::string stderr_of(F &&call, const std::string &path = "") {
+    testing::internal::CaptureStderr();
+    call();
+    std::string s = testing::internal::GetCapturedStderr();
+    for (size_t at; !path.empty() && (at = s.find(path)) != std::string::npos;)
+        s.replace(at, path.size(), "%s");
+    return s;
+}
+
+// Packed rows of w x h pixels; the other fields keep init_dim_param's defaults.
+DimParam dim_param(int w, int h, int channels, int bitsIn, int bitsOut);
+// `p` with the given {index, value} slots set.
+inline TmParam tm_slots(std::initializer_list<std::pair<int, float>> slots, TmParam p = {}) {
+    for (const auto &[i, v] : slots) p.slot[i] = v;
+    return p;
+}
 
 // Makes the n-th next scratch allocation inside the library fail (0 = the
 // next one). Disarmed by the guard's destructor.
