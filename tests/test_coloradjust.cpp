@@ -111,35 +111,34 @@ TEST(AdjustColors, HueShiftMovesRedByTheDocumentedAmount) {
     EXPECT_NEAR(hue_degrees(b.data(), 65535), 270.0f, 0.05f);
 }
 
-TEST(AdjustColors, LightnessTemperatureSaturationAndLayout) {
-    // Reds to black; greys untouched; half saturated, half as much darker.
-    const auto px =
-        adjusted(tm_slots({{22, -100}}),
-                 std::vector<uint8_t>{200, 0, 0, 120, 120, 120, 200, 100, 100}, dim_of(3, 1));
-    EXPECT_EQ(std::vector<int>(px.begin(), px.begin() + 6),
-              std::vector<int>({0, 0, 0, 120, 120, 120}));
-    EXPECT_NEAR(px[6], 100, 1);
-    EXPECT_NEAR(px[7], 50, 1);
-    // Warmer, four samples: B last, the third not a colour; with BGR, R last.
-    const std::vector<uint8_t> grey4 = {128, 128, 128, 77, 128, 128, 128, 77};
-    DimParam d = dim_of(2, 1, 4), db = d;
-    db.bgr = 1;
-    const auto p4 = adjusted(tm_slots({{12, 6}}), grey4, d),
-               q4 = adjusted(tm_slots({{12, 6}}), grey4, db);
-    EXPECT_GT(p4[0], p4[3]);
-    EXPECT_EQ(p4[2], 128);
-    EXPECT_GT(q4[3], q4[0]);
+TEST(AdjustColors, LightnessTemperatureAndLayoutsPinned) {
+    // clang-format off
+    const struct {
+        const char *name;
+        TmParam colour;
+        int w, h, channels, bgr, row_out;
+        std::vector<uint8_t> in, want;
+    } cases[] = {
+        // Reds to black; greys untouched; half saturated, half as much darker.
+        {"reds darker", tm_slots({{22, -100}}), 3, 1, 3, 0, 0,
+         {200, 0, 0, 120, 120, 120, 200, 100, 100}, {0, 0, 0, 120, 120, 120, 100, 50, 50}},
+        // Four samples: B last, the third not a colour; with BGR, R last.
+        {"warm RGBx", tm_slots({{12, 6}}), 1, 1, 4, 0, 0, {128, 128, 128, 77}, {145, 125, 128, 53}},
+        {"warm, BGR", tm_slots({{12, 6}}), 1, 1, 4, 1, 0, {128, 128, 128, 77}, {91, 125, 128, 100}},
+        {"padded rows", tm_slots({{BV_CA_SLOT_MASTER_HUE, 40}}), 1, 2, 3, 0, 5,
+         {200, 50, 20, 77, 77, 30, 90, 160, 77, 77}, {200, 86, 20, 77, 77, 30, 64, 160, 77, 77}},
+    };
+    // clang-format on
+    for (const auto &c : cases) {
+        DimParam d = dim_of(c.w, c.h, c.channels);
+        d.bgr = c.bgr, d.rowOut = c.row_out;
+        EXPECT_EQ(adjusted(c.colour, c.in, d), c.want) << c.name;
+    }
     // Float samples lose their colour entirely at saturation -10.
     const auto f =
         adjusted(tm_slots({{13, -10}}), std::vector<float>{0.9f, 0.2f, 0.1f}, dim_of(1, 1, 3, 32));
     EXPECT_FLOAT_EQ(f[0], f[1]);
     EXPECT_FLOAT_EQ(f[1], f[2]);
-    // Padded rows: the padding is not touched.
-    DimParam dp = dim_of(2, 3);
-    dp.rowOut = 8;
-    const auto padded =
-        adjusted(tm_slots({{BV_CA_SLOT_MASTER_HUE, 40}}), std::vector<uint8_t>(24, 77), dp);
-    for (int y = 0; y < 3; ++y) EXPECT_EQ(padded[y * 8 + 6] + padded[y * 8 + 7], 154) << y;
 }
 
 TEST(AdjustColors, IdenticalForAnyThreadCount) {

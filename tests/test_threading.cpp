@@ -76,25 +76,15 @@ TEST(Bands, SplitIsEvenWithRemainderLast) {
     EXPECT_TRUE(sizes(4, 4, 3).empty());
 }
 
-TEST(Bands, RunBandsAndWavesCoverEveryRowOnceForAnyThreadCount) {
-    for (int height : {1, 5, 17, 31})
-        bvtest::expect_thread_invariant([&](int threads) {
-            std::vector<int> rows(height, 0);
-            EXPECT_EQ(bv::threading::run_bands(0, height, threads,
-                                               [&](const bv::threading::Band &b) {
-                                                   for (int y = b.first; y < b.end; ++y)
-                                                       rows[y] += 1;
-                                               }),
-                      0);
-            std::vector<std::atomic<int>> hits(23);
-            bv::threading::run_waves(23, threads, [&](int i) { hits[i].fetch_add(1); });
-            for (auto &h : hits) rows.push_back(h.load());
-            EXPECT_EQ(rows, std::vector<int>(height + 23, 1)) << threads << " threads";
-            return rows;
-        });
+TEST(Bands, WavesRunEveryIndexOnceForAnyThreadCount) {
+    for (int threads : {1, 2, 3, 7}) {
+        std::vector<std::atomic<int>> hits(23);
+        bv::threading::run_waves(23, threads, [&](int i) { hits[i].fetch_add(1); });
+        for (auto &h : hits) EXPECT_EQ(h.load(), 1) << threads << " threads";
+    }
 }
 
-TEST(Bands, DimBandsChecksTheImageAndReturnsTheLastBand) {
+TEST(Bands, DimBandsChecksTheImage) {
     using B = bv::threading::DimBands;
     // width, height, channels, rowOut, channels needed: status, samples per row
     // clang-format off
@@ -111,20 +101,6 @@ TEST(Bands, DimBandsChecksTheImageAndReturnsTheLastBand) {
         const B rows(d, needed);
         EXPECT_EQ(rows.status(), status) << w << "x" << h << "x" << ch << " " << row_out;
         EXPECT_EQ(status == B::kOk ? rows.row_samples() : 0, row);
-    }
-    // The result is the last band's: 10 rows in 3 bands end with 4 rows.
-    d.width = 1, d.height = 10, d.channels = 3, d.rowOut = 0;
-    for (auto [threads, want] : {std::pair{1, 10}, {2, 5}, {3, 4}, {7, 4}}) {
-        std::vector<std::atomic<int>> hits(10);
-        const int last = B(d, 3).run(
-            threads,
-            [&](const bv::threading::Band &b) {
-                for (int y = b.first; y < b.end; ++y) hits[y].fetch_add(1);
-                return b.end - b.first;
-            },
-            -2);
-        EXPECT_EQ(last, want) << threads;
-        for (auto &h : hits) EXPECT_EQ(h.load(), 1);
     }
 }
 
