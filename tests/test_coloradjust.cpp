@@ -6,14 +6,6 @@ namespace {
 
 using bvtest::tm_slots;
 
-template <class T>
-float hue_degrees(const T *px, float full) {
-    const float rgb[3] = {px[0] / full, px[1] / full, px[2] / full};
-    float hsv[3];
-    rgb2hsv_norm(rgb, hsv);
-    return hsv[0] * 360.0f;
-}
-
 DimParam dim_of(int w, int h, int ch = 3, int bits = 8) {
     return bvtest::dim_param(w, h, ch, 8, bits);
 }
@@ -94,24 +86,16 @@ TEST(AdjustColors, DesaturatingEveryBandGivesTheLuminanceGrey) {
     }
 }
 
-TEST(AdjustColors, HueShiftMovesRedByTheDocumentedAmount) {
-    for (float shift : {100.0f, -100.0f, 50.0f}) {
-        const auto px = adjusted(tm_slots({{BV_CA_SLOT_BANDS, shift}}),
-                                 std::vector<uint8_t>{255, 0, 0, 0, 0, 255}, dim_of(2, 1));
-        EXPECT_NEAR(hue_degrees(&px[0], 255), std::fmod(360.0f + shift * 0.3f, 360.0f), 0.5f)
-            << shift;
-        // Blues are three band centres away and keep their hue.
-        EXPECT_EQ(std::vector<int>(px.begin() + 3, px.end()), std::vector<int>({0, 0, 255}));
-    }
-    // The master shift moves every hue; a band fully at its centre (blue, 240).
+TEST(AdjustColors, MasterAndBandHueShifts16Bit) {
+    // The master shift turns every hue, a band its centre fully.
     const std::vector<uint16_t> green = {0, 65535, 0}, blue = {0, 0, 65535};
     const auto g = adjusted(tm_slots({{BV_CA_SLOT_MASTER_HUE, 100}}), green, dim_of(1, 1, 3, 16));
     const auto b = adjusted(tm_slots({{BV_CA_SLOT_BANDS + 3 * 5, 100}}), blue, dim_of(1, 1, 3, 16));
-    EXPECT_NEAR(hue_degrees(g.data(), 65535), 150.0f, 0.1f);
-    EXPECT_NEAR(hue_degrees(b.data(), 65535), 270.0f, 0.05f);
+    EXPECT_EQ(g, std::vector<uint16_t>({0, 65535, 32768}));  // 150 degrees
+    EXPECT_EQ(b, std::vector<uint16_t>({32768, 0, 65535}));  // 270 degrees
 }
 
-TEST(AdjustColors, LightnessTemperatureAndLayoutsPinned) {
+TEST(AdjustColors, HueLightnessTemperatureAndLayoutsPinned) {
     // clang-format off
     const struct {
         const char *name;
@@ -119,6 +103,11 @@ TEST(AdjustColors, LightnessTemperatureAndLayoutsPinned) {
         int w, h, channels, bgr, row_out;
         std::vector<uint8_t> in, want;
     } cases[] = {
+        // A band at +-100 turns its centre by +-30 degrees: blues are three centres away.
+        {"reds +30 degrees", tm_slots({{BV_CA_SLOT_BANDS, 100}}), 2, 1, 3, 0, 0,
+         {255, 0, 0, 0, 0, 255}, {255, 128, 0, 0, 0, 255}},
+        {"reds -30 degrees", tm_slots({{BV_CA_SLOT_BANDS, -100}}), 1, 1, 3, 0, 0,
+         {255, 0, 0}, {255, 0, 128}},
         // Reds to black; greys untouched; half saturated, half as much darker.
         {"reds darker", tm_slots({{22, -100}}), 3, 1, 3, 0, 0,
          {200, 0, 0, 120, 120, 120, 200, 100, 100}, {0, 0, 0, 120, 120, 120, 100, 50, 50}},
@@ -153,16 +142,12 @@ TEST(AdjustColors, BadInputAndCancelLeaveTheImage) {
     TmParam p = tm_slots({{45, -50}});
     const auto orig = bvtest::random_bytes(4 * 4 * 3, 7);
     auto img = orig;
-    DimParam short_rows = dim_of(4, 4);
-    short_rows.rowOut = 11;
     EXPECT_EQ(bv_adjust_colors(1, nullptr, 0, nullptr, nullptr, img.data(), dim_of(4, 4)),
               BV_CA_EBADARG);
     EXPECT_EQ(bv_adjust_colors(1, nullptr, 0, nullptr, &p, nullptr, dim_of(4, 4)), BV_CA_EBADARG);
     EXPECT_EQ(bv_adjust_colors(2, stop_at_once, 15, &p, &p, img.data(), dim_of(4, 4)),
               BV_CA_ECANCEL);
     EXPECT_EQ(adjust(p, img.data(), dim_of(-4, 4)), BV_CA_EBADARG);
-    EXPECT_EQ(adjust(p, img.data(), short_rows), BV_CA_EBADARG);
-    EXPECT_EQ(adjust(p, img.data(), dim_of(0, 4)), 0);
     EXPECT_EQ(adjust(p, img.data(), dim_of(4, 0)), 0);
     EXPECT_EQ(adjust(p, img.data(), dim_of(4, 4, 1)), 4) << "grey images are left alone";
     {
@@ -170,11 +155,10 @@ TEST(AdjustColors, BadInputAndCancelLeaveTheImage) {
         EXPECT_EQ(adjust(p, img.data(), dim_of(4, 4)), BV_CA_ENOMEM);
     }
     EXPECT_EQ(img, orig);
-    // Threads <= 0 work inline.
-    auto a = orig, b = orig;
+    // No threads asked for: the work runs inline.
+    auto a = orig;
     EXPECT_EQ(adjust(p, a.data(), dim_of(4, 4), 0), 4);
-    EXPECT_EQ(adjust(p, b.data(), dim_of(4, 4), -2), 4);
-    EXPECT_EQ(a, b);
+    EXPECT_EQ(a, adjusted(p, orig, dim_of(4, 4)));
     EXPECT_NE(a, orig);
 }
 
