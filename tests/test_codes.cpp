@@ -55,7 +55,7 @@ TEST(CodeText, EveryNegativeCodeOfEveryFamilyHasAText) {
     for (const auto &[family, codes] : families)
         for (int code : codes) {
             const std::string t = bv_code_text(family, code);
-            EXPECT_NE(t, "unknown code") << family << " " << code;
+            EXPECT_EQ(t.find("unknown"), std::string::npos) << family << " " << code;
             EXPECT_LT(t.size(), 64u) << t;
         }
 }
