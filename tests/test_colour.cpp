@@ -126,8 +126,6 @@ TEST(Colour, LabValuesRoundTripAndTables) {
         Lab2rgb(0, in.data(), nullptr, 100, enc, out);
         EXPECT_EQ(out[0], entry);
     }
-    EXPECT_EQ(rgb2Lab(1, nullptr, nullptr, nullptr, lab), -1);
-    EXPECT_EQ(Lab2rgb(0, lab, rgb, 100, nullptr, out), -1);
 }
 
 // CIE illuminants' temperatures give their published chromaticities.
@@ -144,19 +142,14 @@ TEST(Colour, KelvinGivesDaylightWhites) {
     float keep[3] = {1, 2, 3};
     for (float k : {0.0f, -100.0f, NAN}) EXPECT_EQ(kelvin2XYZ(k, keep), 0);
     expect_near(keep, {1, 2, 3}, 0);
-    EXPECT_EQ(kelvin2XYZ(6500, nullptr), -1);
 }
 
 TEST(Colour, RgbXyzMatrices) {
-    // Each space's rows sum to its white; every entry is pinned.
-    const V3 whites[3] = {
-        {0.95047f, 1, 1.08883f}, {0.95047f, 1, 1.08883f}, {0.96422f, 1, 0.82521f}};
+    // Every entry of the three spaces' matrices pinned.
     std::vector<float> all;
     for (int space = 0; space < 3; ++space) {
         float to[9], from[9];
         ASSERT_EQ(getRGB_to_from_XYZ(space, to, from), 1);
-        for (int r = 0; r < 3; ++r)
-            EXPECT_NEAR(to[3 * r] + to[3 * r + 1] + to[3 * r + 2], whites[space][r], 2e-5f);
         all.insert(all.end(), to, to + 9);
         all.insert(all.end(), from, from + 9);
     }
@@ -193,7 +186,9 @@ TEST(Colour, NullPointersAreRefused) {
     for (int rc : {rgb_to_hsl(nullptr, v), hsl_to_rgb(v, nullptr), frgb2hsl(v, nullptr),
                    fhsl2rgb(nullptr, v), rgb2hsl(255, nullptr, v), hsl2rgb(255, v, nullptr),
                    rgb2hsl_norm(nullptr, v), hsl2rgb_norm(v, nullptr), rgb2hsv_norm(v, nullptr),
-                   hsv2rgb_norm(nullptr, v), getRGB_to_from_XYZ(0, nullptr, nullptr)})
+                   hsv2rgb_norm(nullptr, v), getRGB_to_from_XYZ(0, nullptr, nullptr),
+                   rgb2Lab(1, nullptr, nullptr, nullptr, v), Lab2rgb(0, v, v, 100, nullptr, v),
+                   kelvin2XYZ(6500, nullptr)})
         EXPECT_EQ(rc, -1);
 }
 
