@@ -3,14 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
+#include <vector>
 
 namespace {
 
 TEST(CodeText, EachFamilyReadsItsOwnTable) {
-    struct Case {
-        int family, code;
-        const char *text;
-    } cases[] = {
+    const std::tuple<int, int, const char *> cases[] = {
         {BV_FAMILY_BUFFERS, BV_STRIP_ERR_READ, "strip file read short"},
         {BV_FAMILY_THREADS, BV_DW_ENOMEM, "out of memory"},
         {BV_FAMILY_COLOUR, BV_COLOUR_EARG, "NULL pointer or negative index"},
@@ -27,24 +26,18 @@ TEST(CodeText, EachFamilyReadsItsOwnTable) {
         {BV_FAMILY_TONEMAP, -1, "NULL pointer or bad sizes"},
         // Success, codes outside the table, families outside the header.
         {BV_FAMILY_TONEMAP, 0, "ok"},
-        {BV_FAMILY_RADIANCE, 1080, "ok"},
         {BV_FAMILY_TONEMAP, -3, "unknown code"},
-        {BV_FAMILY_RADIANCE, -199, "unknown code"},
         {0, -1, "unknown family"},
         {BV_FAMILY_BLEND + 1, -1, "unknown family"},
         {-1, 0, "unknown family"},
     };
-    for (const Case &c : cases)
-        EXPECT_EQ(std::string(bv_code_text(c.family, c.code)), c.text)
-            << "family " << c.family << " code " << c.code;
+    for (const auto &[family, code, text] : cases)
+        EXPECT_EQ(std::string(bv_code_text(family, code)), text) << family << " " << code;
 }
 
 TEST(CodeText, EveryNegativeCodeOfEveryFamilyHasAText) {
     // Each family's codes as its section of the header lists them.
-    struct Family {
-        int family;
-        std::initializer_list<int> codes;
-    } families[] = {
+    const std::pair<int, std::vector<int>> families[] = {
         {BV_FAMILY_BUFFERS, {-1, -3, -20, -21, -22}},
         {BV_FAMILY_THREADS, {-1, -4}},
         {BV_FAMILY_COLOUR, {-1}},
@@ -59,10 +52,10 @@ TEST(CodeText, EveryNegativeCodeOfEveryFamilyHasAText) {
         {BV_FAMILY_FUSION, {-1, -2, -3, -4, -5}},
         {BV_FAMILY_BLEND, {-2, -3, -4}},
     };
-    for (const Family &f : families)
-        for (int code : f.codes) {
-            const std::string t = bv_code_text(f.family, code);
-            EXPECT_NE(t, "unknown code") << f.family << " " << code;
+    for (const auto &[family, codes] : families)
+        for (int code : codes) {
+            const std::string t = bv_code_text(family, code);
+            EXPECT_EQ(t.find("unknown"), std::string::npos) << family << " " << code;
             EXPECT_LT(t.size(), 64u) << t;
         }
 }

@@ -12,10 +12,6 @@ void expect_near(const float *got, V3 want, float tol) {
     for (int i = 0; i < 3; ++i) EXPECT_NEAR(got[i], want[i], tol) << i;
 }
 
-V3 random_rgb(bvtest::Rng &rng) {
-    return {float(rng.uniform()), float(rng.uniform()), float(rng.uniform())};
-}
-
 // Known colours through HSL and HSV, and each HSV sector back to RGB.
 TEST(Colour, KnownColoursAndHueBranches) {
     const struct {
@@ -56,13 +52,12 @@ TEST(Colour, KnownColoursAndHueBranches) {
     expect_near(keep, {7, 8, 9}, 0);
 }
 
-// Random colours: every member of the HSL family shares one arithmetic, so
-// they agree bit for bit; HSL, HSV (below hue 1) and Lab invert closely (Lab's
-// 0.33333 exponent is not an exact third, so its trip is not exact).
+// The HSL family agrees bit for bit; HSL, HSV (below hue 1) and Lab (its
+// exponent 0.33333 is not a third) invert closely.
 TEST(Colour, HslFamilyAgreesAndRoundTrips) {
     bvtest::Rng rng(5);
     for (int i = 0; i < 20000; ++i) {
-        const V3 rgb = random_rgb(rng);
+        const V3 rgb = {float(rng.uniform()), float(rng.uniform()), float(rng.uniform())};
         V3 a, b, c, back_a, back_b, back_c, hsv, lab;
         rgb_to_hsl(rgb.data(), a.data());
         frgb2hsl(rgb.data(), b.data());
@@ -88,10 +83,8 @@ TEST(Colour, RangedHslScalesByRange) {
     float hsl[3], back[3], h0[3], h1[3];
     ASSERT_EQ(rgb2hsl(255, red, hsl), 1);
     expect_near(hsl, {0, 1, 0.5f}, 1e-6f);
-    ASSERT_EQ(hsl2rgb(255, hsl, back), 1);
-    expect_near(back, {255, 0, 0}, 1e-4f);
     rgb2hsl(65535, c16, hsl);
-    hsl2rgb(65535, hsl, back);
+    ASSERT_EQ(hsl2rgb(65535, hsl, back), 1);
     expect_near(back, {1000, 30000, 65535}, 0.2f);
     EXPECT_NEAR(hue2rgb(255, 0, 255, 0.1f), 153.0f, 1e-3f);
     // A range below 1 counts as 1, not as a division by zero.
@@ -133,12 +126,9 @@ TEST(Colour, LabValuesRoundTripAndTables) {
         Lab2rgb(0, in.data(), nullptr, 100, enc, out);
         EXPECT_EQ(out[0], entry);
     }
-    EXPECT_EQ(rgb2Lab(1, nullptr, nullptr, nullptr, lab), -1);
-    EXPECT_EQ(Lab2rgb(0, lab, rgb, 100, nullptr, out), -1);
 }
 
-// The daylight locus at the CIE illuminants' temperatures gives their
-// published chromaticities.
+// CIE illuminants' temperatures give their published chromaticities.
 TEST(Colour, KelvinGivesDaylightWhites) {
     const float cases[][3] = {
         {6504, 0.3127f, 0.3290f}, {7504, 0.2990f, 0.3149f}, {5003, 0.3457f, 0.3585f}};
@@ -152,28 +142,18 @@ TEST(Colour, KelvinGivesDaylightWhites) {
     float keep[3] = {1, 2, 3};
     for (float k : {0.0f, -100.0f, NAN}) EXPECT_EQ(kelvin2XYZ(k, keep), 0);
     expect_near(keep, {1, 2, 3}, 0);
-    EXPECT_EQ(kelvin2XYZ(6500, nullptr), -1);
 }
 
 TEST(Colour, RgbXyzMatrices) {
-    // Each space's rows sum to its white; the two matrices invert.
-    const V3 whites[3] = {
-        {0.95047f, 1, 1.08883f}, {0.95047f, 1, 1.08883f}, {0.96422f, 1, 0.82521f}};
-    float to[9], from[9];
+    // Every entry of the three spaces' matrices pinned.
+    std::vector<float> all;
     for (int space = 0; space < 3; ++space) {
+        float to[9], from[9];
         ASSERT_EQ(getRGB_to_from_XYZ(space, to, from), 1);
-        for (int r = 0; r < 3; ++r) {
-            EXPECT_NEAR(to[3 * r] + to[3 * r + 1] + to[3 * r + 2], whites[space][r], 2e-5f);
-            for (int c = 0; c < 3; ++c) {
-                float p = 0;
-                for (int k = 0; k < 3; ++k) p += from[3 * r + k] * to[3 * k + c];
-                EXPECT_NEAR(p, r == c ? 1.0f : 0.0f, 2e-4f) << space << r << c;
-            }
-        }
+        all.insert(all.end(), to, to + 9);
+        all.insert(all.end(), from, from + 9);
     }
-    getRGB_to_from_XYZ(0, to, from);
-    EXPECT_EQ(to[0], 0.412456f);
-    EXPECT_EQ(from[0], 3.240454f);
+    EXPECT_EQ(bvtest::digest(all), 16687784824586820747u);
     float untouched[9] = {5, 5, 5, 5, 5, 5, 5, 5, 5}, also[9] = {5, 5, 5, 5, 5, 5, 5, 5, 5};
     EXPECT_EQ(getRGB_to_from_XYZ(3, untouched, also), 1);
     EXPECT_EQ(getRGB_to_from_XYZ(-1, untouched, also), 1);
@@ -185,9 +165,6 @@ TEST(Colour, AgreesWithOpenCvHlsAndHsv) {
     std::istringstream lines(
         bvtest::shell("/usr/bin/python3 tests/scripts/opencv_hls_hsv.py 2>/dev/null"));
     if (lines.str().empty()) GTEST_SKIP() << "needs /usr/bin/python3 with OpenCV (python3-opencv)";
-    auto hue_gap = [](double a, double b) {
-        return std::fabs(std::fmod(a - b + 540.0, 360.0) - 180.0);
-    };
     int rows = 0;
     for (std::string line; std::getline(lines, line); ++rows) {
         float rgb[3], hls[3], hsv[3], ours_l[3], ours_v[3];
@@ -196,8 +173,8 @@ TEST(Colour, AgreesWithOpenCvHlsAndHsv) {
                   9);
         rgb_to_hsl(rgb, ours_l);
         rgb2hsv_norm(rgb, ours_v);
-        EXPECT_LT(hue_gap(ours_l[0] * 360.0, hls[0]), 0.01) << line;
-        EXPECT_LT(hue_gap(ours_v[0] * 360.0, hsv[0]), 0.01) << line;
+        EXPECT_LT(std::fabs(std::remainder(ours_l[0] * 360.0 - hls[0], 360.0)), 0.01) << line;
+        EXPECT_LT(std::fabs(std::remainder(ours_v[0] * 360.0 - hsv[0], 360.0)), 0.01) << line;
         expect_near(ours_l, {ours_l[0], hls[2], hls[1]}, 1e-5f);
         expect_near(ours_v, {ours_v[0], hsv[1], hsv[2]}, 1e-5f);
     }
@@ -209,7 +186,9 @@ TEST(Colour, NullPointersAreRefused) {
     for (int rc : {rgb_to_hsl(nullptr, v), hsl_to_rgb(v, nullptr), frgb2hsl(v, nullptr),
                    fhsl2rgb(nullptr, v), rgb2hsl(255, nullptr, v), hsl2rgb(255, v, nullptr),
                    rgb2hsl_norm(nullptr, v), hsl2rgb_norm(v, nullptr), rgb2hsv_norm(v, nullptr),
-                   hsv2rgb_norm(nullptr, v), getRGB_to_from_XYZ(0, nullptr, nullptr)})
+                   hsv2rgb_norm(nullptr, v), getRGB_to_from_XYZ(0, nullptr, nullptr),
+                   rgb2Lab(1, nullptr, nullptr, nullptr, v), Lab2rgb(0, v, v, 100, nullptr, v),
+                   kelvin2XYZ(6500, nullptr)})
         EXPECT_EQ(rc, -1);
 }
 

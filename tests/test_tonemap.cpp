@@ -8,8 +8,6 @@ namespace {
 
 namespace tc = bv::tmcore;
 
-// ---------------------------------------------------------------- records
-
 TEST(TmParams, DefaultsPerMethod) {
     using Slots = std::vector<std::pair<int, float>>;  // every other slot is 0
     // clang-format off
@@ -40,22 +38,16 @@ TEST(TmParams, DefaultsPerMethod) {
 }
 
 TEST(TmParams, SliderMappingRoundsHalvesDown) {
-    for (double e : {0.25, 0.5, 1.0, 2.0, 3.7}) {
-        EXPECT_EQ(slider2param(100, e), 200000) << e;
-        EXPECT_EQ(param2slider(200000.0f, e), 100) << e;
-        EXPECT_EQ(slider2param(0, e), 0);
-    }
-    // Exactly 2.5 and 0.5 go down, just above 1.5 up; a negative value makes a NaN power.
-    EXPECT_EQ(
-        std::vector<int>({param2slider(5000, 1), param2slider(1000, 1), param2slider(125, 0.5),
-                          param2slider(3000, 1), param2slider(3400, 1), param2slider(-5, 0.5),
-                          slider2param(50, 1.0), slider2param(50, 2.0)}),
-        std::vector<int>({2, 0, 2, 2, 2, 0, 100000, 50000}));
+    // Exactly 2.5 and 0.5 go down, 1.5 + epsilon up, a NaN power gives 0.
+    EXPECT_EQ(std::vector<int>(
+                  {slider2param(100, 0.25), slider2param(100, 3.7), param2slider(200000.0f, 0.25),
+                   param2slider(200000.0f, 3.7), slider2param(0, 2.0), param2slider(5000, 1),
+                   param2slider(1000, 1), param2slider(125, 0.5), param2slider(3000, 1),
+                   param2slider(-5, 0.5), slider2param(50, 1.0), slider2param(50, 2.0)}),
+              std::vector<int>({200000, 200000, 100, 100, 0, 2, 0, 2, 2, 0, 100000, 50000}));
     // Reciprocal exponents invert each other (up to rounding).
     for (int s = 0; s <= 100; s += 7) EXPECT_NEAR(param2slider(slider2param(s, 2.0), 0.5), s, 1);
 }
-
-// ---------------------------------------------------------------- toolkit
 
 TEST(TmToolkit, LogLumMapAndAverages) {
     const float e2 = std::exp(2.0f);
@@ -97,8 +89,7 @@ TEST(TmToolkit, PercentileSafeguardsTerminate) {
     hist[0][100] = 200;
     const int c = tc::verifPercentile(hist, 0, 50);
     EXPECT_TRUE(c >= 600 && c < 800) << c;
-    // Counts the 5 % steps cannot move, an empty histogram, and mass at both
-    // ends (the search oscillates) still return.
+    // Stuck counts, an empty histogram and an oscillating search still return.
     EXPECT_EQ(tc::verifPercentile(hist, 0, 0), 0);
     EXPECT_GE(tc::verifPercentile(empty, 0, 1000), 0);
     split[0][0] = split[0][255] = 1000;
@@ -131,8 +122,7 @@ TEST(TmToolkit, CubicThroughTwoPointsFlatAtTheFirst) {
     tc::coeffPoly3(&a, &b, &c, &d, 0.2, 0.1, 0.8, 0.9);
     auto p = [&](double x) { return ((a * x + b) * x + c) * x + d; };
     auto slope = [&](double x) { return (3 * a * x + 2 * b) * x + c; };
-    // Through both points, flat at the first; the fixed coefficients leave a
-    // slope of -3a(x1 - x0)^2 at x1.
+    // Through both points, flat at the first, slope -3a(x1 - x0)^2 at x1.
     for (auto [got, want] :
          {std::pair{p(0.2), 0.1}, {p(0.8), 0.9}, {slope(0.2), 0.0}, {slope(0.8), -3 * a * 0.36}})
         EXPECT_NEAR(got, want, 1e-12);
@@ -161,8 +151,6 @@ TEST(TmToolkit, MapDoublingWeightsAndPlanes) {
     EXPECT_EQ(tc::rgb_interleaved2color_planes(2, 1, 3, 32, px, planes), -1);
 }
 
-// ---------------------------------------------------------------- tm_simple
-
 LogLumStats make_stats(float mn, float mx, float med, float high) {
     return LogLumStats{{mn, mx, med, med, high, med}};
 }
@@ -182,23 +170,12 @@ std::vector<float> make_image(int w, int h, uint64_t seed) {
 }
 
 DimParam float_dim(int w, int h, int bits = 8) {
-    DimParam d;
-    init_dim_param(&d);
-    d.width = w, d.height = h, d.bitsIn = 32, d.bitsOut = bits, d.sourceKind = 10;
+    DimParam d = bvtest::dim_param(w, h, 3, 32, bits);
+    d.sourceKind = 10;
     return d;
 }
 
-// n default records, the first with the given slots.
-std::vector<TmParam> params(std::initializer_list<std::pair<int, float>> slots = {}, int n = 1) {
-    std::vector<TmParam> p(n);
-    for (auto &r : p) tmparam_default(0, 0, &r);
-    for (auto [slot, v] : slots) p[0].slot[slot] = v;
-    return p;
-}
-
-// Output samples (8- or 16-bit widened to int) of one call with `threads`, on
-// outputs pre-filled with 0xCD; the code is the height inline, else the last
-// band's row count.
+// Output of one call (outputs pre-filled with 0xCD), checking its code.
 std::vector<int> once(const std::vector<TmParam> &p, const LogLumStats &st, const void *img,
                       DimParam d, int threads, const unsigned char *map = nullptr,
                       const float *table = nullptr) {
@@ -220,7 +197,7 @@ std::vector<int> run(const std::vector<TmParam> &p, const LogLumStats &st, const
         [&](int t) { return once(p, st, img, d, t, map, table); });
 }
 
-TEST(TmSimple, CurveGoldenValuesAndProperties) {
+TEST(TmSimple, CurveGoldenValues) {
     const float greys[] = {0.001f, 0.02f, 0.3f, 1.0f, 4.0f, 15.0f};
     std::vector<float> img;
     for (float g : greys) img.insert(img.end(), {g, g, g});
@@ -233,30 +210,19 @@ TEST(TmSimple, CurveGoldenValuesAndProperties) {
     for (const LogLumStats &st : stats)
         for (const auto &set : settings)
             for (int bits : {8, 16}) {
-                auto p = params();
+                std::vector<TmParam> p(1);
                 std::copy(set, set + 5, p[0].slot);
                 const std::vector<int> out = once(p, st, img.data(), float_dim(6, 1, bits), 1);
-                for (size_t i = 0; i < out.size(); i += 3) {
-                    EXPECT_TRUE(out[i] == out[i + 1] && out[i] == out[i + 2]) << "grey stays grey";
-                    EXPECT_GE(out[i], i ? out[i - 3] : 0) << "brighter in, brighter out";
-                }
                 all.insert(all.end(), out.begin(), out.end());
             }
-    // The default curve, 8 and 16 bits, and the whole table pinned bit for bit.
-    std::vector<int> first8, first16;
-    for (int i = 0; i < 6; ++i) first8.push_back(all[3 * i]), first16.push_back(all[18 + 3 * i]);
-    EXPECT_EQ(first8, std::vector<int>({0, 5, 58, 118, 192, 246}));
-    EXPECT_EQ(first16, std::vector<int>({6, 1356, 15104, 30532, 49470, 63222}));
+    // The whole table pinned bit for bit.
     EXPECT_EQ(bvtest::digest(all), 15797154770065013495u);
-    // A brighter exposure setting never darkens a grey.
-    for (int i = 0; i < 6; ++i) EXPECT_LE(all[3 * i], all[36 * 3 + 3 * i]);
 }
 
 TEST(TmSimple, BadInputGetsDocumentedCodesAndWritesNothing) {
     const auto img = make_image(4, 3, 1);
-    const auto p = params();
-    const LogLumStats equal = make_stats(1, 1, 1, 1), above = make_stats(2, 1, 1, 1),
-                      nan = make_stats(NAN, 1, 0, 0);
+    const std::vector<TmParam> p(1);
+    const LogLumStats equal = make_stats(1, 1, 1, 1), nan = make_stats(NAN, 1, 0, 0);
     // clang-format off
     // The failing scratch allocation, or -1.
     struct Call { const TmParam *p; const LogLumStats *st; const void *in; bool out; DimParam d;
@@ -271,7 +237,6 @@ TEST(TmSimple, BadInputGetsDocumentedCodesAndWritesNothing) {
         {"negative width", [](Call &c) { c.d.width = -1; }, BV_TM_EBADARG},
         {"planes in one channel", [](Call &c) { c.d.channels = 1, c.d.layout = 3; }, BV_TM_EBADARG},
         {"min equal to max", [&](Call &c) { c.st = &equal; }, BV_TM_ESTATS},
-        {"min above max", [&](Call &c) { c.st = &above; }, BV_TM_ESTATS},
         {"NaN min", [&](Call &c) { c.st = &nan; }, BV_TM_ESTATS},
         {"first table allocation fails", [](Call &c) { c.fail = 0; }, BV_TM_ENOMEM},
         {"second table allocation fails", [](Call &c) { c.fail = 1; }, BV_TM_ENOMEM},
@@ -293,26 +258,19 @@ TEST(TmSimple, BadInputGetsDocumentedCodesAndWritesNothing) {
             EXPECT_EQ(out, std::vector<uint16_t>(32, 0xCDCD)) << k.name;
         }
     // No threads asked for: the work runs on the calling thread.
-    const auto one = once(p, kStats, img.data(), float_dim(4, 3), 1);
-    EXPECT_EQ(once(p, kStats, img.data(), float_dim(4, 3), 0), one);
-    EXPECT_EQ(once(p, kStats, img.data(), float_dim(4, 3), -3), one);
+    EXPECT_EQ(once(p, kStats, img.data(), float_dim(4, 3), 0),
+              once(p, kStats, img.data(), float_dim(4, 3), 1));
     // NaN and infinite samples never give garbage or trap.
     const std::vector<float> odd = {NAN, 1, 1, INFINITY, 1, 1, -1, -1, -1, 1e30f, 0, 0};
     EXPECT_EQ(run(p, kStats, odd.data(), float_dim(4, 1))[0], 0);
 }
 
-// Plain settings take a chunked fast path; a region map of weight 0 forces
-// the general per-pixel path. Both must agree bit for bit, whatever the
-// thread count, also with colour tables active (temperature, saturation,
-// an orange hue shift, yellow lightness).
+// A region map of weight 0 forces the per-pixel path: same as the fast one.
 TEST(TmSimple, FastAndGeneralPathsAgreeForAnyThreadCount) {
     const bvtest::Planar rgbe = bvtest::random_planar(263, 23, 12);
     float table[256];
     exp_lut_old(table);
-    auto p = params({{0, -1.5f}, {3, 1}}, 2);
-    p[1] = p[0];
-    p[1].slot[0] = 2;
-    auto coloured = params({{12, 3}, {13, 2}, {24, 40}, {27, 30}}, 2);
+    std::vector<TmParam> p = {bvtest::tm_slots({{0, -1.5f}, {3, 1}}), {}};  // one region set
     const std::vector<unsigned char> map(263 * 23 * 2, 0);
     // 263 columns: a chunk and a ragged tail per row.
     for (int h : {1, 2, 5, 23}) {
@@ -320,148 +278,75 @@ TEST(TmSimple, FastAndGeneralPathsAgreeForAnyThreadCount) {
         img[7] = NAN, img[11] = INFINITY, img[20] = -2.0f;
         for (bool use_rgbe : {false, true})
             for (int bits : {8, 16})
-                for (int layout : {0, 3})
-                    for (auto *set : {&p, &coloured}) {
-                        DimParam d = float_dim(263, h, bits);
-                        d.layout = layout, d.sourceKind = use_rgbe ? 0 : 10;
-                        const void *in =
-                            use_rgbe ? static_cast<const void *>(rgbe.px.data()) : img.data();
-                        (*set)[0].slot[55] = 0;
-                        const auto fast = run(*set, kStats, in, d, nullptr, table);
-                        (*set)[0].slot[55] = 1;
-                        ASSERT_EQ(run(*set, kStats, in, d, map.data(), table), fast)
-                            << h << " " << use_rgbe << " " << bits << " " << layout;
-                    }
+                for (int layout : {0, 3}) {
+                    DimParam d = float_dim(263, h, bits);
+                    d.layout = layout, d.sourceKind = use_rgbe ? 0 : 10;
+                    const void *in =
+                        use_rgbe ? static_cast<const void *>(rgbe.px.data()) : img.data();
+                    p[0].slot[55] = 0;
+                    const auto fast = run(p, kStats, in, d, nullptr, table);
+                    p[0].slot[55] = 1;
+                    ASSERT_EQ(run(p, kStats, in, d, map.data(), table), fast)
+                        << h << " " << use_rgbe << " " << bits << " " << layout;
+                }
     }
 }
 
-TEST(TmSimple, RgbeInputMatchesItsDecodedFloats) {
-    const int w = 19, h = 7;
-    bvtest::Planar rgbe = bvtest::random_planar(w, h, 4);
-    for (int y = 0; y < h; ++y) *rgbe.at(3, y, 3) = 0;  // black whatever the mantissas
-    float table[256];
-    exp_lut_old(table);
-    const LogLumStats st = make_stats(-6, 3, -1, 2);
-    const auto p = params({{13, 4}, {45, 30}});
-    const auto from_float = run(p, st, rgbe.values().data(), float_dim(w, h));
-    DimParam rd = float_dim(w, h);
-    rd.sourceKind = 0, rd.bitsIn = 8;
-    const auto out = run(p, st, rgbe.px.data(), rd, nullptr, table);
-    for (size_t i = 0; i < out.size(); ++i) ASSERT_LE(std::abs(out[i] - from_float[i]), 1) << i;
-    for (int y = 0; y < h; ++y)
-        for (int c = 0; c < 3; ++c) EXPECT_EQ(out[(size_t(y) * w + 3) * 3 + c], 0);
-}
-
-TEST(TmSimple, LayoutsChannelOrderAndDepths) {
-    const int w = 6, h = 5;
-    const auto img = make_image(w, h, 8);
-    const auto p = params();
-    const DimParam d = float_dim(w, h);
-    const auto rgb8 = run(p, kStats, img.data(), d);
-    // 16-bit output is the same picture with finer steps.
-    const auto rgb16 = run(p, kStats, img.data(), float_dim(w, h, 16));
-    for (size_t i = 0; i < rgb8.size(); ++i) EXPECT_NEAR(rgb16[i] / 257.0, rgb8[i], 1.0);
-    // Planar output equals the interleaved result reordered; BGR swaps the
-    // first and last samples.
-    DimParam dp = d, db = d, d4 = d;
-    dp.layout = 3, db.bgr = 1;
-    const auto planar = run(p, kStats, img.data(), dp), bgr = run(p, kStats, img.data(), db);
-    for (size_t i = 0; i < rgb8.size(); ++i) {
-        EXPECT_EQ(planar[i % 3 * w * h + i / 3], rgb8[i]) << i;
-        EXPECT_EQ(bgr[i], rgb8[i / 3 * 3 + 2 - i % 3]) << i;
-    }
-    // Four samples per pixel with padded rows: B goes to the last sample,
-    // the third sample and the padding are left alone.
-    std::vector<float> img4;
-    for (size_t i = 0; i < img.size(); i += 3)
-        img4.insert(img4.end(), {img[i], img[i + 1], -1, img[i + 2]});
-    d4.channels = 4, d4.rowOut = w * 4 + 5;
-    const auto rgba = run(p, kStats, img4.data(), d4);
-    for (int y = 0; y < h; ++y)
-        for (int k = 0; k < d4.rowOut; ++k) {
-            const int x = k / 4, c = k % 4;
-            const int want =
-                k >= w * 4 || c == 2 ? 0xCD : rgb8[(size_t(y) * w + x) * 3 + c - (c == 3)];
-            EXPECT_EQ(rgba[size_t(y) * d4.rowOut + k], want) << y << " " << k;
-        }
-}
-
-TEST(TmSimple, RowWindowLeavesOtherRowsAlone) {
-    const int w = 5, h = 9;
-    const auto img = make_image(w, h, 2);
-    const auto full = run(params(), kStats, img.data(), float_dim(w, h));
-    const auto part = run(params({{56, 3}, {57, 7}}), kStats, img.data(), float_dim(w, h));
-    for (size_t k = 0; k < part.size(); ++k) {
-        const size_t y = k / (w * 3);
-        EXPECT_EQ(part[k], y >= 3 && y < 7 ? full[k] : 0xCD) << y;
-    }
-    // Out-of-range windows are ignored.
-    EXPECT_EQ(run(params({{56, h - 1}, {57, h}}), kStats, img.data(), float_dim(w, h)), full);
-}
-
-TEST(TmSimple, RegionSetsBlendOverTheBase) {
+// Outputs pinned bit for bit: rows with one digest give one picture.
+TEST(TmSimple, LayoutsWindowsRegionsAndColourPinned) {
     const int w = 8, h = 6;
     const auto img = make_image(w, h, 6);
-    auto p = params({{55, 2}}, 3);
-    p[1].slot[0] = 3;     // region 0: brighter
-    p[2].slot[13] = -10;  // region 1: no saturation at all
-    p[2].slot[12] = -4;
-    const DimParam d = float_dim(w, h);
-    const auto base = run({p[0]}, kStats, img.data(), d),
-               only1 = run({p[1]}, kStats, img.data(), d),
-               only2 = run({p[2]}, kStats, img.data(), d);
-    ASSERT_NE(base, only1);
-    std::vector<unsigned char> map(size_t(w) * h * 2);
-    auto with = [&](int weight, int index, const std::vector<TmParam> &ps) {
-        for (size_t i = 0; i < map.size(); i += 2) map[i] = weight, map[i + 1] = index;
-        return run(ps, kStats, img.data(), d, map.data());
+    std::vector<float> img4;  // four samples per pixel: B last, the third one not a colour
+    for (size_t i = 0; i < img.size(); i += 3)
+        img4.insert(img4.end(), {img[i], img[i + 1], -1, img[i + 2]});
+    // Base, then region set 0 (brighter) and 1 (no saturation at all).
+    constexpr uint64_t kBase = 5411287092658259421u, kSet0 = 13090634042763303609u,
+                       kSet1 = 13048823549005725242u;
+    const float grey = -100;  // every hue band's saturation
+    // clang-format off
+    const struct {
+        const char *name;
+        std::vector<std::pair<int, float>> slots;           // of the base record
+        int layout, bgr, channels, row_out, weight, index;  // weight -1: no region map
+        uint64_t want;
+    } cases[] = {
+        {"defaults", {}, 0, 0, 3, 0, -1, 0, kBase},
+        {"planes", {}, 3, 0, 3, 0, -1, 0, 10190075406176534989u},
+        {"BGR", {}, 0, 1, 3, 0, -1, 0, 12209833755522098173u},
+        {"4 samples, padding kept", {}, 0, 0, 4, w * 4 + 5, -1, 0, 10264998713784564621u},
+        {"row window 3..7", {{56, 3}, {57, 7}}, 0, 0, 3, 0, -1, 0, 13038775352352025822u},
+        {"window out of range", {{56, h - 1}, {57, h}}, 0, 0, 3, 0, -1, 0, kBase},
+        {"set 0 alone", {{0, 3}}, 0, 0, 3, 0, -1, 0, kSet0},
+        {"set 1 alone", {{12, -4}, {13, -10}}, 0, 0, 3, 0, -1, 0, kSet1},
+        {"weight 0: the base", {{55, 2}}, 0, 0, 3, 0, 0, 0, kBase},
+        {"index 255: the base", {{55, 2}}, 0, 0, 3, 0, 255, 255, kBase},
+        {"weight 255: the set", {{55, 2}}, 0, 0, 3, 0, 255, 0, kSet0},
+        {"index past the sets: the last", {{55, 2}}, 0, 0, 3, 0, 255, 9, kSet1},
+        {"weight 128: a blend", {{55, 2}}, 0, 0, 3, 0, 128, 0, 56748200873504835u},
+        {"no sets: map not read", {}, 0, 0, 3, 0, 255, 0, kBase},
+        {"warmer (5200 K white)", {{12, 5}}, 0, 0, 3, 0, -1, 0, 14583420889729258097u},
+        {"cooler (7800 K white)", {{12, -5}}, 0, 0, 3, 0, -1, 0, 14939483985489187664u},
+        {"more saturated", {{13, 5}}, 0, 0, 3, 0, -1, 0, 8316978040599215527u},
+        {"saturation below a step", {{13, 0.5f}}, 0, 0, 3, 0, -1, 0, 1079053649690796810u},
+        {"hue bands grey", {{21, grey}, {24, grey}, {27, grey}, {30, grey}, {33, grey}, {36, grey},
+                            {39, grey}, {42, grey}}, 0, 0, 3, 0, -1, 0, 5559970972010221859u},
     };
-    EXPECT_EQ(with(0, 0, p), base) << "weight 0: the base result exactly";
-    EXPECT_EQ(with(255, 255, p), base) << "index 255: the base result exactly";
-    EXPECT_EQ(with(255, 0, p), only1) << "weight 255: the region set alone";
-    EXPECT_EQ(with(255, 9, p), only2) << "an index past the sets takes the last";
-    const auto mid = with(128, 0, p);
-    for (size_t i = 0; i < mid.size(); ++i)
-        EXPECT_TRUE(mid[i] + 1 >= std::min(base[i], only1[i]) &&
-                    mid[i] <= std::max(base[i], only1[i]) + 1)
-            << i;
-    // Without region sets in the base record the map is not consulted.
-    for (float sets : {0.0f, -3.0f}) {
-        p[0].slot[55] = sets;
-        EXPECT_EQ(with(255, 0, {p[0]}), base);
+    // clang-format on
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        std::vector<TmParam> p(3);
+        for (auto [slot, v] : c.slots) p[0].slot[slot] = v;
+        p[1].slot[0] = 3;
+        p[2].slot[12] = -4, p[2].slot[13] = -10;
+        DimParam d = float_dim(w, h);
+        d.layout = c.layout, d.bgr = c.bgr, d.channels = c.channels, d.rowOut = c.row_out;
+        std::vector<unsigned char> map(size_t(w) * h * 2);
+        for (size_t i = 0; i < map.size(); i += 2) map[i] = c.weight, map[i + 1] = c.index;
+        const auto out = run(p, kStats, c.channels == 4 ? img4.data() : img.data(), d,
+                             c.weight < 0 ? nullptr : map.data());
+        EXPECT_EQ(bvtest::digest(out), c.want);
     }
 }
-
-TEST(TmSimple, TemperatureSaturationAndColourTables) {
-    // A grey pixel and a saturated one.
-    const std::vector<float> img = {0.5f, 0.5f, 0.5f, 0.9f, 0.2f, 0.1f};
-    auto with = [&](int slot, float v) {
-        return run(params({{slot, v}}), kStats, img.data(), float_dim(2, 1));
-    };
-    const auto plain = with(0, 0);
-    EXPECT_EQ(std::vector<int>(plain.begin(), plain.begin() + 3), std::vector<int>(3, plain[0]));
-    const auto warm = with(12, 5), cool = with(12, -5);  // 5200 K and 7800 K white references
-    EXPECT_GT(warm[0], warm[2] + 5);
-    EXPECT_GT(cool[2], cool[0] + 5);
-    const auto grey = with(13, -10), vivid = with(13, 5);  // saturation factor 0, and more
-    EXPECT_NEAR(grey[3], grey[4], 1);
-    EXPECT_NEAR(grey[4], grey[5], 1);
-    EXPECT_GT(vivid[3] - vivid[5], plain[3] - plain[5]);
-    // A slot 13 below one step builds neutral tables: only the 4096 hue
-    // steps show, by at most one output level.
-    const auto varied = make_image(31, 7, 5);
-    const auto untabled = run(params(), kStats, varied.data(), float_dim(31, 7));
-    const auto neutral = run(params({{13, 0.5f}}), kStats, varied.data(), float_dim(31, 7));
-    for (size_t i = 0; i < neutral.size(); ++i) ASSERT_LE(std::abs(neutral[i] - untabled[i]), 1);
-    // Desaturating every hue band through the tables gives exact greys.
-    auto p = params();
-    for (int b = 0; b < 8; ++b) p[0].slot[21 + 3 * b] = -100;
-    const auto tabled = run(p, kStats, make_image(9, 4, 3).data(), float_dim(9, 4));
-    for (size_t i = 0; i < tabled.size(); i += 3)
-        ASSERT_TRUE(tabled[i] == tabled[i + 1] && tabled[i + 1] == tabled[i + 2]) << i;
-}
-
-// ---------------------------------------------------------------- real data
 
 TEST(TmSimpleRealData, AtriumWithDefaultsUsesTheRange) {
     const std::string dir = bvtest::shared_data_dir();
@@ -475,22 +360,15 @@ TEST(TmSimpleRealData, AtriumWithDefaultsUsesTheRange) {
     LogLumStats st{};
     st.v[0] = 8;  // RGBE input
     ASSERT_EQ(logMinMaxMoy(w, h, table, rgbe.px.data(), &st), h);
-    ASSERT_LT(st.v[0], st.v[1]);
-    const auto p = params();
-    DimParam d;
-    init_dim_param(&d);
-    d.width = w, d.height = h;
-    const auto one = run(p, st, rgbe.px.data(), d, nullptr, table);
+    const std::vector<TmParam> p(1);
+    const auto one = run(p, st, rgbe.px.data(), bvtest::dim_param(w, h, 3, 8, 8), nullptr, table);
     const size_t n = one.size(), low = std::count(one.begin(), one.end(), 0),
                  high = std::count(one.begin(), one.end(), 255);
-    std::printf("atrium: %.3f %% samples at 0, %.3f %% at 255\n", 100.0 * low / n,
-                100.0 * high / n);
     EXPECT_LE(low, n / 100);
     EXPECT_LE(high, n / 100);
     EXPECT_LT(*std::min_element(one.begin(), one.end()), 16);
     EXPECT_GT(*std::max_element(one.begin(), one.end()), 240);
-    // The same picture from the decoded floats, with 16-bit output: finite,
-    // and within a step of the 8-bit result.
+    // From the decoded floats, 16-bit: within a step of the 8-bit result.
     std::vector<float> fl(n);
     ASSERT_EQ(rgbe2fp(w, h, w * 3, 0, 0, rgbe.px.data(), fl.data(), 1.0f), h);
     for (float v : fl) ASSERT_TRUE(std::isfinite(v));
