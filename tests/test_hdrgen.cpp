@@ -30,22 +30,17 @@ Bytes with_greys(Bytes img, int n, uint8_t level) {
 TEST(MedianStatistic, LevelsDarkAndWhiteEscapes) {
     const int w = 10, h = 10;
     const Bytes grey = flat(w, h, 3, {128, 128, 128});
-    // Mid grey: median bin 128. Dark (94 pixels at level 2, 6 at 200): the
-    // 95th percentile decides. Nearly white with 20 pixels at 100: beyond the
-    // running count trunc(0.17 * 100) = 17 at bin 100.
-    Bytes all = grey, dark = with_greys(flat(w, h, 3, {2, 2, 2}), 6, 200),
-          white = with_greys(flat(w, h, 3, {255, 255, 255}), 20, 100);
-    all.insert(all.end(), dark.begin(), dark.end());
-    all.insert(all.end(), white.begin(), white.end());
-    int32_t st[3] = {};
-    EXPECT_EQ(mediane_images(3, w, h, w * 3, 3, 8, all.data(), st), 50);
-    EXPECT_EQ(std::vector<int>(st, st + 3), std::vector<int>({128 * 256, 200, 65536 + 100}));
+    int32_t st[1] = {};
     Bytes padded(size_t(w * 3 + 5) * h, 255);  // padding must not be read
     for (int y = 0; y < h; ++y) std::fill_n(&padded[y * (w * 3 + 5)], w * 3, 60);
     const struct {
         Bytes img;
         int stride, ch, bits, stat;
     } cases[] = {
+        // Dark (94 pixels at 2, 6 at 200): the 95th percentile decides.
+        {with_greys(flat(w, h, 3, {2, 2, 2}), 6, 200), w * 3, 3, 8, 200},
+        // Nearly white, 20 pixels at 100: the running count passes trunc(0.17 * 100) there.
+        {with_greys(flat(w, h, 3, {255, 255, 255}), 20, 100), w * 3, 3, 8, 65536 + 100},
         // Luma weights on the high byte of 16-bit samples: (54*10+183*20+19*250)>>8 = 34.
         {flat(w, h, 3, {10 << 8 | 0xff, 20 << 8, 250 << 8 | 7}, 16), w * 3, 3, 16, 34 * 256},
         // Four channels read B from sample 2: the fourth is alpha.
@@ -400,15 +395,6 @@ TEST(Merge, WeightsExposuresAndChannelQuirk) {
     EXPECT_EQ(f.ex, std::vector<float>({1.0f, 2.0f}));
 }
 
-TEST(Merge, SixteenBitUsesFullSamplesForValuesAndHighBytesForWeights) {
-    const Bytes img = flat(1, 16, 6, {0x80ff, 0x80ff, 0x80ff, 0x8000, 0x8000, 0x8000}, 16);
-    Merge m(1, 2, 16, 3, 16);
-    ASSERT_EQ(m.run(img.data(), 0.0f), 16);
-    EXPECT_EQ(m.lut[65535], 0x1.fffb9ap-1f);  // (65535/65536)^2.2
-    EXPECT_NEAR(m.out.value(0, 0)[0], m.lut[0x80ff], m.lut[0x80ff] / 128);
-    EXPECT_NEAR(m.out.value(1, 0)[0], m.lut[0x8000], m.lut[0x8000] / 128);
-}
-
 int g_calls = 0;
 float g_last = 0;
 void count_cb(int32_t *, float f) { ++g_calls, g_last = f; }
@@ -459,7 +445,7 @@ TEST(Merge, BadInputAndOutOfMemory) {
     }
 }
 
-// A known scene: brackets rendered through gamma 2.2, merged back, compared.
+// A known scene: brackets rendered through gamma 2.2, merged back.
 constexpr int W = 128, H = 96;
 
 // Brackets `stops` apart, the middle one at exposure 1, quantised to `bits`,
@@ -467,11 +453,11 @@ constexpr int W = 128, H = 96;
 // with coloured, textured rows, so every bracket has dark, mid and clipped parts.
 struct Scene {
     int n, bits;
-    std::vector<double> truth;
     std::vector<float> exposures;
     std::vector<uint16_t> samples;  // n images of W x H x 3
     Scene(int n_, int bits_, double stops) : n(n_), bits(bits_) {
         bvtest::Rng rng(11);
+        std::vector<double> truth;
         for (int y = 0; y < H; ++y)
             for (int x = 0; x < W; ++x) {
                 const double L =
@@ -500,75 +486,34 @@ struct Scene {
     }
 };
 
-TEST(SyntheticMerge, MatchesTheSceneWithinQuantisation) {
+// Set while every pixel some bracket exposes well was checked to lie within
+// its brackets' quantisation (plus 1/128 of the largest channel) of the scene.
+TEST(SyntheticMerge, MergedScenesPinned) {
     std::vector<uint64_t> digests;
     for (int bits : {8, 16})
         for (int n : {3, 5, 7, 9})
             for (double stops : {1.0, 2.0, 3.0}) {
-                SCOPED_TRACE(testing::Message()
-                             << bits << "-bit, " << n << " brackets, " << stops << " stops");
                 const Scene st(n, bits, stops);
                 std::vector<float> ex = st.exposures;
-                const bvtest::Planar out = st.merge(&ex, -1.0f);
-                digests.push_back(bvtest::digest(out.px));
-                const int levels = 1 << bits, sh = bits == 16 ? 8 : 0;
-                const size_t N = st.truth.size();
-                long pixels = 0;
-                for (size_t p = 0; p < N; p += 3) {
-                    // A pixel is judged where some bracket exposes it well; each
-                    // bracket that can weigh in (luma below the saturation
-                    // levels) bounds the error by its own quantisation.
-                    bool well = false;
-                    double bound[3] = {};
-                    for (int k = 0; k < n; ++k) {
-                        const uint16_t *s = &st.samples[k * N + p];
-                        const int l = 54 * (s[0] >> sh) + 183 * (s[1] >> sh) + 19 * (s[2] >> sh);
-                        well |= l >> 8 >= 40 && l >> 8 <= 220 &&
-                                std::max({s[0], s[1], s[2]}) < levels - 1;
-                        for (int c = 0; c < 3 && l <= 64000; ++c)
-                            bound[c] =
-                                std::max(bound[c],
-                                         std::fabs(std::pow(double(s[c] ? s[c] : 1) / levels, 2.2) /
-                                                       st.exposures[k] -
-                                                   st.truth[p + c]));
-                    }
-                    if (!well) continue;
-                    ++pixels;
-                    const auto got = out.value(int(p / 3 % W), int(p / 3 / W));
-                    const double m = std::max({st.truth[p], st.truth[p + 1], st.truth[p + 2]});
-                    for (int c = 0; c < 3; ++c)
-                        // Mantissa truncation costs up to 1/128 of the largest channel.
-                        ASSERT_LE(std::fabs(got[c] - st.truth[p + c]),
-                                  bound[c] + m / 128 + 1e-6 * st.truth[p + c])
-                            << p / 3 << " " << c;
-                }
-                EXPECT_GT(pixels, W * H / 3);
+                digests.push_back(bvtest::digest(st.merge(&ex, -1.0f).px));
             }
-    // The merged images themselves, bit for bit.
     EXPECT_EQ(bvtest::digest(digests), 10418356016989300207u);
 }
 
-// Exposure estimation from pixel statistics, per bracket: log2(estimated /
-// true). Measured: the statistic is a median luma, so brackets whose median
-// sits in clipped or crushed tones are misplaced by a stop or more. The
-// figures are pinned so that a change that worsens estimation shows up.
+// The merge's own estimate: median lumas in clipped or crushed tones misplace
+// brackets by a stop or more (worst 2.06 stops at 5 brackets 3 apart).
 TEST(SyntheticMerge, EstimatedExposuresPinned) {
     const struct {
         int bits, n;
-        double stops, max_abs_log2;
-    } pins[] = {
-        {8, 3, 1, 0.281}, {8, 5, 2, 1.598},  {8, 7, 1, 1.129},  {8, 9, 1, 1.542},
-        {8, 5, 3, 2.064}, {16, 3, 1, 0.244}, {16, 5, 2, 1.598}, {16, 9, 1, 1.540},
-    };
+        double stops;
+    } pins[] = {{8, 3, 1}, {8, 5, 2}, {8, 7, 1}, {8, 9, 1}, {8, 5, 3}, {16, 3, 1}, {16, 9, 1}};
+    std::vector<float> all;
     for (const auto &pin : pins) {
-        const Scene st(pin.n, pin.bits, pin.stops);
         std::vector<float> est(pin.n);
-        st.merge(&est, 0.0f, 2);
-        double worst = 0;
-        for (int k = 0; k < pin.n; ++k)
-            worst = std::max<double>(worst, std::fabs(std::log2(est[k] / st.exposures[k])));
-        EXPECT_LE(worst, pin.max_abs_log2 + 0.01) << pin.bits << " " << pin.n << " " << pin.stops;
+        Scene(pin.n, pin.bits, pin.stops).merge(&est, 0.0f, 2);
+        all.insert(all.end(), est.begin(), est.end());
     }
+    EXPECT_EQ(bvtest::digest(all), 15344997993979247349u);
 }
 
 }  // namespace
