@@ -72,8 +72,7 @@ double encode(Curve c, double v) {
     if (c == kGamma22) return std::pow(v, 1 / 2.2);
     return v <= 0.0031308 ? 12.92 * v : 1.055 * std::pow(v, 1 / 2.4) - 0.055;
 }
-double decode(Curve c, double v) {
-    if (c == kGamma22) return std::pow(v, 2.2);
+double srgb_decode(double v) {
     return v <= 0.04045 ? v / 12.92 : std::pow((v + 0.055) / 1.055, 2.4);
 }
 
@@ -127,7 +126,7 @@ void cancel_at_once(int32_t *cancel, float) { *cancel = 1; }
 
 }  // namespace
 
-// Both curves as tables, both depths, 3 to 9 brackets 1 to 3 stops apart.
+// Gamma 2.2 given as such, sRGB as a table, both depths, 3 to 9 brackets 1 to 3 stops apart.
 // Measured worst: 0.0030 stop with every pair measured, else 0.0317.
 TEST(EstimateExposures, RenderedAtriumWithinAFiftiethOfAStop) {
     const Scene &s = atrium();
@@ -136,12 +135,12 @@ TEST(EstimateExposures, RenderedAtriumWithinAFiftiethOfAStop) {
     for (Curve curve : {kGamma22, kSrgb})
         for (int bits : {8, 16}) {
             std::vector<float> t(size_t(1) << bits);
-            for (size_t i = 0; i < t.size(); ++i) t[i] = float(decode(curve, i / (t.size() - 1.0)));
+            for (size_t i = 0; i < t.size(); ++i) t[i] = float(srgb_decode(i / (t.size() - 1.0)));
             for (int n : {3, 5, 7, 9})
                 for (double stops : {1.0, 2.0, 3.0}) {
                     const Stack st = render(s, curve, n, bits, stops);
                     std::vector<float> est, conf;
-                    const int pairs = st.estimate(&est, &conf, 2, 0.0f, t.data());
+                    const int pairs = st.estimate(&est, &conf, 2, 2.2f, curve == kSrgb ? t.data() : nullptr);
                     int blank;
                     const double worst = worst_error(st, est, &blank);
                     SCOPED_TRACE(testing::Message() << curve << " " << bits << " " << n << " "
