@@ -1,5 +1,4 @@
-// HDR generation: statistics, exposure estimation and ordering, response
-// curve, merge edge cases, and the merge of a known rendered scene.
+// HDR generation: statistics, exposures, ordering, response curve, merge.
 
 #include "core/hdrgen/hdrgen.hpp"
 #include "test_support.hpp"
@@ -105,9 +104,7 @@ TEST(GuessEv, FixedStepOrderingAndTies) {
 }
 
 TEST(GuessEv, EstimatedStepsFollowTheCorrectedLogRatio) {
-    // Each step is 1.442695 * table[mid level] * ln(ratio): one stop up from
-    // the middle (level 24576) counts 1.886 stops, one down (12288) 1.448:
-    // brighter pairs get a larger factor.
+    // One stop up from the middle counts 1.886 stops, one down 1.448.
     int32_t st[3] = {8192, 32768, 16384};
     float r[3];
     ASSERT_EQ(guess_ev(0, 3, st, r, 0.0f), 3);
@@ -117,8 +114,7 @@ TEST(GuessEv, EstimatedStepsFollowTheCorrectedLogRatio) {
     ASSERT_EQ(guess_ev(1, 3, st, r, -0.2f), 3);
     EXPECT_EQ(std::vector<int>(st, st + 3), std::vector<int>({1, 2, 0}));
     EXPECT_EQ(std::vector<float>(r, r + 3), std::vector<float>({2.0f, 0.0f, -1.0f}));
-    // Statistics below 1 are raised to 1 in the caller's array; above 65535
-    // they are clamped, and a pair whose mid level is past 65280 adds nothing.
+    // Raised to 1 in place; clamped at 65535; mid levels past 65280 add nothing.
     int32_t st3[3] = {-3, 65600, 65790};
     ASSERT_EQ(guess_ev(0, 3, st3, r, 0.0f), 3);
     EXPECT_EQ(st3[0], 1);
@@ -222,8 +218,7 @@ TEST(ProfileGamma, SyntheticProfiles) {
     EXPECT_LT(trc_from_profile(nullptr, 100, &g), 0);
 }
 
-// Installed profiles (icc-profiles-free): a one-entry curve, a 1024-entry
-// one, a grey profile with no r/g/b curve, a curve in the first tag entry.
+// Installed: one-entry curve, 1024 entries, grey (no r/g/b curve), curve as first tag.
 TEST(ProfileGamma, InstalledIccProfiles) {
     const struct {
         const char *file;
@@ -263,9 +258,7 @@ TEST(ResponseCurve, TableAndEstimate) {
     }
     const int g = calc_courbe(n, w, h, 3, 8, img.data(), ex, res);
     EXPECT_EQ(g, 2073);
-    // The return value truncates the gamma that gives 200^gamma.
-    EXPECT_GE(res[0], std::pow(200.0, g * 0.001) * (1 - 1e-6));
-    EXPECT_LT(res[0], std::pow(200.0, (g + 1) * 0.001));
+    EXPECT_EQ(res[0], 0x1.cd4d08p+15f);  // 200^gamma, the gamma the return value truncates
     EXPECT_EQ(res[1], 1.0f);
     // Identical brackets give no plausible pair: the documented fallback.
     EXPECT_EQ(calc_courbe(n, w, h, 3, 8, img.data(), same, res), 2200);
@@ -273,8 +266,7 @@ TEST(ResponseCurve, TableAndEstimate) {
     EXPECT_EQ(calc_courbe(n, w, h, 3, 8, black.data(), ex, res), BV_HDR_ENOPOS);
     EXPECT_EQ(calc_courbe(n, w, h, 3, 12, img.data(), ex, res), BV_HDR_EDEPTH);
     EXPECT_EQ(calc_courbe(n, w, h, 3, 8, img.data(), nullptr, res), BV_HDR_EINVAL);
-    // 16-bit data is judged on its high bytes with the same luma for both
-    // images of a pair: the same brackets widened give a nearby estimate.
+    // 16-bit data: high bytes, the same luma for both images of a pair.
     std::vector<uint16_t> wide(img.size());
     for (size_t i = 0; i < img.size(); ++i) wide[i] = uint16_t(img[i] << 8 | 0x80);
     EXPECT_EQ(calc_courbe(n, w, h, 3, 16, wide.data(), ex, res), 2078);
@@ -340,8 +332,7 @@ TEST(Merge, MarkersAreFilledUnlessModeTwo) {
 }
 
 TEST(Merge, BlackStackStaysBlack) {
-    // No positive luminance: no darkest grey to fill with, so black stays
-    // black and the statistics keep their start values.
+    // No positive luminance: nothing to fill markers with, statistics at their start.
     const Bytes img(2 * 5 * 16 * 3, 0);
     Merge m(2, 5, 16, 3, 8);
     ASSERT_EQ(m.run(img.data(), 0.0f), 16);
@@ -350,8 +341,7 @@ TEST(Merge, BlackStackStaysBlack) {
 }
 
 TEST(Merge, WeightsExposuresAndChannelQuirk) {
-    // One column, two brackets of levels 90 and 130 with exposures 1 and 2,
-    // four samples: B is the last one and sample 2 is ignored.
+    // Levels 90 and 130, exposures 1 and 2; four samples: B is the last, sample 2 ignored.
     const int w = 1, h = 16;
     Bytes img(2 * w * h * 4);
     for (size_t i = 0; i < img.size(); i += 4) {
@@ -360,8 +350,7 @@ TEST(Merge, WeightsExposuresAndChannelQuirk) {
     }
     Merge m(2, w, h, 4, 8);
     m.ex = {1.0f, 2.0f};
-    // The weighted mean of the exposure-normalised values, pinned; -0.5 is
-    // already "caller's exposures": they are read, not overwritten.
+    // -0.5 already means the caller's exposures: read, not overwritten.
     ASSERT_EQ(m.run(img.data(), -0.5f), h);
     EXPECT_EQ(m.out.get(0, 3), (std::array<uint8_t, 4>{219, 219, 219, 125}));
     EXPECT_EQ(m.ex, std::vector<float>({1.0f, 2.0f}));
@@ -370,9 +359,7 @@ TEST(Merge, WeightsExposuresAndChannelQuirk) {
     EXPECT_EQ(m.out.get(0, 3), (std::array<uint8_t, 4>{172, 172, 172, 126}));
     // Just above -0.5 they are estimated (one bracket brighter: above 1).
     ASSERT_EQ(m.run(img.data(), -0.49f), h);
-    EXPECT_EQ(m.ex[0], 1.0f);
-    EXPECT_GT(m.ex[1], 1.0f);
-    EXPECT_NE(m.ex[1], 2.0f);
+    EXPECT_EQ(m.ex, std::vector<float>({1.0f, 0x1.080ebp+1f}));
     // Fixed step: exposures come out 2^(n/2 - i) by brightness.
     Merge f(2, w, h, 4, 8);
     ASSERT_EQ(f.run(img.data(), 1.0f), h);
@@ -429,12 +416,8 @@ TEST(Merge, BadInputAndOutOfMemory) {
     }
 }
 
-// A known scene: brackets rendered through gamma 2.2, merged back.
+// Brackets `stops` apart through gamma 2.2 of a 15-stop textured, coloured gradient.
 constexpr int W = 128, H = 96;
-
-// Brackets `stops` apart, the middle one at exposure 1, quantised to `bits`,
-// of a linear RGB scene spanning about 15 stops: a horizontal log gradient
-// with coloured, textured rows, so every bracket has dark, mid and clipped parts.
 struct Scene {
     int n, bits;
     std::vector<float> exposures;
@@ -470,8 +453,7 @@ struct Scene {
     }
 };
 
-// Set while every pixel some bracket exposes well was checked to lie within
-// its brackets' quantisation (plus 1/128 of the largest channel) of the scene.
+// Set while every well-exposed pixel was within its brackets' quantisation of the scene.
 TEST(SyntheticMerge, MergedScenesPinned) {
     std::vector<uint64_t> digests;
     for (int bits : {8, 16})
@@ -484,8 +466,7 @@ TEST(SyntheticMerge, MergedScenesPinned) {
     EXPECT_EQ(bvtest::digest(digests), 10418356016989300207u);
 }
 
-// The merge's own estimate: median lumas in clipped or crushed tones misplace
-// brackets by a stop or more (worst 2.06 stops at 5 brackets 3 apart).
+// The merge's own estimate (a median luma misplaces clipped brackets by up to 2 stops).
 TEST(SyntheticMerge, EstimatedExposuresPinned) {
     const struct {
         int bits, n;
