@@ -34,23 +34,17 @@ TEST(MedianStatistic, LevelsDarkAndWhiteEscapes) {
         Bytes img;
         int stride, ch, bits, stat;
     } cases[] = {
-        // Dark (94 pixels at 2, 6 at 200): the 95th percentile decides.
+        // Dark: the 95th percentile; nearly white: where the count passes trunc(0.17 * 100).
         {with_greys(flat(w, h, 3, {2, 2, 2}), 6, 200), w * 3, 3, 8, 200},
-        // Nearly white, 20 pixels at 100: the running count passes trunc(0.17 * 100) there.
         {with_greys(flat(w, h, 3, {255, 255, 255}), 20, 100), w * 3, 3, 8, 65536 + 100},
-        // Luma weights on the high byte of 16-bit samples: (54*10+183*20+19*250)>>8 = 34.
+        // High bytes of 16 bits: (54*10+183*20+19*250)>>8 = 34; four channels: B is sample 2.
         {flat(w, h, 3, {10 << 8 | 0xff, 20 << 8, 250 << 8 | 7}, 16), w * 3, 3, 16, 34 * 256},
-        // Four channels read B from sample 2: the fourth is alpha.
         {flat(w, h, 4, {10, 20, 250, 0}), w * 4, 4, 8, 34 * 256},
-        // Two channels use sample 0 for all three colours.
-        {flat(w, h, 2, {100, 255}), w * 2, 2, 8, 100 * 256},
+        {flat(w, h, 2, {100, 255}), w * 2, 2, 8, 100 * 256},  // two: sample 0 for all
         {padded, w * 3 + 5, 3, 8, 60 * 256},
-        // Other depths keep an empty histogram: no median, no 17th percentile.
-        {grey, w * 3, 3, 12, 65792},
-        // All black, nothing above the 95th rank: its bin 0.
-        {flat(w, h, 3, {0, 0, 0}), w * 3, 3, 8, 0},
-        // Median bin 253 is already nearly white.
-        {flat(w, h, 3, {253, 253, 253}), w * 3, 3, 8, 65536 + 253},
+        {grey, w * 3, 3, 12, 65792},                 // other depths: empty histogram
+        {flat(w, h, 3, {0, 0, 0}), w * 3, 3, 8, 0},  // all black: bin 0
+        {flat(w, h, 3, {253, 253, 253}), w * 3, 3, 8, 65536 + 253},  // first nearly white bin
     };
     for (const auto &c : cases) {
         EXPECT_EQ(mediane_images(1, w, h, c.stride, c.ch, c.bits, c.img.data(), st), 50);
@@ -85,10 +79,8 @@ TEST(GuessEv, FixedStepOrderingAndTies) {
         std::vector<float> want;
     } cases[] = {
         {{20000, 40000, 30000}, 1.0f, {0.5f, 2.0f, 1.0f}},
-        // Equal statistics: the lower index counts as the brighter one.
-        {{5000, 5000}, 2.0f, {4.0f, 1.0f}},
-        // A negative statistic is never selected; it joins the order at the end.
-        {{-5, 100, 200}, 1.0f, {0.5f, 1.0f, 2.0f}},
+        {{5000, 5000}, 2.0f, {4.0f, 1.0f}},          // ties: the lower index is brighter
+        {{-5, 100, 200}, 1.0f, {0.5f, 1.0f, 2.0f}},  // negative: never picked, joins last
     };
     for (auto c : cases) {
         std::vector<float> r(c.st.size());

@@ -161,9 +161,8 @@ TEST(EstimateExposures, ExactStepsConfidenceAndFallback) {
         {16, 16, 4, 8, {80, 160, 40}, {1.0f, 2.0f, 0.5f}, "mpp", 2},
         {16, 16, 1, 8, {40, 160, 80}, {0.5f, 2.0f, 1.0f}, "ppm", 2},
         {1, 32, 2, 8, {40, 80, 160}, {0.5f, 1.0f, 2.0f}, "pmp", 2},
-        // Even n: the darker of the two middle brackets gets 1, as in guess_ev.
+        // Even n: the darker middle one gets 1; 20 is below the window, 255 clipped.
         {16, 16, 3, 8, {40, 80, 160, 60}, {2 / 3.0f, 4 / 3.0f, 8 / 3.0f, 1.0f}, "pppm", 3},
-        // 20 is below the window and 255 clipped: only 40 -> 80 is measured.
         {16, 16, 3, 8, {255, 80, 40, 20}, {4.0f, 2.0f, 1.0f, 0.5f}, "0pm0", 1},
     };
     for (const auto &c : cases) {
