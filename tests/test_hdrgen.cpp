@@ -42,8 +42,9 @@ TEST(MedianStatistic, LevelsDarkAndWhiteEscapes) {
         {flat(w, h, 4, {10, 20, 250, 0}), w * 4, 4, 8, 34 * 256},
         {flat(w, h, 2, {100, 255}), w * 2, 2, 8, 100 * 256},  // two: sample 0 for all
         {padded, w * 3 + 5, 3, 8, 60 * 256},
-        {grey, w * 3, 3, 12, 65792},                 // other depths: empty histogram
-        {flat(w, h, 3, {0, 0, 0}), w * 3, 3, 8, 0},  // all black: bin 0
+        {grey, w * 3, 3, 12, 65792},                       // other depths: empty histogram
+        {flat(w, h, 3, {0, 0, 0}), w * 3, 3, 8, 0},        // all black: bin 0
+        {flat(w, h, 3, {5, 5, 5}), w * 3, 3, 8, 5 * 256},  // first bin not nearly black
         {flat(w, h, 3, {253, 253, 253}), w * 3, 3, 8, 65536 + 253},  // first nearly white bin
     };
     for (const auto &c : cases) {
@@ -179,6 +180,9 @@ TEST(ProfileGamma, SyntheticProfiles) {
     last_word.back() = 1;         // a one-entry count in the last word, its gamma past the end
     Bytes many_last = last_word;  // a curve of two entries: no gamma to read, but a tag
     many_last.back() = 2;
+    Bytes half_gamma = make_profile(1, 2, 51, n - 13);  // the gamma's fraction past the end
+    half_gamma[155] = 0;  // count 1 in the entry's shifted count field
+    half_gamma[156] = 1;
     unsigned_tag[133] = 'x';
     const struct {
         Bytes p;
@@ -192,6 +196,7 @@ TEST(ProfileGamma, SyntheticProfiles) {
         {make_profile(1, 2, 51, 0xfffffff0u), n, n - 12, 2.2f},
         {make_profile(1, 2, 51, n - 11), n, n - 12, 2.2f},
         {last_word, n, n - 12, 2.2f},
+        {half_gamma, n, n - 12, 2.2f},
         {unsigned_tag, n, n - 12, 2.2f},
         {many_last, n, 133, 2.2f},
         {Bytes({0, 0, 0, 12, 0, 0, 0, 0, 0, 0, 0, 0}), 12, 0, 2.2f},
