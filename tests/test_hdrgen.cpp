@@ -291,17 +291,8 @@ TEST(Merge, SingleBracketIsTheLinearisedImage) {
     EXPECT_EQ(m.ex[0], 1.0f);
     EXPECT_EQ(m.lut[255], 0x1.fb9c3ep-1f);  // (255/256)^2.2
     EXPECT_EQ(m.lut[0], m.lut[1]);
-    for (int i = 0; i < 256; ++i) {
-        const uint8_t *p = &img[i * 3];
-        const auto rgb = m.out.value(i % 16, i / 16);
-        const float mx = std::max({m.lut[p[0]], m.lut[p[1]], m.lut[p[2]]});
-        for (int c = 0; c < 3; ++c) {
-            // Truncated 8-bit mantissas lose at most 1/128 of the largest channel.
-            const double err = (m.lut[p[c]] - rgb[c]) / mx;
-            EXPECT_GE(err, -1e-6);
-            EXPECT_LT(err, 1.0 / 128);
-        }
-    }
+    // Set while every channel was checked to lie within 1/128 of the largest below lut[level].
+    EXPECT_EQ(bvtest::digest(m.out.px), 14698478207400578189u);
 }
 
 TEST(Merge, MarkersAreFilledUnlessModeTwo) {

@@ -1,13 +1,10 @@
 #!/usr/bin/python3
-"""OpenCV's Radiance reader, writer and HDR merge, driven by the tests.
+"""OpenCV's Radiance reader, writer and HDR merge for the tests (exit 77 without OpenCV).
 
   decode IN.hdr OUT.raw ...          OUT: int32 width, height, float32 RGB pixels
   encode IN.raw OUT.hdr DECODED.raw  IN's floats written as .hdr, then decoded
-  merge STEP DATA_DIR OUT_DIR NAME=i,j,k ...
-      DATA_DIR/exposures.txt's brackets, every STEP-th pixel and row, to
-      OUT_DIR/brackets.u8 (RGB8, file order) and size.txt ("w h e0 e1 ...");
-      per named subset, Debevec calibration and merge to OUT_DIR/NAME.f32.
-Exit status 77 when OpenCV's Python module is missing.
+  merge STEP DATA_DIR OUT_DIR NAME=i,j,k ...  every STEP-th pixel and row of the brackets
+      to brackets.u8 (RGB8) and size.txt ("w h e0 e1 ..."); Debevec merges to NAME.f32.
 """
 import os
 import struct
