@@ -1,18 +1,10 @@
 #!/usr/bin/python3
-"""OpenCV's Radiance reader, writer and HDR merge, driven by the tests.
+"""OpenCV's Radiance reader, writer and HDR merge for the tests (exit 77 without OpenCV).
 
-  cv2_hdr.py decode IN.hdr OUT.raw ...   each OUT gets int32 width, height,
-                                         then float32 R, G, B per pixel
-  cv2_hdr.py encode IN.raw OUT.hdr DECODED.raw
-                                         writes IN's floats as .hdr, then decodes it
-  cv2_hdr.py merge STEP DATA_DIR OUT_DIR NAME=i,j,k ...
-      the brackets listed in DATA_DIR/exposures.txt, every STEP-th pixel of
-      every STEP-th row (the merge is per pixel, so this equals subsampling its
-      result), to OUT_DIR/brackets.u8 (file order, RGB, 8 bits), their size and
-      exposures to OUT_DIR/size.txt ("width height e0 e1 ..."); per named
-      subset, Debevec calibration and merge with those exposure times to
-      OUT_DIR/NAME.f32 (height x width x RGB little-endian floats).
-Exit status 77 when OpenCV's Python module is missing.
+  decode IN.hdr OUT.raw ...          OUT: int32 width, height, float32 RGB pixels
+  encode IN.raw OUT.hdr DECODED.raw  IN's floats written as .hdr, then decoded
+  merge STEP DATA_DIR OUT_DIR NAME=i,j,k ...  every STEP-th pixel and row of the brackets
+      to brackets.u8 (RGB8) and size.txt ("w h e0 e1 ..."); Debevec merges to NAME.f32.
 """
 import os
 import struct
