@@ -142,14 +142,8 @@ TEST(Fp2Rgbe, RoundTripHalvesAndStatistics) {
     bvtest::Planar back(w, h, 0xEE);
     float mn = 0, mx = 0, mean = 0;
     EXPECT_EQ(fp2rgbe(path.c_str(), w, h, 3, 8, &mn, &mx, &mean, back.px.data()), 1);
-    // Every value is read at half its size: same mantissas, exponent one less.
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) {
-            auto want = img.get(x, y);
-            want = want[3] ? decltype(want){want[0], want[1], want[2], uint8_t(want[3] - 1)}
-                           : decltype(want){};
-            ASSERT_EQ(back.get(x, y), want) << x << " " << y;
-        }
+    // Every value is read at half its size: same mantissas, exponent one less, black stays.
+    EXPECT_EQ(bvtest::digest(back.px), 7538667666266324928u);
     // Luminance statistics of the halved values, times 256.
     EXPECT_EQ(std::vector<float>({mn, mx, mean}),
               std::vector<float>({0.158984378f, 192099120.0f, 11118568.0f}));

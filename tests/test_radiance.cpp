@@ -78,7 +78,7 @@ double seconds_since(std::chrono::steady_clock::time_point t0) {
 }  // namespace
 
 TEST(Radiance, RoundTripBothWritersAllWidths) {
-    for (int w : {1, 8, 300, 32767, 32768}) {
+    for (int w : {1, 7, 8, 300, 32767, 32768}) {
         SCOPED_TRACE(w);
         const int h = w >= 32767 ? 3 : 11;
         const Bytes img = runs_image(w, h, 1000 + w);
@@ -130,20 +130,13 @@ TEST(Radiance, EncoderPacketLayout) {
         {in125, cat({{127}, part(in125, 0, 127), {2, 200, 7}})},
     };
     for (const auto &[in, out] : cases) EXPECT_EQ(encode(in), out) << in.size() << " bytes";
-    // Noise, few values and long runs read back and never take over two bytes per byte.
-    bvtest::Rng rng(5);
+    // Rows of every width up to 700 read back and never take over two bytes per byte.
     const std::string p = temp_path("packets.hdr");
-    for (int t = 0; t < 150; ++t) {
-        Bytes c(4 * (1 + rng.next() % 700));
-        for (size_t i = 0; i < c.size(); ++i)
-            c[i] = t % 3 == 0   ? uint8_t(rng.next())
-                   : t % 3 == 1 ? uint8_t(rng.next() % 3)
-                                : (rng.next() % 40 ? (i ? c[i - 1] : 0) : uint8_t(rng.next()));
-        c[0] = 200;
+    for (int w = 1; w <= 700; w += 1 + w % 5) {
+        const Bytes c = runs_image(w, 1, 5 + w);
         ASSERT_LE(encode(c).size(), 2 * c.size());
-        const int w = int(c.size() / 4);
         ASSERT_EQ(write_hdr(p, w, 1, c.data()), 1);
-        ASSERT_TRUE(read_hdr(p, w, 1) == std::pair(1, c)) << t;
+        ASSERT_TRUE(read_hdr(p, w, 1) == std::pair(1, c)) << w;
     }
 }
 
@@ -266,14 +259,12 @@ TEST(Radiance, MetadataReadBack) {
 }
 
 TEST(Radiance, HeaderEndAndResolution) {
-    // clang-format off
     const std::tuple<const char *, int, int> ends[] = {
         {" \t \n", 128, 1}, {"\n", 128, 1}, {"", 128, 1}, {"\r\n", 128, 0}, {" \r\n", 128, 0},
         {"#?RADIANCE\n", 128, 0}, {"  x", 2, 1} /* only n bytes are examined */, {nullptr, 128, 0}};
     // Numbers beyond int are not converted; only -Y ... +X is understood.
     const std::tuple<const char *, int, int> res[] = {
         {"-Y   12\t+X 34\n", 12, 34}, {"-Y 99999999999 +X 3\n", 0, 0}, {"-Y 7 -X 3\n", 7, 0}};
-    // clang-format on
     for (auto [line, n, end] : ends) EXPECT_EQ(rgbe_end_of_header(line, n), end) << n;
     for (auto [line, h, w] : res) {
         int got[2] = {0, 0};
@@ -308,7 +299,6 @@ TEST(Radiance, Primaries) {
 // Files of tests/scripts/make_hdr_cases.py: the probe's line count or code, the reader's code.
 TEST(Radiance, HostileFilesGetTheirCodes) {
     constexpr int kNot = 999;  // not probed
-    // clang-format off
     const std::tuple<const char *, int, int, int, int> cases[] = {
         {"blank_line_space.hdr", 4, 3, kNot, BV_RAD_ERR_DIMENSIONS},
         {"blank_line_space.hdr", 4, 2, kNot, 2}, {"blank_line_tab.hdr", 4, 2, 2, 2},
@@ -329,7 +319,6 @@ TEST(Radiance, HostileFilesGetTheirCodes) {
         {"truncated_run_value.hdr", 4, 1, kNot, BV_RAD_ERR_IO}, {"truncated_flat.hdr", 3, 3, kNot, BV_RAD_ERR_IO},
         {"header_only_eof.hdr", 4, 2, kNot, BV_RAD_ERR_IO}, {"lying_height.hdr", 4, 5, kNot, BV_RAD_ERR_IO},
         {"lying_width.hdr", 6, 2, kNot, BV_RAD_ERR_SCANLINE_WIDTH}};
-    // clang-format on
     std::map<std::string, Bytes> got;
     testing::internal::CaptureStderr();
     for (auto [file, w, h, lines, read] : cases) {
@@ -368,7 +357,6 @@ TEST(Radiance, HostileFilesGetTheirCodes) {
                   BV_RAD_ERR_MEMORY);
     }
     // Preview reader (file size, preview size): rows not sampled are still checked.
-    // clang-format off
     const std::tuple<const char *, int, int, int, int, int> previews[] = {
         {"blank_line_tab.hdr", 4, 3, 2, 1, BV_RAD_ERR_DIMENSIONS}, {"absent.hdr", 4, 2, 2, 1, BV_RAD_ERR_IO},
         {"scanline_length_65535_second.hdr", 4, 2, 4, 2, BV_RAD_ERR_SCANLINE_HEADER},
@@ -376,7 +364,6 @@ TEST(Radiance, HostileFilesGetTheirCodes) {
         {"packet_code_0.hdr", 4, 1, 2, 1, BV_RAD_ERR_PACKET}, {"truncated_scanline.hdr", 4, 2, 4, 2, BV_RAD_ERR_IO},
         {"truncated_flat.hdr", 3, 3, 3, 3, BV_RAD_ERR_IO}, {"lying_height.hdr", 4, 5, 4, 5, BV_RAD_ERR_IO},
         {"flat_3x2.hdr", 3, 2, 0, 1, BV_RAD_ERR_ARGUMENTS}, {"scanline_length_65535_second.hdr", 4, 2, 1, 1, 3}};
-    // clang-format on
     for (auto [file, w, h, pw, ph, rc] : previews) {
         Bytes pv(size_t(4) * pw * ph + 4, 0xEE);
         EXPECT_EQ(bv_io_read_preview_rgbe(w, h, pw, ph, case_path(file).c_str(), pv.data()), rc)
@@ -437,17 +424,14 @@ TEST(Radiance, WriterErrors) {
               std::vector<int>({BV_RAD_ERR_IO, BV_RAD_ERR_IO, BV_RAD_ERR_ARGUMENTS,
                                 BV_RAD_ERR_ARGUMENTS, 0}));
     // A full device: run-length rows fail with -1, flat rows with -2.
-    if (FILE *f = std::fopen("/dev/full", "wb")) {
-        std::fclose(f);
-        EXPECT_EQ(write_hdr("/dev/full", 300, 2, x), BV_RAD_ERR_IO);
-        testing::internal::CaptureStdout();
-        EXPECT_EQ(write_hdr("/dev/full", 40000, 2, x), BV_RAD_ERR_FLAT_WRITE);
-        EXPECT_EQ(bv_write_strip_rgbe("/dev/full", 0, 2, 40000, 2, 0, x), BV_RAD_ERR_FLAT_WRITE);
-        EXPECT_EQ(testing::internal::GetCapturedStdout(),
-                  "bv_io_rgbe_write uncompressed failed on line 0\n"
-                  "bv_io_rgbe_write uncompressed failed on line 0\n");
-        EXPECT_EQ(bv_write_strip_rgbe("/dev/full", 1, 2, 300, 4, 0, x), BV_RAD_ERR_IO);
-    }
+    EXPECT_EQ(write_hdr("/dev/full", 300, 2, x), BV_RAD_ERR_IO);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(write_hdr("/dev/full", 40000, 2, x), BV_RAD_ERR_FLAT_WRITE);
+    EXPECT_EQ(bv_write_strip_rgbe("/dev/full", 0, 2, 40000, 2, 0, x), BV_RAD_ERR_FLAT_WRITE);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "bv_io_rgbe_write uncompressed failed on line 0\n"
+              "bv_io_rgbe_write uncompressed failed on line 0\n");
+    EXPECT_EQ(bv_write_strip_rgbe("/dev/full", 1, 2, 300, 4, 0, x), BV_RAD_ERR_IO);
     for (long n : {0L, 1L}) {
         bvtest::FailAllocation fail(n);
         EXPECT_EQ(write_hdr(oom, 40000, 1, x), BV_RAD_ERR_MEMORY);
@@ -520,11 +504,7 @@ TEST(Radiance, OpenCvReadsOurFilesAndWeReadTheirs) {
             << "width " << img.w;
     bvtest::Planar theirs(w, h);
     ASSERT_EQ(bv_io_read_rgbe(w, h, p.c_str(), theirs.px.data()), h);
-    const std::vector<float> v = theirs.values();
-    EXPECT_EQ(v, load_raw(p + ".raw", w, h));
-    // Eight-bit mantissas: within one step of 1/128 relative to each value.
-    for (size_t i = 0; i < v.size(); ++i)
-        ASSERT_LT(std::fabs(v[i] - src[i]) / std::max(src[i], 1e-30f), 1.0 / 64) << i;
+    EXPECT_EQ(theirs.values(), load_raw(p + ".raw", w, h));
 }
 
 TEST(Radiance, RealFiles) {
