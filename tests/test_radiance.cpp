@@ -1,6 +1,5 @@
 // Radiance files: readers, writers, packet layout, hostile input, interop.
 #include <sys/mman.h>
-#include <sys/wait.h>
 
 #include <chrono>
 #include <clocale>
@@ -12,6 +11,9 @@
 namespace {
 
 using bvtest::Bytes;
+using bvtest::cv2_run;
+using bvtest::kNoOpenCv;
+using bvtest::load_raw;
 using bvtest::temp_path;
 using bvtest::text_of;
 using I64 = std::vector<int64_t>;
@@ -439,29 +441,6 @@ TEST(Radiance, WriterErrors) {
     bvtest::FailAllocation fail(0);
     EXPECT_EQ(bv_write_strip_rgbe(oom.c_str(), 0, 1, 300, 1, 0, x), BV_RAD_ERR_MEMORY);
 }
-
-namespace {
-
-// Exit status of tests/scripts/cv2_hdr.py: 77 when OpenCV's Python module is missing.
-constexpr int kNoOpenCv = 77;
-
-int cv2_run(const std::string &args) {
-    const int rc = std::system(("/usr/bin/python3 tests/scripts/cv2_hdr.py " + args).c_str());
-    return WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
-}
-
-// The script's raw files: int32 width, height, then float RGB.
-std::vector<float> load_raw(const std::string &path, int w, int h) {
-    Bytes b;
-    std::vector<float> rgb(size_t(3) * w * h);
-    const int32_t size[2] = {w, h};
-    if (!bvtest::read_file(path, &b) || b.size() != 8 + rgb.size() * 4 || std::memcmp(b.data(), size, 8))
-        return {};
-    std::memcpy(rgb.data(), b.data() + 8, b.size() - 8);
-    return rgb;
-}
-
-}  // namespace
 
 // Our files at widths OpenCV reads as run-length (8 and up), and a file of theirs.
 TEST(Radiance, OpenCvReadsOurFilesAndWeReadTheirs) {

@@ -57,19 +57,6 @@ TEST(RgbePixel, DecodeEncodeRoundTripsEveryNormalisedPixel) {
             bv::rgbe::decode(p[0], p[1], p[2], p[3], t.t, v);
             ASSERT_EQ(encode(v[0], v[1], v[2]), p);
         }
-    // Float -> RGBE -> float loses under one step of the largest mantissa, never rounding up.
-    for (int i = 0; i < 20000; ++i) {
-        const float v[3] = {float(std::ldexp(rng.uniform(), int(rng.next() % 40) - 20)),
-                            float(rng.uniform()), float(rng.uniform() * 3)};
-        const Px p = encode(v[0], v[1], v[2]);
-        float d[3];
-        bv::rgbe::decode(p[0], p[1], p[2], p[3], t.t, d);
-        const float m = std::max({v[0], v[1], v[2]});
-        for (int c = 0; c < 3; ++c) {
-            ASSERT_LE(d[c], v[c]);
-            ASSERT_LT(v[c] - d[c], m / 128.0f);
-        }
-    }
 }
 
 std::vector<float> linear_table(int n) {
@@ -226,16 +213,11 @@ TEST(LogLumStats, FixedCasesFloatInputAndFallbacks) {
     LogLumStats none{};
     EXPECT_EQ(logMinMaxMoy(5, 0, t.t, flat.px.data(), &none), 0);
     EXPECT_EQ(std::vector<float>(none.v, none.v + 3), std::vector<float>({1e11f, 0, 0}));
-    // Without the sample buffer: -4. Without the histogram: fallbacks.
-    LogLumStats f{{32, 1}};
-    {
-        bvtest::FailAllocation fail(0);
-        EXPECT_EQ(logMinMaxMoy(11, 1, nullptr, grey.data(), &f), BV_RGBE_ERR_NOMEM);
-    }
-    f = LogLumStats{{32, 1}};
-    {
-        bvtest::FailAllocation fail(1);
-        EXPECT_EQ(logMinMaxMoy(11, 1, nullptr, grey.data(), &f), 1);
+    LogLumStats f;
+    for (long nth : {0L, 1L}) {  // without the sample buffer -4, without the histogram fallbacks
+        f = LogLumStats{{32, 1}};
+        bvtest::FailAllocation fail(nth);
+        EXPECT_EQ(logMinMaxMoy(11, 1, nullptr, grey.data(), &f), nth ? 1 : BV_RGBE_ERR_NOMEM);
     }
     EXPECT_EQ(std::vector<float>({f.v[3], f.v[4]}), std::vector<float>({f.v[2], f.v[1]}));
     EXPECT_EQ(logMinMaxMoy(2, 2, t.t, nullptr, &f), BV_RGBE_ERR_ARG);
