@@ -177,12 +177,11 @@ TEST(Fp2Rgbe, AlphaGreyByteOrderAndBadFiles) {
     mx = 5;
     EXPECT_EQ(fp2rgbe(bad.c_str(), 1, 1, 3, 8, &mn, &mx, &mean, out.data()), 1);
     EXPECT_EQ(std::vector<float>({mn, mx}), std::vector<float>({25599999475712.0f, 0.0f}));
-    EXPECT_EQ(fp2rgbe(rgba.c_str(), 2, 0, 4, 16, &mn, &mx, &mean, out.data()), 1);
+    EXPECT_EQ(fp2rgbe(rgba.c_str(), 2, 0, 4, 16, &mn, &mx, &mean, nullptr), 1)
+        << "no rows, no buffer needed";
     EXPECT_EQ(mn, 25599999475712.0f);
     EXPECT_EQ(fp2rgbe("/nonexistent/x.tif", 1, 1, 3, 8, &mn, &mx, &mean, out.data()),
               BV_RGBE_ERR_OPEN);
-    EXPECT_EQ(fp2rgbe(rgba.c_str(), 2, 0, 4, 16, &mn, &mx, &mean, nullptr), 1)
-        << "no rows, no buffer needed";
     const char *r = rgba.c_str();
     for (int rc : {fp2rgbe(r, 1, 1, 0, 8, &mn, &mx, &mean, out.data()),
                    fp2rgbe(nullptr, 1, 1, 3, 8, &mn, &mx, &mean, out.data()),
