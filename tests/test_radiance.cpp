@@ -116,17 +116,12 @@ TEST(Radiance, EncoderPacketLayout) {
         for (const Bytes &p : parts) r.insert(r.end(), p.begin(), p.end());
         return r;
     };
-    auto part = [](const Bytes &b, size_t from, size_t n) {
-        return Bytes(b.begin() + from, b.begin() + from + n);
-    };
+    auto part = [](const Bytes &b, size_t at, size_t n) { return Bytes(&b[at], &b[at] + n); };
     const Bytes in126 = cat({mix126, Bytes(10, 200)}), in125 = cat({mix125, {200, 200, 200, 7}});
     const std::pair<Bytes, Bytes> cases[] = {
-        {{1, 2, 2, 3}, {4, 1, 2, 2, 3}},
-        {{1, 2, 2, 2, 2, 2, 3}, {1, 1, 128 + 5, 2, 1, 3}},
-        {{9, 9, 9, 9}, {4, 9, 9, 9, 9}},
-        {{9}, {1, 9}},
+        {{1, 2, 2, 3}, {4, 1, 2, 2, 3}}, {{1, 2, 2, 2, 2, 2, 3}, {1, 1, 128 + 5, 2, 1, 3}},
+        {{9, 9, 9, 9}, {4, 9, 9, 9, 9}}, {{9}, {1, 9}}, {Bytes(5, 7), {133, 7}},
         {Bytes(300, 7), {255, 7, 255, 7, 128 + 46, 7}},
-        {Bytes(5, 7), {133, 7}},
         // Literal packets stop at 127 bytes even though 128 would be legal.
         {ramp,
          cat({{127}, part(ramp, 0, 127), {127}, part(ramp, 127, 127), {46}, part(ramp, 254, 46)})},
@@ -390,10 +385,7 @@ TEST(Radiance, PreviewSampling) {
     const std::string p = temp_path("preview.hdr");
     ASSERT_EQ(write_hdr(p, w, h, img.data()), h);
     // Same size is an exact copy; the reader reports height + 1 when all rows were read.
-    Bytes same(img.size(), 0);
-    EXPECT_EQ(bv_io_read_preview_rgbe(w, h, w, h, p.c_str(), same.data()), h + 1);
-    EXPECT_EQ(same, img);
-    const std::tuple<int, int, uint64_t> sizes[] = {
+    const std::tuple<int, int, uint64_t> sizes[] = {{w, h, bvtest::digest(img)},
         {7, 3, 13556180980076190327u}, {1, 1, 4014401627988698429u},
         {450, 50, 6991663585522900234u}, {301, 5, 1240201823546018282u}};
     for (auto [pw, ph, want] : sizes) {
