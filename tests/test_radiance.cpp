@@ -343,9 +343,8 @@ TEST(Radiance, HostileFilesGetTheirCodes) {
     EXPECT_EQ(decomp_rle(case_path("literal_128_run_129.hdr").c_str(), 130, 1, img.data()), 1);
     for (long nth : {0L, 1L}) {  // the read buffer, then the flat row buffer
         bvtest::FailAllocation fail(nth);
-        EXPECT_EQ(read_hdr(case_path(nth ? "flat_3x2.hdr" : "blank_line_tab.hdr"), nth ? 3 : 4, 2)
-                      .first,
-                  BV_RAD_ERR_MEMORY);
+        const std::string file = case_path(nth ? "flat_3x2.hdr" : "blank_line_tab.hdr");
+        EXPECT_EQ(read_hdr(file, nth ? 3 : 4, 2).first, BV_RAD_ERR_MEMORY);
     }
     // Preview reader (file size, preview size): rows not sampled are still checked.
     const std::tuple<const char *, int, int, int, int, int> previews[] = {
