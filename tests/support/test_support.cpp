@@ -69,6 +69,15 @@ std::string write_text(const std::string &name, const std::string &content) {
     return p;
 }
 
+const float *exp_table() {
+    static const std::array<float, 256> t = [] {
+        std::array<float, 256> a{};
+        exp_lut_old(a.data());
+        return a;
+    }();
+    return t.data();
+}
+
 int cv2_run(const std::string &args) {
     const int rc = std::system(("/usr/bin/python3 tests/scripts/cv2_hdr.py " + args).c_str());
     return WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;

@@ -95,6 +95,8 @@ uint64_t digest(const V &v) {
 
 // Uniformly random bytes.
 Bytes random_bytes(size_t n, uint64_t seed);
+// exp_lut_old's RGBE exponent table, built once.
+const float *exp_table();
 
 // Planar RGBE image: per row, all R mantissas, then G, B and the exponents.
 struct Planar {
