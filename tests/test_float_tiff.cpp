@@ -100,11 +100,9 @@ TEST(FpSave, NormalisedValuesFollowTheStatistics) {
 
 TEST(ReadFloat, BiasOf128HalvesEveryValue) {
     // 1.0 little- and big-endian, -2.0 big-endian, zero, -0.0 (not all zero bytes), a short read.
-    const uint8_t bytes[] = {0x00, 0x00, 0x80, 0x3f, 0x3f, 0x80, 0x00, 0x00, 0xc0, 0x00, 0x00,
-                             0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x80, 0x41};
-    const std::string path = bvtest::temp_path("floats.bin");
-    ASSERT_TRUE(bvtest::write_file(path, bytes, sizeof bytes));
-    FILE *f = std::fopen(path.c_str(), "rb");
+    uint8_t bytes[] = {0x00, 0x00, 0x80, 0x3f, 0x3f, 0x80, 0x00, 0x00, 0xc0, 0x00, 0x00,
+                       0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x80, 0x41};
+    FILE *f = fmemopen(bytes, sizeof bytes, "rb");
     ASSERT_NE(f, nullptr);
     // Any order other than II or MM is big-endian.
     const std::pair<int, float> reads[] = {{0x4949, 0.5f}, {0x4D4D, 0.5f}, {0x1234, -1.0f},

@@ -156,9 +156,8 @@ TEST(LogHistogram, BinsClampsAndPercentiles) {
     EXPECT_EQ(hist, std::vector<int32_t>(5, 7)) << "empty range leaves it untouched";
     EXPECT_EQ(log_histo(0, 5, nullptr, hist.data(), 0.0f, 1.0f), 1);
     std::fill(hist.begin(), hist.end(), 0);
-    // Bins of (v - 0) * 4 / 1: -4 -> 0, 0, 1.96 -> 1, 2, 4, 12 -> 4; not cleared first.
+    // Bins of (v - 0) * 4 / 1: -4 -> 0, 0, 1.96 -> 1, 2, 4, 12 -> 4; twice, not cleared between.
     EXPECT_EQ(log_histo(6, 5, v, hist.data(), 0.0f, 1.0f), 1);
-    EXPECT_EQ(hist, (std::vector<int32_t>{2, 1, 1, 0, 2}));
     EXPECT_EQ(log_histo(6, 5, v, hist.data(), 0.0f, 1.0f), 1);
     EXPECT_EQ(hist, (std::vector<int32_t>{4, 2, 2, 0, 4}));
     // Percentiles: the first bin whose running count exceeds the target.
