@@ -17,7 +17,7 @@ TEST(Rounding, ExactRulesAndClamps) {
         {plafond(3, -4), -4}, {coupeh(5, 3.7f), 3}, {coupeh(2, 3.7f), 2}, {coupeh(-5, -7.9f), -7},
         {clipvar(100, 0.7), 1000}, {clipvar(0, 2.0), 0}, {fclipvar(25.0f, 0.5), 500},
         {clipvar(30, 2.0), 90}, {fclipvar(0.15f, 0.5), 39}};
-    for (size_t i = 0; i < std::size(cases); ++i) EXPECT_EQ(cases[i][0], cases[i][1]) << "case " << i;
+    for (size_t i = 0; i < std::size(cases); ++i) EXPECT_EQ(cases[i][0], cases[i][1]) << i;
     EXPECT_FLOAT_EQ(lerp(2.0f, 4.0f, 0.25f), 2.5f);
     char src[5] = "abcd", dst[5] = "xxxx";
     EXPECT_EQ(copie_mem(src, 4, dst), 1);

@@ -351,9 +351,9 @@ TEST(Radiance, HostileFilesGetTheirCodes) {
         {"packet_code_0.hdr", 4, 1, 2, 1, BV_RAD_ERR_PACKET}, {"truncated_scanline.hdr", 4, 2, 4, 2, BV_RAD_ERR_IO},
         {"truncated_flat.hdr", 3, 3, 3, 3, BV_RAD_ERR_IO}, {"lying_height.hdr", 4, 5, 4, 5, BV_RAD_ERR_IO},
         {"flat_3x2.hdr", 3, 2, 0, 1, BV_RAD_ERR_ARGUMENTS}, {"scanline_length_65535_second.hdr", 4, 2, 1, 1, 3}};
-    for (auto [file, w, h, pw, ph, rc] : previews) {
+    for (auto [f, w, h, pw, ph, rc] : previews) {
         Bytes pv(size_t(4) * pw * ph + 4, 0xEE);
-        EXPECT_EQ(bv_io_read_preview_rgbe(w, h, pw, ph, case_path(file).c_str(), pv.data()), rc) << file;
+        EXPECT_EQ(bv_io_read_preview_rgbe(w, h, pw, ph, case_path(f).c_str(), pv.data()), rc) << f;
     }
 }
 

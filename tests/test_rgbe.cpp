@@ -139,7 +139,7 @@ TEST(HalfFloat, RoundsToNearestEvenEverywhere) {
         ASSERT_EQ(floatToHalf(std::nextafter(mid, 0.0f)), h) << h;
         ASSERT_EQ(floatToHalf(std::nextafter(mid, INFINITY)), h + 1) << h;
     }
-    for (auto [f, h] : {std::pair<float, uint16_t>{1e10f, 0x7c00}, {-INFINITY, 0xfc00}, {1e-10f, 0}})
+    for (auto [f, h] : {std::pair{1e10f, uint16_t(0x7c00)}, {-INFINITY, 0xfc00}, {1e-10f, 0}})
         EXPECT_EQ(floatToHalf(f), h) << f;
     // NaNs stay NaNs, also one whose payload lives only in the low bits.
     for (uint32_t bits : {0x7fc00000u, 0x7f800001u}) {
@@ -163,7 +163,7 @@ TEST(LogHistogram, BinsClampsAndPercentiles) {
     // Percentiles: the first bin whose running count exceeds the target.
     const std::tuple<int, int, float, int> cases[] = {{12, 5, 0.3f, 0},  {12, 5, 0.34f, 1},
         {12, 5, 0.5f, 2}, {12, 5, 0.75f, 4}, {24, 5, 0.6f, 5}, {12, 0, 0.5f, 0}, {12, 5, -1.0f, 0}};
-    for (auto [total, bins, p, bin] : cases) EXPECT_EQ(percentile(total, bins, hist.data(), p), bin) << p;
+    for (auto [n, bins, p, bin] : cases) EXPECT_EQ(percentile(n, bins, hist.data(), p), bin) << p;
 }
 
 // The six statistics: min, max, mean, median, p99.5 and p33.3 of ln luminance.
