@@ -39,21 +39,17 @@ save("no_resolution_line.hdr", HEAD)
 save("malformed_resolution.hdr", HEAD + b"+X 4 -Y 2\n" + good_rows())
 save("zero_width.hdr", HEAD + b"-Y 2 +X 0\n" + b"\0" * 8)
 # Flat file whose first pixel reads 2, 2, 0, 4: taken as run-length rows.
-flat = bytes([2, 2, 0, 4, 9, 9, 9, 130]) * 4
-save("flat_starting_2_2.hdr", HEAD + b"-Y 2 +X 4\n" + flat)
-# Plain flat 3x2 file.
+save("flat_starting_2_2.hdr", HEAD + b"-Y 2 +X 4\n" + bytes([2, 2, 0, 4, 9, 9, 9, 130]) * 4)
 save("flat_3x2.hdr", HEAD + b"-Y 2 +X 3\n" + bytes(range(100, 124)))
 # Literal code 128 and run code 129 on a 130-pixel row.
-w = 130
 comp = lit(list(range(128))) + run(1, 200) + run(1, 201)
-save("literal_128_run_129.hdr", HEAD + b"-Y 1 +X 130\n" + rle_row(w, [comp] * 4))
+save("literal_128_run_129.hdr", HEAD + b"-Y 1 +X 130\n" + rle_row(130, [comp] * 4))
 save("scanline_width_plus_one.hdr", HEAD + b"-Y 2 +X 4\n" + rle_row(5, [lit([1, 2, 3, 4, 5])] * 4) * 2)
 save("scanline_length_0.hdr", HEAD + b"-Y 2 +X 4\n" + bytes([2, 2, 0, 0]) + good_rows()[4:])
 save("scanline_length_65535_first.hdr", HEAD + b"-Y 2 +X 4\n" + bytes([2, 2, 255, 255]) + good_rows()[4:])
 rows = good_rows()
-second = len(rows) // 2
 save("scanline_length_65535_second.hdr",
-     HEAD + b"-Y 2 +X 4\n" + rows[:second] + bytes([2, 2, 255, 255]) + rows[second + 4:])
+     HEAD + b"-Y 2 +X 4\n" + rows[:len(rows) // 2] + bytes([2, 2, 255, 255]) + rows[len(rows) // 2 + 4:])
 save("packet_code_0.hdr", HEAD + b"-Y 1 +X 4\n" + rle_row(4, [bytes([0]) + bytes(4)] + [lit([1, 2, 3, 4])] * 3))
 save("packet_past_width.hdr", HEAD + b"-Y 1 +X 4\n" + rle_row(4, [run(5, 7)] + [lit([1, 2, 3, 4])] * 3))
 save("literal_past_width.hdr", HEAD + b"-Y 1 +X 4\n" + rle_row(4, [lit([1, 2, 3]), lit([4, 5])] + [lit([1, 2, 3, 4])] * 3))
@@ -62,8 +58,7 @@ save("truncated_run_value.hdr", HEAD + b"-Y 1 +X 4\n" + rle_row(4, [lit([1, 2, 3
 save("truncated_flat.hdr", HEAD + b"-Y 3 +X 3\n" + bytes(range(100, 130)))
 save("lying_height.hdr", HEAD + b"-Y 5 +X 4\n" + rows)
 save("lying_width.hdr", HEAD + b"-Y 2 +X 6\n" + rows)
-# Claims 2 GiB of pixels (32767 x 16385 run-length, 32768 x 16384 flat) but
-# holds one row.
+# Claims 2 GiB of pixels (32767 x 16385 run-length, 32768 x 16384 flat), holds one row.
 save("claims_2gb_rle.hdr", HEAD + b"-Y 16385 +X 32767\n" + rle_row(32767, [run(127, 5) * 258 + run(1, 5)] * 4))
 save("claims_2gb_flat.hdr", HEAD + b"-Y 16384 +X 32768\n" + bytes([200, 1, 2, 130]) * 64)
 save("header_only_eof.hdr", HEAD + b"-Y 2 +X 4\n" + b"\2\2")

@@ -1,6 +1,7 @@
 // Implementation of the shared test helpers.
 #include "test_support.hpp"
 
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cmath>
@@ -66,6 +67,30 @@ std::string write_text(const std::string &name, const std::string &content) {
     const std::string p = temp_path(name);
     EXPECT_TRUE(write_file(p, content.data(), content.size())) << p;
     return p;
+}
+
+const float *exp_table() {
+    static const std::array<float, 256> t = [] {
+        std::array<float, 256> a{};
+        exp_lut_old(a.data());
+        return a;
+    }();
+    return t.data();
+}
+
+int cv2_run(const std::string &args) {
+    const int rc = std::system(("/usr/bin/python3 tests/scripts/cv2_hdr.py " + args).c_str());
+    return WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
+}
+
+std::vector<float> load_raw(const std::string &path, int w, int h) {
+    Bytes b;
+    std::vector<float> rgb(size_t(3) * w * h);
+    const int32_t size[2] = {w, h};
+    if (!read_file(path, &b) || b.size() != 8 + rgb.size() * 4 || std::memcmp(b.data(), size, 8))
+        return {};
+    std::memcpy(rgb.data(), b.data() + 8, b.size() - 8);
+    return rgb;
 }
 
 std::string shell(const std::string &cmd) {

@@ -39,6 +39,11 @@ std::string write_text(const std::string &name, const std::string &content);
 std::string shell(const std::string &cmd);
 // A fresh temporary folder, created; removed at exit with the rest.
 std::string temp_dir(const std::string &name);
+// Exit status of tests/scripts/cv2_hdr.py (OpenCV's reader and writer) run with args.
+constexpr int kNoOpenCv = 77;  // its status when OpenCV's Python module is missing
+int cv2_run(const std::string &args);
+// The script's raw files: int32 width, height, then float RGB; empty unless w x h.
+std::vector<float> load_raw(const std::string &path, int w, int h);
 
 // What call() prints on standard error, each occurrence of `path` shown as "%s".
 template <class F>
@@ -90,6 +95,8 @@ uint64_t digest(const V &v) {
 
 // Uniformly random bytes.
 Bytes random_bytes(size_t n, uint64_t seed);
+// exp_lut_old's RGBE exponent table, built once.
+const float *exp_table();
 
 // Planar RGBE image: per row, all R mantissas, then G, B and the exponents.
 struct Planar {
