@@ -194,9 +194,9 @@ TEST(FusionReduce, ConstantLevels) {
 
 TEST(FusionPyramid, DepthAndLayout) {
     // w, h, output bits, depth; log2 in double lands just below 3, 6, 7 for 8, 64, 128.
-    const int cases[][4] = {{3, 100, 8, 0},    {4, 4, 8, 1},        {7, 7, 8, 1},
+    const int cases[][4] = {{3, 100, 8, 0},    {4, 4, 8, 1},        {127, 127, 32, 5},
                             {8, 9, 8, 1},      {9, 9, 8, 2},        {1, 1, 8, -1},
-                            {128, 128, 8, 5},  {64, 64, 32, 4},     {300, 300, 8, 7},
+                            {128, 128, 8, 5},  {64, 64, 32, 4},     {129, 129, 32, 5},
                             {300, 300, 32, 6}, {6000, 4000, 8, 10}, {6000, 4000, 32, 9}};
     for (const auto &c : cases) EXPECT_EQ(fu::pyramid_depth(c[0], c[1], c[2]), c[3]) << c[0];
     const fu::Levels lv = fu::level_layout(5, 3, 2);
@@ -223,6 +223,7 @@ TEST(FusionCollapse, MoireModesLevelStrengthsAndDetailTable) {
                                  {10, 6, 8.3333333f}, {10, 8, 7.1428571f}, {4, 0, 4.0f}, {5, 7, 5.0f}};
     for (const auto &c : strength)
         EXPECT_NEAR(fu::level_strength(c[0], int(c[1]), 8), c[2], 1e-5) << c[0] << " " << c[1];
+    EXPECT_EQ(fu::level_strength(10, 0, 1), 0.0f);  // under two levels: no boost
     // Detail table: strength, moire mode, index, entry.
     const int table[][4] = {{2, 0, 32767, 0},    {2, 0, 33767, 1251}, {2, 0, 32567, -278},
                             {0, 6, 33767, 1000}, {0, 6, 0, -32767}};
