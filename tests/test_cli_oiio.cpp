@@ -27,8 +27,7 @@ void expect_has(const std::string &text, const Args &parts) {
         EXPECT_NE(text.find(p), std::string::npos) << "'" << p << "' not in:\n" << text;
 }
 
-// "width height all-finite largest" as OpenCV reads the file; "" without
-// /usr/bin/python3 and cv2.
+// "width height all-finite largest" as OpenCV reads the file; "" without cv2.
 std::string opencv_view(const std::string &path) {
     return shell(
         "/usr/bin/python3 -c \"import cv2,sys,numpy as n; i=cv2.imread(sys.argv[1],-1); "
@@ -44,10 +43,8 @@ void write_split(const std::string &path, int w, int h, int split, uint8_t left,
     ASSERT_TRUE(write_rgb8(path, w, h, px.data())) << path;
 }
 
-// Inputs shared by the tests, made once: flat brackets b0..b2 at 40, 120 and
-// 220, a flat 100 result.png, mask.png over the left half, small.png one
-// column short, a 1x1 tiny.png, text files named notes.png and junk.hdr, half
-// a PNG, a folder named folder.hdr, and in.hdr merged from the brackets.
+// Shared inputs, made once: flat brackets b0..b2 (40, 120, 220), result.png, a
+// left-half mask, odd sizes, text posing as pictures, half a PNG, in.hdr.
 std::string in(const std::string &name) {
     static const std::string dir = [] {
         const std::string d = fresh_dir("inputs");
@@ -126,7 +123,6 @@ TEST(Cli, BadCallsFailOnOneLineAndLeaveNothing) {
         {{"merge", "-o", out, a}, 1, "at least two brackets"},
         {{"merge", "-o", out, in("tiny.png"), in("tiny.png")}, 1, "is 1x1, too small"},
         {{"merge", "-o", text + "/out.hdr", a, b}, 1, "cannot write"},
-        {{"merge", "-o", in("no/such/dir/out.hdr"), a, b}, 1, "cannot write"},
         {{"merge", "-o", in("folder.hdr"), a, b}, 1, "it is a folder"},
         {{"merge", "-o", out, "--exposures", in("none.txt"), a, b},
          1, "cannot open exposures file"},
@@ -184,7 +180,6 @@ TEST(Cli, MergesMemorialBracketsReadByOtherReaders) {
     EXPECT_EQ(fs::file_size(tif), 8u + 512u * 768u * 12u + 150u);
     const Image a = read_image(hdr), b = read_image(tif),
                 mid = read_image(mem + "/memorial0066.png");
-    ASSERT_EQ(a.shape(), std::make_tuple(512, 768, size_t{4}));
     ASSERT_EQ(b.px.size(), a.px.size());
     double worst = 0, peak = 0;
     for (size_t i = 0; i < a.px.size(); ++i) {
@@ -192,13 +187,10 @@ TEST(Cli, MergesMemorialBracketsReadByOtherReaders) {
         peak = std::max(peak, static_cast<double>(b.px[i]));
         worst = std::max(worst, std::fabs(a.px[i] - b.px[i]) / (std::fabs(b.px[i]) + 1e-6));
     }
-    std::printf("largest relative difference .hdr vs .tif: %g, peak %g\n", worst, peak);
     EXPECT_LT(worst, 0.02);  // two readers of one RGBE image
     EXPECT_GT(peak, 10.0);   // the skylight is far above the exposure-1 white
 
-    // Well-exposed pixels of the exposure-1 bracket keep their linear value
-    // within a stop (the film's response is not exactly the 2.2 curve, but
-    // exposures taken the wrong way round would be off by several stops).
+    // Well-exposed pixels of the exposure-1 bracket keep their value within a stop.
     std::vector<double> ratios;
     for (size_t i = 0; i < mid.px.size(); i += 3)
         if (mid.px[i + 1] >= 0.3f && mid.px[i + 1] <= 0.7f && mid.px[i + 2] <= 0.99f)
@@ -206,7 +198,6 @@ TEST(Cli, MergesMemorialBracketsReadByOtherReaders) {
     ASSERT_GT(ratios.size(), 1000u);
     std::nth_element(ratios.begin(), ratios.begin() + ratios.size() / 2, ratios.end());
     const double median = ratios[ratios.size() / 2];
-    std::printf("median merged / linearised exposure-1 value: %g\n", median);
     EXPECT_TRUE(median > 0.5 && median < 2.0) << median;
 
     std::istringstream cv(opencv_view(hdr));
@@ -287,10 +278,8 @@ bool make_time_infinite(const std::string &path) {
     return false;
 }
 
-// Where each merge takes its exposures and gamma from, as it reports them:
-// EXIF checked against the pixels (three brackets two stops apart whose times
-// are right, one stop off, zero, infinite or all equal), an ICC profile,
-// --estimate and --gamma; and what it writes in the header.
+// Exposures and gamma from EXIF (right, off, zero, infinite, equal times), an
+// ICC profile, --estimate or --gamma, as reported; metadata in the header.
 TEST(Cli, MergeTakesExposuresAndGammaFromExifProfileOrPixels) {
     BV_REQUIRE_TOOL();
     const std::string dir = fresh_dir("exif") + "/";
@@ -373,8 +362,7 @@ TEST(Cli, MergeTakesExposuresAndGammaFromExifProfileOrPixels) {
     if (!adobe.empty()) expect_has(text_of(dir + "9.hdr"), {"\nICC_PROFILE=Adobe RGB (1998)\n"});
 }
 
-// A file written by other software reads and renders; enhance is tonemap's
-// enhancer method, and from brackets it renders what merging first would.
+// Another program's file renders; enhance from brackets equals merge-then-enhance.
 TEST(Cli, RendersAFileFromOtherSoftwareAndEnhancesBrackets) {
     BV_REQUIRE_TOOL();
     const std::string data = shared_data_dir();
@@ -394,7 +382,6 @@ TEST(Cli, RendersAFileFromOtherSoftwareAndEnhancesBrackets) {
     expect_has(r[0].out, {"1024 x 676"});
     ASSERT_EQ(run({"enhance", "-q", dir + "/m.hdr", "-o", dir + "/via.png"}).code, 0);
     const Image a = read_image(dir + "/a.png"), wide = read_image(dir + "/w.png");
-    EXPECT_EQ(read_image(dir + "/blues.png").shape(), std::make_tuple(1024, 676, size_t{1}));
     EXPECT_EQ(a.shape(), std::make_tuple(1024, 676, size_t{1}));
     EXPECT_EQ(a.px, read_image(dir + "/b.png").px) << "tonemap --method enhancer is enhance";
     EXPECT_EQ(wide.format, OIIO::TypeDesc::UINT16);
@@ -403,8 +390,7 @@ TEST(Cli, RendersAFileFromOtherSoftwareAndEnhancesBrackets) {
         << "brackets give the merged file's rendering";
 }
 
-// The number after `after` (from `from` on) in the tool's report; NaN, which
-// fails every comparison, when absent.
+// The number after `after` (from `from` on) in a report; NaN when absent.
 double figure(const std::string &out, const std::string &after, size_t from = 0) {
     const size_t at = out.find(after, from);
     return at == std::string::npos ? std::nan("") : std::atof(out.c_str() + at + after.size());
@@ -429,34 +415,25 @@ TEST(Cli, DemoOnBuiltInSceneAndOnItsBrackets) {
         const double y = 0.2126 * truth.px[i] + 0.7152 * truth.px[i + 1] + 0.0722 * truth.px[i + 2];
         if (y > 0) lo = std::min(lo, y), hi = std::max(hi, y);
     }
-    std::printf("built-in scene: %.1f stops\n", std::log2(hi / lo));
     EXPECT_GE(std::log2(hi / lo), 14.0);
     EXPECT_EQ(png.shape(), std::make_tuple(384, 256, size_t{1}));
     EXPECT_LT(*std::min_element(png.px.begin(), png.px.end()), 0.1f);
     EXPECT_GT(*std::max_element(png.px.begin(), png.px.end()), 0.9f);
 
-    // Exposures from pixel ratios within a tenth of a stop of the truth; the
-    // median-brightness rule, which works from one statistic per bracket,
-    // is off by about a stop.
+    // Pixel-ratio exposures within 0.1 stop of the truth; the median rule about a stop off.
     const double worst = figure(r.out, "largest error: pixel ratios "),
                  median = figure(r.out, "median brightness ", r.out.find("largest error: "));
-    std::printf("largest exposure error: %.3f stops (median rule %.2f)\n", worst, median);
     EXPECT_LT(worst, 0.1) << r.out;
-    EXPECT_GT(median, 0.5);
+    EXPECT_GT(median, 0.5) << r.out;
     // The merged radiance follows the true scene closely.
     const double deviation = figure(r.out, "median deviation "),
                  within = figure(r.out, "stops, ", r.out.find("median deviation "));
-    std::printf("merged vs truth: median %.3f stops, %.1f%% within 1/4 stop\n", deviation, within);
     EXPECT_LT(deviation, 0.2) << r.out;
-    EXPECT_GT(within, 70.0);
+    EXPECT_GT(within, 70.0) << r.out;
     const std::string cv = opencv_view(d + "/merged.hdr");
-    if (!cv.empty()) {
-        EXPECT_EQ(cv.rfind("384 256 1 ", 0), 0u) << cv;
-    }
+    if (!cv.empty()) EXPECT_EQ(cv.rfind("384 256 1 ", 0), 0u) << cv;
 
-    // Same seed, same bytes; the brackets carry their true exposure times
-    // (1/8192 s to 1/2 s) for other tools, and the folder replays through
-    // EXIF to the same merged range.
+    // Same seed, same bytes; brackets carry true times (1/8192 s to 1/2 s) and replay.
     EXPECT_EQ(text_of(again + "/merged.hdr"), text_of(d + "/merged.hdr"));
     EXPECT_EQ(text_of(again + "/fused.png"), text_of(d + "/fused.png"));
     for (int k = 1; k <= 7; ++k) {
@@ -472,7 +449,6 @@ TEST(Cli, DemoOnBuiltInSceneAndOnItsBrackets) {
     expect_has(f.out, {"against the EXIF ones"});
     EXPECT_LT(figure(f.out, "largest error: pixel ratios "), 0.1) << f.out;
     const double range = figure(r.out, "merged HDR: "), replayed = figure(f.out, "merged HDR: ");
-    std::printf("merged range: %.1f stops, replayed %.1f\n", range, replayed);
     EXPECT_NEAR(replayed, range, 0.25);
     EXPECT_TRUE(fs::exists(work + "/fromfolder/tonemapped.png"));
     expect_has(text_of(work + "/fromfolder/merged.hdr"),
@@ -490,8 +466,7 @@ TEST(Cli, CtrlCCancelsAndRemovesPartialOutput) {
         _exit(127);
     }
     ASSERT_GT(pid, 0);
-    // Interrupt once the work has started (the output folder exists), which
-    // can take a while on a loaded machine.
+    // Interrupt once the work has started (the output folder exists).
     int status = 0;
     bool exited = false;
     for (int waited = 0; waited < 600 && !exited && !fs::exists(out); ++waited) {
@@ -524,14 +499,13 @@ TEST(Cli, BlendPaintsLayersThroughAMask) {
     ASSERT_EQ(img.width, kW);
     ASSERT_EQ(preview.width, kW);
     for (int x = 0; x < kW; ++x) EXPECT_EQ(img.level(x, 5, 1), x < kW / 2 ? 218 : 109) << x;
-    // The preview tints the painted half of the last bracket (220) by a quarter towards blue.
+    // The preview tints the painted half of the last bracket (220) a quarter to blue.
     EXPECT_EQ(preview.level(0, 0, 0), 165);
     EXPECT_EQ(preview.level(0, 0, 2), 228);
     EXPECT_EQ(preview.level(kW - 1, 0, 0), 220);
 }
 
-// The fused picture of the flat brackets lies between them; 16-bit output,
-// the temporary-file mode and the ghost mask behave.
+// Fusing flat brackets lies between them; 16-bit, temporary files, ghost mask.
 TEST(Cli, FuseBracketsWithOptions) {
     BV_REQUIRE_TOOL();
     const std::string dir = fresh_dir("fuse"), spill = dir + "/spill";

@@ -1,5 +1,4 @@
-// Helpers for the tests that drive the built brackvista tool: running it,
-// its one-line errors, and pictures written or read through OpenImageIO.
+// Running the built brackvista tool, its one-line errors, OpenImageIO pictures.
 #pragma once
 
 #include <OpenImageIO/imageio.h>
@@ -46,8 +45,7 @@ inline Result run(const Args &args, const std::string &cwd = "") {
     static std::atomic<int> counter{0};
     const std::string base = temp_path("run" + std::to_string(counter++));
     std::string cmd = cwd.empty() ? "" : "cd " + quote(cwd) + " && ";
-    // Only sanitizer builds read these: a leak inside OpenImageIO's PNG
-    // reader is not ours to fix (full stacks are needed to match it).
+    // Sanitizer builds only: OpenImageIO's PNG reader leaks (full stacks to match it).
     cmd +=
         "ASAN_OPTIONS=\"${ASAN_OPTIONS:-}:fast_unwind_on_malloc=0\" "
         "LSAN_OPTIONS=print_suppressions=0:suppressions=" +
@@ -60,8 +58,7 @@ inline Result run(const Args &args, const std::string &cwd = "") {
             text_of(base + ".err")};
 }
 
-// Runs the calls side by side: start-up (OpenImageIO loads many libraries)
-// dominates short calls.
+// Runs the calls side by side: start-up dominates short calls.
 inline std::vector<Result> run_all(const std::vector<Args> &calls) {
     std::vector<std::future<Result>> runs;
     for (const auto &a : calls) runs.push_back(std::async(std::launch::async, run, a, ""));
@@ -87,9 +84,8 @@ struct Refusal {
     std::string says;
 };
 
-// Runs the calls side by side; each fails with its code, and the last line
-// on stderr starts with the tool's name and says why. `alone`: that line is
-// all there is (otherwise the library's own diagnostics may come first).
+// Each call fails with its code; stderr's last line starts "brackvista" and says
+// why. `alone`: that line is all there is (no library diagnostics before it).
 inline std::vector<Result> expect_refused(const std::vector<Refusal> &calls, bool alone = true) {
     std::vector<Args> args;
     for (const auto &c : calls) args.push_back(c.args);
