@@ -16,8 +16,7 @@ int run(std::vector<uint8_t> &img, const DimParam &d, int threads = 1, int wrap 
     return bv_fusion_local(2, cb, &p, wrap, img.data(), threads, 0, 0, 0, 0, d);
 }
 
-// A dim, low-contrast scene: a left half near 40 and a right half near 200,
-// each with a faint +-6 texture and a slow vertical ramp; 3 channels.
+// Left half near 40, right near 200, each with a +-6 texture and a slow ramp; RGB.
 std::vector<uint8_t> two_halves(int w, int h, int bits, uint64_t seed) {
     std::vector<uint8_t> img(size_t(w) * h * 3 * bits / 8);
     bvtest::Rng rng(seed);
@@ -72,8 +71,7 @@ TEST(FusionLocal, CodesAndNeutralSettings) {
     EXPECT_EQ(img, orig);
 }
 
-// Local contrast rises in both halves although they sit far apart in level,
-// and the dark half stays darker than the bright one.
+// Contrast rises in both halves far apart in level; the dark half stays darker.
 TEST(FusionLocal, RaisesContrastInEveryRegion) {
     const int w = 160, h = 90;
     std::vector<uint8_t> img = two_halves(w, h, 8, 2);
@@ -84,8 +82,7 @@ TEST(FusionLocal, RaisesContrastInEveryRegion) {
     EXPECT_LT(img[(size_t(h / 2) * w + 5) * 3], img[(size_t(h / 2) * w + w - 5) * 3]);
 }
 
-// The grid step is the module's InterpolationInterval; absurd steps, clip
-// limits and strengths are held to their meaningful range.
+// The grid step is InterpolationInterval; absurd steps, clips and strengths are held.
 TEST(FusionLocal, GridStepAndExtremeSettings) {
     const int w = 120, h = 80;
     const std::vector<uint8_t> orig = two_halves(w, h, 8, 3);
@@ -103,8 +100,7 @@ TEST(FusionLocal, GridStepAndExtremeSettings) {
     bv::fusion::InterpolationInterval = bv::fusion::kDefaultInterpolationInterval;
 }
 
-// A panorama whose left and right edges differ: the wrap flag changes only
-// columns within two grid steps of an edge.
+// The wrap flag changes only columns within two grid steps of an edge.
 TEST(FusionLocal, WrapChangesOnlyColumnsNearTheSeam) {
     const int w = 240, h = 60, step = bv::fusion::kDefaultInterpolationInterval;
     std::vector<uint8_t> flat = two_halves(w, h, 8, 4), wrapped = flat;
