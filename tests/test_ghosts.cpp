@@ -38,8 +38,7 @@ TEST(MaskFile, RandomSelectionSetsRoundTrip) {
         ASSERT_EQ(write_ghost_mask(path.c_str(), W0, H0, n, e0.data(), p0.data(), xy0.data()), T);
         int W = -1, H = -1, N = -1, t = 0;
         EXPECT_EQ(bvtest::stderr_of([&] { t = get_mask_info(path.c_str(), &W, &H, &N); }, path), "");
-        ASSERT_EQ(t, T) << seed;
-        ASSERT_EQ(std::vector<int>({W, H, N}), std::vector<int>({W0, H0, n}));
+        ASSERT_EQ(std::vector<int>({t, W, H, N}), std::vector<int>({T, W0, H0, n})) << seed;
         std::vector<int32_t> e(N), p(N), xy(2 * static_cast<size_t>(t));
         EXPECT_EQ(get_mask_data(path.c_str(), e.data(), p.data(), xy.data()), n);
         EXPECT_EQ(std::tie(e, p, xy), std::tie(e0, p0, xy0));
@@ -237,10 +236,8 @@ TEST_F(Detect, RefusedArguments) {
 
 // Pixels no pair can judge: left alone for T >= 0, marked for T < 0; caller's bits stay.
 TEST_F(Detect, TooFewComparisonsFollowTheSignOfT) {
-    Stack dark;
-    dark.n = 2, dark.w = 13, dark.h = 7;
-    dark.px.assign(2 * 13 * 7 * 3, 0);
-    dark.exposures = {1.0f, 2.0f};
+    Stack dark = bvtest::static_stack(13, 7, 2, 1.0);
+    dark.px.assign(dark.px.size(), 0);
     EXPECT_EQ(bvtest::detect(dark, 70, 1), Bytes(12, 0));
     Bytes want(12, 0xff);
     want.back() = 0xe0;  // 91 pixels: 3 bits of the last byte

@@ -149,14 +149,11 @@ TEST(GhostsTool, PictureIsTheLibraryMaskAndOutlinesReadBack) {
     const auto a = read_image(png), b = read_image(back);
     ASSERT_EQ(std::vector<int>({a.width, a.height, b.width, b.height}),
               std::vector<int>({240, 160, 240, 160}));
-    size_t set = 0;
     for (size_t p = 0; p < size_t{240} * 160; ++p) {
-        set += bit(want, p);
         ASSERT_EQ(a.px[3 * p] > 0.5f, bit(want, p)) << p;
         // Hole-free outlines fill back to the same pixels.
         ASSERT_EQ(b.px[3 * p], a.px[3 * p]) << p;
     }
-    EXPECT_GT(set, 4000u);
     EXPECT_NE(text_of(txt).find(" E2 P"), std::string::npos);
 }
 
