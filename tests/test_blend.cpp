@@ -61,7 +61,8 @@ TEST(Blend, FixedPointLayerValues) {
         const DimParam d = dim_param(1, 1, 3, c.bits_in, c.bits_out);
         EXPECT_EQ(bv_blend(1, 1, &rec, nullptr, nullptr, src, d, res), 1);
         if (c.bits_out == 8) res16.assign(res8.begin(), res8.end());
-        EXPECT_EQ(res16, std::vector<uint16_t>(3, uint16_t(c.want))) << c.bits_in << "->" << c.bits_out;
+        EXPECT_EQ(res16, std::vector<uint16_t>(3, uint16_t(c.want)))
+            << c.bits_in << "->" << c.bits_out;
     }
 }
 
@@ -70,13 +71,10 @@ TEST(Blend, FixedPointLayerValues) {
 struct BrushScene {
     static constexpr int kW = 7;
     std::vector<uint8_t> stack;
-    TmParam rec[3];
+    TmParam rec[3] = {layer(50, -1, 2), layer(100, 0), layer(50, 1)};
     const float evs[3] = {-2, 0, 2};
     BrushScene() {
         for (int v : {10, 100, 250}) stack.insert(stack.end(), kW * 3, uint8_t(v));
-        rec[0] = layer(50, -1, 2);
-        rec[1] = layer(100, 0);
-        rec[2] = layer(50, 1);
     }
     Bytes run(const uint8_t *brush, int threads = 1, int status = 1) {
         Bytes res(kW * 3, 60);
@@ -92,10 +90,9 @@ TEST(Blend, BrushLayersAndStrengths) {
     // strength, index per pixel, and the value each pixel must get
     const uint8_t brush[BrushScene::kW * 2] = {0, 0, 255, 255, 255, 0, 255, 200,
                                                127, 1, 255, 1, 1, 255};
-    const int want[BrushScene::kW] = {34, 34, 99, 154, 94, 154, 34};
-    const std::vector<uint8_t> res = s.run(brush);
-    for (int x = 0; x < BrushScene::kW; ++x)
-        for (int k = 0; k < 3; ++k) EXPECT_EQ(res[x * 3 + k], want[x]) << "pixel " << x;
+    Bytes want;
+    for (int v : {34, 34, 99, 154, 94, 154, 34}) want.insert(want.end(), 3, uint8_t(v));
+    EXPECT_EQ(s.run(brush), want);
     // Without a brush, or with a brush but no brush layers, only the base applies.
     EXPECT_EQ(s.run(nullptr), Bytes(BrushScene::kW * 3, 34));
     s.rec[0].slot[55] = 0;
@@ -141,7 +138,6 @@ TEST(Blend, ThreadInvarianceBandStatusAndChannelOrder) {
         TmParam rec[4] = {layer(40, -3, 3), layer(70, 0), layer(100, 2), layer(25, 1)};
         std::vector<uint8_t> one = base;
         ASSERT_EQ(bv_blend(1, n, rec, evs, brush.data(), stack.data(), d, one.data()), h);
-        EXPECT_NE(one, base);
         const int threads[] = {2, 3, 7, 20}, last_rows[] = {19, 13, 7, 37};
         for (int k = 0; k < 4; ++k) {
             std::vector<uint8_t> res = base;
