@@ -8,14 +8,12 @@ namespace {
 
 using bv::blend::getIndexClosestEv;
 
-struct EvCase {
-    std::vector<float> evs;
-    float target;
-    int want;
-};
-
 TEST(Blend, ClosestEvAndTies) {
-    const EvCase cases[] = {
+    const struct {
+        std::vector<float> evs;
+        float target;
+        int want;
+    } cases[] = {
         {{-2, 0}, -1, 0},      // negative target: the lower EV
         {{0, -2}, -1, 1},      // ... wherever it stands
         {{0, 2}, 1, 1},        // positive target: the higher EV
@@ -26,7 +24,7 @@ TEST(Blend, ClosestEvAndTies) {
         {{-2, 0, 2, 0}, 0, 1}, // an exact match returns at once
         {{5}, 9, 0},           // n = 1
     };
-    for (const EvCase &c : cases)
+    for (const auto &c : cases)
         EXPECT_EQ(getIndexClosestEv(static_cast<int>(c.evs.size()), c.evs.data(), c.target), c.want)
             << "target " << c.target;
     EXPECT_EQ(getIndexClosestEv(3, nullptr, 1.0f), 0);
@@ -41,50 +39,41 @@ TmParam layer(float percent, float ev, float brushes = 0) {
 }
 
 // One pixel, every channel alike: the fixed-point value of one layer.
-struct PixelCase {
-    int bits_in, bits_out;
-    float percent;
-    int src, res, want;
-};
-
 TEST(Blend, FixedPointLayerValues) {
-    const PixelCase cases[] = {
+    const struct {
+        int bits_in, bits_out;
+        float percent;
+        int src, res, want;
+    } cases[] = {
         {8, 8, 50, 200, 100, 149},     // not the rounded 150
         {8, 8, 150, 0, 255, 2},        // 150 % is held at 99 %: 1 % of the result stays
-        {8, 8, 150, 255, 0, 252},
         {16, 8, 50, 65535, 0, 126},
         {8, 16, 50, 255, 0, 32639},
         {16, 16, 50, 65535, 65535, 65023},
     };
-    for (const PixelCase &c : cases) {
-        const DimParam d = dim_param(1, 1, 3, c.bits_in, c.bits_out);
-        const std::vector<uint16_t> src16(3, uint16_t(c.src));
-        std::vector<uint16_t> res16(3, uint16_t(c.res));
-        const Bytes src8(3, uint8_t(c.src));
-        Bytes res8(3, uint8_t(c.res));
+    for (const auto &c : cases) {
+        std::vector<uint16_t> src16(3, uint16_t(c.src)), res16(3, uint16_t(c.res));
+        Bytes src8(src16.begin(), src16.end()), res8(res16.begin(), res16.end());
         const TmParam rec = layer(c.percent, 0);
-        const void *src = c.bits_in == 8 ? static_cast<const void *>(src8.data()) : src16.data();
+        void *src = c.bits_in == 8 ? static_cast<void *>(src8.data()) : src16.data();
         void *res = c.bits_out == 8 ? static_cast<void *>(res8.data()) : res16.data();
+        const DimParam d = dim_param(1, 1, 3, c.bits_in, c.bits_out);
         EXPECT_EQ(bv_blend(1, 1, &rec, nullptr, nullptr, src, d, res), 1);
-        for (int k = 0; k < 3; ++k)
-            EXPECT_EQ(c.bits_out == 8 ? res8[k] : res16[k], c.want)
-                << c.bits_in << "->" << c.bits_out << " at " << c.percent << " %";
+        if (c.bits_out == 8) res16.assign(res8.begin(), res8.end());
+        EXPECT_EQ(res16, std::vector<uint16_t>(3, uint16_t(c.want)))
+            << c.bits_in << "->" << c.bits_out;
     }
 }
 
-// Three flat exposures at EV -2, 0, +2 (values 10, 100, 250), a flat result of
-// 60 and three layers: base 50 % at -1 EV (a tie, so -2), brush layer 0 at
-// 100 % and 0 EV, brush layer 1 at 50 % and +1 EV (a tie, so +2).
+// Flat exposures 10, 100, 250 at EV -2, 0, +2 over a result of 60; layers: base 50 %
+// at -1 EV (tie: -2), brush 0 at 100 % and 0 EV, brush 1 at 50 % and +1 EV (tie: +2).
 struct BrushScene {
     static constexpr int kW = 7;
     std::vector<uint8_t> stack;
-    TmParam rec[3];
+    TmParam rec[3] = {layer(50, -1, 2), layer(100, 0), layer(50, 1)};
     const float evs[3] = {-2, 0, 2};
     BrushScene() {
         for (int v : {10, 100, 250}) stack.insert(stack.end(), kW * 3, uint8_t(v));
-        rec[0] = layer(50, -1, 2);
-        rec[1] = layer(100, 0);
-        rec[2] = layer(50, 1);
     }
     Bytes run(const uint8_t *brush, int threads = 1, int status = 1) {
         Bytes res(kW * 3, 60);
@@ -100,10 +89,9 @@ TEST(Blend, BrushLayersAndStrengths) {
     // strength, index per pixel, and the value each pixel must get
     const uint8_t brush[BrushScene::kW * 2] = {0, 0, 255, 255, 255, 0, 255, 200,
                                                127, 1, 255, 1, 1, 255};
-    const int want[BrushScene::kW] = {34, 34, 99, 154, 94, 154, 34};
-    const std::vector<uint8_t> res = s.run(brush);
-    for (int x = 0; x < BrushScene::kW; ++x)
-        for (int k = 0; k < 3; ++k) EXPECT_EQ(res[x * 3 + k], want[x]) << "pixel " << x;
+    Bytes want;
+    for (int v : {34, 34, 99, 154, 94, 154, 34}) want.insert(want.end(), 3, uint8_t(v));
+    EXPECT_EQ(s.run(brush), want);
     // Without a brush, or with a brush but no brush layers, only the base applies.
     EXPECT_EQ(s.run(nullptr), Bytes(BrushScene::kW * 3, 34));
     s.rec[0].slot[55] = 0;
@@ -121,30 +109,25 @@ TEST(Blend, BrushLayersAndStrengths) {
 }
 
 TEST(Blend, ChannelOrderRowLengthsAndSpareSamples) {
-    // Two rows of one 4-sample pixel, rows padded; sources in natural order,
-    // result with first and last exchanged; sample 2 is not a colour role.
+    // Two padded rows of one 4-sample pixel; BGR result; sample 2 is no colour role.
     DimParam d = dim_param(1, 2, 4, 8, 8);
     d.rowIn = 6, d.rowOut = 5, d.bgr = 1;
     const uint8_t src[12] = {200, 0, 9, 100, 7, 7, 40, 0, 9, 255, 7, 7};
     uint8_t res[10] = {0, 0, 77, 100, 5, 255, 0, 77, 0, 5};
     const TmParam rec = layer(50, 0);
     EXPECT_EQ(bv_blend(1, 1, &rec, nullptr, nullptr, src, d, res), 2);
-    // Row 0: R role (sample 3 under bgr) 200 over 100, B role (sample 0) 100
-    // over 0; row 1: 255 over 255 gives 254.
+    // Row 0: R (sample 3) 200 over 100, B (sample 0) 100 over 0; row 1: 255 over 255.
     const uint8_t want[10] = {49, 0, 77, 149, 5, 254, 0, 77, 19, 5};
     EXPECT_EQ(0, std::memcmp(res, want, sizeof want));
 }
 
-// Random 8- and 16-bit stacks (wider than one internal chunk) with a brush
-// give the same bytes for any thread count, the return value being the rows
-// of the last band; and a BGR result, which takes another path inside, gets
-// the RGB blend with its first and last samples swapped.
+// Random stacks wider than a chunk: same bytes for any thread count (the return is
+// the last band's rows); a BGR result (another path) is the RGB one swapped.
 TEST(Blend, ThreadInvarianceBandStatusAndChannelOrder) {
     for (int bits_in : {8, 16}) {
         const int w = 523, h = 37, n = 3;
         DimParam d = dim_param(w, h, 3, bits_in, 8);
-        // Random samples of the input depth; brush strengths random, indices
-        // in runs of 40 pixels through 0..3 and 255.
+        // Brush indices in runs of 40 pixels through 0..3 and 255.
         const Bytes stack = bvtest::random_bytes(size_t(n) * w * h * 3 * bits_in / 8, bits_in);
         Bytes brush = bvtest::random_bytes(size_t(w) * h * 2, 1),
               base = bvtest::random_bytes(size_t(w) * h * 3, 2);
@@ -154,7 +137,6 @@ TEST(Blend, ThreadInvarianceBandStatusAndChannelOrder) {
         TmParam rec[4] = {layer(40, -3, 3), layer(70, 0), layer(100, 2), layer(25, 1)};
         std::vector<uint8_t> one = base;
         ASSERT_EQ(bv_blend(1, n, rec, evs, brush.data(), stack.data(), d, one.data()), h);
-        EXPECT_NE(one, base);
         const int threads[] = {2, 3, 7, 20}, last_rows[] = {19, 13, 7, 37};
         for (int k = 0; k < 4; ++k) {
             std::vector<uint8_t> res = base;

@@ -1,7 +1,6 @@
-// Ghosts on real brackets and through the tool: detection figures on the
-// memorial scan with a pasted moving object, masks written and read back,
-// ghosts removed in a merge, and the tool's one-line errors.
+// Ghosts on real brackets and through the tool: detection, mask files, merges, errors.
 #include "cli_support.hpp"
+#include "core/ghosts/ghosts.hpp"
 #include "ghost_support.hpp"
 
 namespace {
@@ -24,20 +23,14 @@ std::string exposure_list(const Stack &s) {
     return e;
 }
 
-// Pixels within `r` (Chebyshev distance) of a marked pixel.
-Bytes grow(const Bytes &m, int w, int h, int r) {
-    Bytes rows(m.size(), 0), out(m.size(), 0);
-    for (size_t p = 0; p < m.size(); ++p)
-        for (int x = p % w, d = std::max(-r, -x); d <= std::min(r, w - 1 - x) && !rows[p]; ++d)
-            rows[p] = m[p + d];
-    for (size_t p = 0; p < m.size(); ++p)
-        for (int y = p / w, d = std::max(-r, -y); d <= std::min(r, h - 1 - y) && !out[p]; ++d)
-            out[p] = rows[p + static_cast<ptrdiff_t>(d) * w];
-    return out;
+// Pixels within `r` (Chebyshev distance) of a marked pixel: r 3 x 3 dilations.
+Bytes grow(Bytes m, int w, int h, int r) {
+    Bytes tmp(m.size());
+    while (r-- > 0) bv::ghosts::dilate(m.data(), w, h, tmp.data());
+    return m;
 }
 
-// Three memorial brackets two stops apart, the middle one exposed for the
-// nave, and the scan's blue frame (which differs between them) grown by 16.
+// Three memorial brackets two stops apart; the scan's blue frame grown by 16.
 struct Memorial {
     Stack s;
     Bytes border;
@@ -71,8 +64,7 @@ const Memorial *memorial() {
     BV_REQUIRE_SHARED_DATA(shared_data_dir()); \
     if (!memorial()) GTEST_SKIP() << "memorial brackets could not be decoded"
 
-// Fractions of the moved region in the mask, of the static pixels (outside
-// the border) in it, and of those beyond 16 pixels of the moved region.
+// Fractions flagged: of the moved region, of static pixels, of those 16 px beyond.
 struct Coverage {
     double covered, flagged, flagged_far;
 };
@@ -91,10 +83,8 @@ Coverage measure(Stack &s, Bytes moved, int threshold) {
     return {n[1] / std::max(1.0, n[0]), n[3] / std::max(1.0, n[2]), n[5] / std::max(1.0, n[4])};
 }
 
-// Person-sized and smaller objects, bright and dark, in one or two
-// brackets, with the coverage held at the default threshold (measured less
-// a margin). A dark object is found only where a bracket bright enough to
-// predict from shows it (about half the moved region of the dark cases).
+// Coverage at the default threshold, measured less a margin; a dark object shows
+// only where a bright enough bracket predicts it (about half its region).
 const struct Case {
     const char *name;
     MovingObject obj;
@@ -104,19 +94,14 @@ const struct Case {
     {"person_dark_ceiling", {260, 200, 60, 160, -70, {0, 2}, 0.08f, 8}, 0.47},
     {"small_mid_one", {100, 520, 32, 48, 0, {1, -1}, 0.25f, 9}, 0.99},
     {"large_mid_two", {180, 400, 120, 240, 60, {2, 1}, 0.20f, 10}, 0.95},
-    {"person_dark_steps", {200, 560, 60, 160, 70, {0, 2}, 0.03f, 11}, 0.47},
 };
 
-// Static pixels flagged beyond 16 px of the object (the mask is deliberately
-// a little larger) stay under 0.8 %, film grain alone flags under 0.6 %, and
-// a larger T never covers or flags more.
+// Film grain alone flags under 0.6 %; a larger T never covers or flags more.
 TEST(MemorialGhosts, MovedRegionsAreCoveredAndStaticPixelsSpared) {
     REQUIRE_MEMORIAL();
     for (const Case &c : kCases) {
         Stack s = memorial()->s;
         const Coverage cov = measure(s, paste_object(s, c.obj), 70);
-        std::printf("%-20s covered %.4f, static flagged %.4f, beyond 16 px %.4f\n", c.name,
-                    cov.covered, cov.flagged, cov.flagged_far);
         EXPECT_GE(cov.covered, c.min_covered) << c.name;
         EXPECT_LE(cov.flagged_far, 0.008) << c.name;
         EXPECT_LE(cov.flagged, 0.03) << c.name;
@@ -133,8 +118,7 @@ TEST(MemorialGhosts, MovedRegionsAreCoveredAndStaticPixelsSpared) {
     }
 }
 
-// A smooth scene with a square that moves between the first two brackets,
-// written once as PNG files.
+// A square moving between the first two brackets, written once as PNG files.
 struct Square {
     Stack s;
     Bytes moved;
@@ -165,21 +149,16 @@ TEST(GhostsTool, PictureIsTheLibraryMaskAndOutlinesReadBack) {
     const auto a = read_image(png), b = read_image(back);
     ASSERT_EQ(std::vector<int>({a.width, a.height, b.width, b.height}),
               std::vector<int>({240, 160, 240, 160}));
-    size_t set = 0;
     for (size_t p = 0; p < size_t{240} * 160; ++p) {
-        set += bit(want, p);
         ASSERT_EQ(a.px[3 * p] > 0.5f, bit(want, p)) << p;
         // Hole-free outlines fill back to the same pixels.
         ASSERT_EQ(b.px[3 * p], a.px[3 * p]) << p;
     }
-    EXPECT_GT(set, 4000u);
     EXPECT_NE(text_of(txt).find(" E2 P"), std::string::npos);
 }
 
-// Inside the moved region the merge with --ghosts auto equals the reference
-// bracket alone (linearised, over its exposure) up to the RGBE rounding,
-// where the plain merge shows the ghost: the mean relative luminance error
-// there, plain (above 0.3) then with ghosts removed (below `max`).
+// Mean relative luminance error in the moved region against the linearised
+// reference bracket: the plain merge shows the ghost, --ghosts auto does not.
 void expect_removed(Stack s, const Bytes &moved, const Args &br, const std::string &name,
                     double max) {
     const int ref = 1;  // as --ghost-ref says
@@ -206,8 +185,6 @@ void expect_removed(Stack s, const Bytes &moved, const Args &br, const std::stri
         ea += std::fabs(ya - yr) / yr, eb += std::fabs(yb - yr) / yr, ++count;
     }
     EXPECT_GT(count, 1000);
-    std::printf("%s: ghost error %.4f plain, %.4f with --ghosts auto\n", name.c_str(), ea / count,
-                eb / count);
     EXPECT_GT(ea / count, 0.3) << name;
     EXPECT_LT(eb / count, max) << name;
 }

@@ -18,9 +18,8 @@ struct Stack {
     uint8_t *image(int k) { return px.data() + static_cast<size_t>(k) * w * h * 3; }
 };
 
-// A textured rectangle at (x, y) in bracket in[0], shifted by dx in bracket
-// in[1] (-1: one bracket only); `level` is its linear brightness at the
-// middle exposure, so it is exposed like the scene.
+// A textured rectangle at (x, y) in bracket in[0], shifted by dx in in[1] (-1: none);
+// `level`: linear brightness at the middle exposure.
 struct MovingObject {
     int x, y, w, h, dx;
     int in[2];
