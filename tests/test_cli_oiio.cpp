@@ -243,15 +243,16 @@ void write_jpeg(const std::string &path, float gain, float seconds, const Bytes 
         px[i] = static_cast<uint8_t>(std::min(
             255.0,
             255 * std::pow((i / 3 % w + 1.0) / w * (i / 3 / w + 8.0) / (h + 8) * gain, 1 / 2.2)));
-    OIIO::ImageSpec spec(w, h, 3, OIIO::TypeDesc::UINT8);
-    spec.attribute("Make", "Acme");
-    spec.attribute("Model", "Acme Bracketer");
-    spec.attribute("ExposureTime", seconds);
-    spec.attribute("FNumber", 8.0f);
-    spec.attribute("Exif:PhotographicSensitivity", 200);
+    OIIO::ImageSpec format(w, h, 3, OIIO::TypeDesc::UINT8);
+    format.attribute("Make", "Acme");
+    format.attribute("Model", "Acme Bracketer");
+    format.attribute("ExposureTime", seconds);
+    format.attribute("FNumber", 8.0f);
+    format.attribute("Exif:PhotographicSensitivity", 200);
     if (!icc.empty())
-        spec.attribute("ICCProfile", OIIO::TypeDesc(OIIO::TypeDesc::UINT8, icc.size()), icc.data());
-    ASSERT_TRUE(write_image(path, spec, px.data())) << path;
+        format.attribute("ICCProfile", OIIO::TypeDesc(OIIO::TypeDesc::UINT8, icc.size()),
+                         icc.data());
+    ASSERT_TRUE(write_image(path, format, px.data())) << path;
 }
 
 // Sets the denominator of a JPEG's EXIF exposure time (tag 0x829a, one

@@ -128,10 +128,10 @@ inline Image read_image(const std::string &path) {
     return img;
 }
 
-// Writes interleaved pixels of the spec's format.
-inline bool write_image(const std::string &path, const OIIO::ImageSpec &spec, const void *px) {
+// Writes interleaved pixels in the layout and sample type `format` describes.
+inline bool write_image(const std::string &path, const OIIO::ImageSpec &format, const void *px) {
     auto out = OIIO::ImageOutput::create(path);
-    return out && out->open(path, spec) && out->write_image(spec.format, px) && out->close();
+    return out && out->open(path, format) && out->write_image(format.format, px) && out->close();
 }
 
 inline bool write_rgb8(const std::string &path, int w, int h, const uint8_t *px) {
