@@ -432,7 +432,9 @@ TEST(Cli, DemoOnBuiltInSceneAndOnItsBrackets) {
     EXPECT_LT(deviation, 0.2) << r.out;
     EXPECT_GT(within, 70.0) << r.out;
     const std::string cv = opencv_view(d + "/merged.hdr");
-    if (!cv.empty()) EXPECT_EQ(cv.rfind("384 256 1 ", 0), 0u) << cv;
+    if (!cv.empty()) {
+        EXPECT_EQ(cv.rfind("384 256 1 ", 0), 0u) << cv;
+    }
 
     // Same seed, same bytes; brackets carry true times (1/8192 s to 1/2 s) and replay.
     EXPECT_EQ(text_of(again + "/merged.hdr"), text_of(d + "/merged.hdr"));
