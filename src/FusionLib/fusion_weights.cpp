@@ -19,16 +19,6 @@ int quantise_weight(float w, float sum, int bits) {
 
 namespace {
 
-// First bin whose running count exceeds limit, or -1.
-int first_bin_above(const uint64_t *hist, uint64_t limit) {
-    uint64_t run = 0;
-    for (int b = 0; b < 256; ++b) {
-        run += hist[b];
-        if (run > limit) return b;
-    }
-    return -1;
-}
-
 template <class T>
 void image_stats(const T *img, size_t pixels, int channels, uint32_t threshold, uint64_t *hist,
                  uint32_t *saturated) {
@@ -44,22 +34,9 @@ void image_stats(const T *img, size_t pixels, int channels, uint32_t threshold, 
 }
 
 uint32_t brightness_key(const uint64_t *hist, double pixels) {
-    const uint64_t half = static_cast<uint64_t>(static_cast<int>(0.5 * pixels));
-    const uint64_t p17 = static_cast<uint64_t>(static_cast<int>(0.17 * pixels));
-    const uint64_t p95 = static_cast<uint64_t>(static_cast<int>(0.95 * pixels));
-    const int b = first_bin_above(hist, half);
-    // Nearly white brackets rank by their dark tail, above every other.
-    auto white = [&] {
-        const int w = first_bin_above(hist, p17);
-        return w >= 0 ? 65536u + static_cast<uint32_t>(w) : 65792u;
-    };
-    if (b < 0) return white();
-    if (b < 5) {
-        const int d = first_bin_above(hist, p95);
-        return d >= 0 ? static_cast<uint32_t>(d) : 256u;
-    }
-    const uint32_t key = static_cast<uint32_t>(b) * 256u;
-    return key > 64512u ? white() : key;
+    // The fusion truncates its limits through int before ranking.
+    auto limit = [&](double f) { return static_cast<uint64_t>(static_cast<int>(f * pixels)); };
+    return static_cast<uint32_t>(hdrgen::histogram_key(hist, limit(0.5), limit(0.95), limit(0.17)));
 }
 
 template <class T>

@@ -21,6 +21,11 @@ ChannelOffsets stat_taps(int channels) noexcept;
 
 int median_stats(int n, int width, int height, int rowStride, int channels, int bits,
                  const void *data, int32_t *stats);
+// The brightness statistic of a 256-bin luma histogram, given its running-count
+// limits at 50, 95 and 17 %: median bin x 256; nearly black images rank by
+// their bright tail (below every other), nearly white ones by their dark tail
+// plus 65536 (above every other). Fusion orders its brackets by it too.
+int32_t histogram_key(const uint64_t hist[256], uint64_t lim50, uint64_t lim95, uint64_t lim17);
 // Brightest-first order of images with statistic >= 0; the others are
 // appended in ascending index order. `work` is scratch of n ints; -4 when
 // its own scratch cannot be had, else 0.

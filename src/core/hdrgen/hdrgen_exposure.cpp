@@ -120,23 +120,22 @@ int median_stats(int n, int width, int height, int rowStride, int channels, int 
         else if (bits == 16)
             luma_histogram(static_cast<const uint16_t *>(data) + k * image_samples, width, height,
                            rowStride, channels, hist);
-        const int m = first_bin_above(hist, lim50);
-        int32_t s;
-        if (m >= 0 && m < 5) {
-            // Nearly black: rank by the bright tail, below every normal image.
-            const int b = first_bin_above(hist, lim95);
-            s = b >= 0 ? b : 256;
-        } else {
-            s = m * 256;
-            if (m < 0 || s >= 64513) {
-                // Nearly white: rank by the dark tail, above every normal image.
-                const int b = first_bin_above(hist, lim17);
-                s = b >= 0 ? 65536 + b : 65792;
-            }
-        }
-        stats[k] = s;
+        stats[k] = histogram_key(hist, lim50, lim95, lim17);
     }
     return median_rank;
+}
+
+int32_t histogram_key(const uint64_t hist[256], uint64_t lim50, uint64_t lim95, uint64_t lim17) {
+    const int m = first_bin_above(hist, lim50);
+    if (m >= 0 && m < 5) {
+        // Nearly black: rank by the bright tail, below every normal image.
+        const int b = first_bin_above(hist, lim95);
+        return b >= 0 ? b : 256;
+    }
+    if (m >= 0 && m * 256 < 64513) return m * 256;
+    // Nearly white: rank by the dark tail, above every normal image.
+    const int b = first_bin_above(hist, lim17);
+    return b >= 0 ? 65536 + b : 65792;
 }
 
 int order_brightest_first(int n, const int32_t *stats, int32_t *work, int32_t *order) {
