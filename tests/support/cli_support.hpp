@@ -15,11 +15,11 @@ namespace bvtest {
 #ifdef BV_CLI_PATH
 inline const char *const kTool = BV_CLI_PATH;
 #else
-inline const char *const kTool = nullptr;
+inline const char *const kTool = "";  // empty: not built
 #endif
 
 #define BV_REQUIRE_TOOL() \
-    if (!bvtest::kTool)   \
+    if (!*bvtest::kTool)  \
     GTEST_SKIP() << "the brackvista tool is not built (BV_BUILD_CLI=OFF or no OpenImageIO)"
 
 using Args = std::vector<std::string>;
