@@ -167,13 +167,7 @@ int run_blend(int argc, char **argv) {
         records[k].slot[52] = layers[k].ev;
     }
     records[0].slot[55] = static_cast<float>(layers.size() - 1);
-    DimParam dim;
-    init_dim_param(&dim);
-    dim.width = set.width;
-    dim.height = set.height;
-    dim.channels = 3;
-    dim.bitsIn = set.bits;
-    dim.bitsOut = result.bits;
+    const DimParam dim = lib::rgb_dim(set.width, set.height, set.bits, result.bits);
     check_interrupted();
     const int rc = bv_blend(threads, static_cast<int>(inputs.size()), records.data(), evs.data(),
                             brush.empty() ? nullptr : brush.data(), set.data.data(), dim,

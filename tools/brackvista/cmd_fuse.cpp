@@ -10,6 +10,7 @@
 #include "cli.hpp"
 #include "fuse.hpp"
 #include "ghosts.hpp"
+#include "libcalls.hpp"
 #include "pipeline.hpp"
 
 namespace bvcli {
@@ -91,13 +92,7 @@ std::vector<uint8_t> fuse_brackets(const BracketSet &set, const FuseJob &job) {
         temps.paths = {src, wmap, wpyr};
         options |= 1ull << 32;
     }
-    DimParam dim;
-    init_dim_param(&dim);
-    dim.width = set.width;
-    dim.height = set.height;
-    dim.channels = 3;
-    dim.bitsIn = set.bits;
-    dim.bitsOut = job.bits;
+    const DimParam dim = lib::rgb_dim(set.width, set.height, set.bits, job.bits);
     // The library works in the output buffer: it spans 2 x 3 x pyram_len2 bytes.
     const size_t pixels = static_cast<size_t>(set.width) * set.height;
     const size_t bound =

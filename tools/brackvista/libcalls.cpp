@@ -173,13 +173,7 @@ void tonemap_rows(const TmParam &param, const LogLumStats &stats, int width, int
     p.slot[BV_TM_SLOT_REGION_SETS] = 0;  // no region sets follow
     p.slot[BV_TM_SLOT_FIRST_ROW] = 0;    // rows are chosen by the pointers below
     p.slot[BV_TM_SLOT_END_ROW] = 0;
-    DimParam dim;
-    init_dim_param(&dim);
-    dim.width = width;
-    dim.height = rows;
-    dim.channels = 3;
-    dim.bitsIn = is_float ? 32 : 8;
-    dim.bitsOut = bits;
+    DimParam dim = rgb_dim(width, rows, is_float ? 32 : 8, bits);
     dim.rowIn = width * 3;
     dim.rowOut = width * 3;
     dim.sourceKind = is_float ? BV_SOURCE_FLOAT_RGB : 0;

@@ -17,6 +17,18 @@ inline std::string code_text(int family, int code) {
 
 namespace lib {
 
+// Dimensions of packed 3-channel pictures, every other field at its default.
+inline DimParam rgb_dim(int width, int height, int bitsIn, int bitsOut) {
+    DimParam dim;
+    init_dim_param(&dim);
+    dim.width = width;
+    dim.height = height;
+    dim.channels = 3;
+    dim.bitsIn = bitsIn;
+    dim.bitsOut = bitsOut;
+    return dim;
+}
+
 // Relative exposure factors from camera data, in the order given: per bracket
 // {time num, time den, f-number num, f-number den, EV thousandths, ISO, 0}.
 std::vector<float> exposures_from_camera(std::vector<std::array<int32_t, 7>> records);
